@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string_view>
+
+#include "QuillmereKit/Platform/Enumeration.hpp"
+
+namespace quillmere {
+
+class JSONWriter;
+
+/// The two ends of a mood, the keys of every prompt map.
+enum class Anchor { calm, energetic };
+
+struct AnchorRow {
+    Anchor value;
+    std::string_view raw;
+    std::string_view label;
+};
+template <>
+inline constexpr auto enumTable<Anchor> = EnumTable<AnchorRow, 2>{{{
+    {Anchor::calm, "calm", "Calm"},
+    {Anchor::energetic, "energetic", "Energetic"},
+}}};
+static_assert(enumTable<Anchor>.isInCaseOrder());
+
+/// The name shown to the user.
+[[nodiscard]] constexpr std::string_view label(Anchor anchor) noexcept { return enumTable<Anchor>[anchor].label; }
+
+void encode(JSONWriter& writer, Anchor anchor);
+template <>
+Anchor decode<Anchor>(const JSONValue& value);
+
+}  // namespace quillmere

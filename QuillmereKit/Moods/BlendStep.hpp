@@ -1,0 +1,75 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "QuillmereKit/Moods/Anchor.hpp"
+#include "QuillmereKit/Platform/JSONReader.hpp"
+
+namespace quillmere {
+
+class JSONWriter;
+
+/// A position on the axis from a mood's calm end (0) to its energetic end (4).
+///
+/// A plain value. Made by the constructor the index lies in 0...4; only reading JSON takes any
+/// integer as it stands. Ordered by index.
+class BlendStep {
+public:
+    static constexpr int count = 5;  ///< Number of fine steps.
+    static const BlendStep calm;
+    static const BlendStep energetic;
+    [[nodiscard]] static const std::array<BlendStep, 5>& all() noexcept;
+
+    /// The steps of the coarse control: indices 0, 1 and 4. Deliberately not evenly spread.
+    [[nodiscard]] static const std::array<BlendStep, 3>& stops() noexcept;
+
+    /// Clamped to 0...4.
+    explicit constexpr BlendStep(std::int64_t index = 0) noexcept : index_(index < 0 ? 0 : index > 4 ? 4 : index) {}
+
+    /// The stop of the coarse control at `position`, 0.0 (calm) to 1.0 (energetic), halves rounded away from zero.
+    /// A position that is not finite, or beyond the signed 64-bit range, stops the process.
+    [[nodiscard]] static BlendStep atPosition(double position);
+
+    /// A step with an index as read from data, not clamped.
+    [[nodiscard]] static constexpr BlendStep unclamped(std::int64_t index) noexcept {
+        BlendStep step;
+        step.index_ = index;
+        return step;
+    }
+
+    [[nodiscard]] constexpr std::int64_t index() const noexcept { return index_; }
+    [[nodiscard]] double position() const;
+    [[nodiscard]] constexpr double weight() const noexcept { return static_cast<double>(index_) * 0.25; }
+    [[nodiscard]] std::string_view label() const;
+    [[nodiscard]] constexpr Anchor anchor() const noexcept { return weight() < 0.5 ? Anchor::calm : Anchor::energetic; }
+    [[nodiscard]] constexpr bool isAnchor() const noexcept { return index_ == 0 || index_ == 4; }
+
+    /// All five steps, nearest to this one first; of two equally near the lower first.
+    [[nodiscard]] std::array<BlendStep, 5> byProximity() const;
+
+    friend constexpr auto operator<=>(const BlendStep&, const BlendStep&) = default;
+
+private:
+    std::int64_t index_;
+};
+
+inline constexpr BlendStep BlendStep::calm{0};
+inline constexpr BlendStep BlendStep::energetic{4};
+
+/// {"index": integer}
+void encode(JSONWriter& writer, const BlendStep& step);
+template <>
+BlendStep decode<BlendStep>(const JSONValue& value);
+
+}  // namespace quillmere
+
+template <>
+struct std::hash<quillmere::BlendStep> {
+    std::size_t operator()(const quillmere::BlendStep& step) const noexcept {
+        return std::hash<std::int64_t>{}(step.index());
+    }
+};

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QuillmereKit/Platform/Calendar.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+
+namespace quillmere {
+
+/// What stands at a path, links not followed.
+struct FileFacts {
+    enum class Kind { regular, folder, link, other };
+    Kind kind = Kind::other;
+    std::uint64_t size = 0;  ///< Bytes; of a regular file.
+    Date modified;
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+};
+
+/// One entry of a folder.
+struct FolderEntry {
+    std::string name;
+    FileFacts::Kind kind = FileFacts::Kind::other;
+};
+
+// All functions are thread-safe, block on disk, retry interrupted calls and throw `FileError` with the
+// step, the path and the cause, except where they say otherwise.
+
+/// Writes a whole file so that it holds either its old content or all of the new, and the new survives
+/// a power cut once this returns: a fresh temporary file in the same folder (random name, never
+/// through a link), written, synced and closed, renamed over `file`, and the folder synced.
+///
+/// On any failure before the rename the temporary file is removed and `file` untouched. If only the
+/// last folder sync fails, the new content is in place and the error's `isInPlace()` is true. A failed
+/// sync is never retried.
+void writeDurably(const std::filesystem::path& file, std::string_view bytes);
+
+/// Whether a name is that of a temporary file of `writeDurably`, left behind by a crash.
+[[nodiscard]] bool isTemporaryFileName(std::string_view name) noexcept;
+
+/// The content of a regular file of at most `limit` bytes. A missing file is an error here.
+[[nodiscard]] std::string readFile(const std::filesystem::path& file, std::size_t limit);
+
+/// The same, or nothing if there is no file at `file`.
+[[nodiscard]] std::optional<std::string> readFileIfPresent(const std::filesystem::path& file, std::size_t limit);
+
+/// Creates a folder and its missing parents, each synced into its parent. An existing folder is fine.
+void createFolders(const std::filesystem::path& folder);
+
+/// What stands at `path`, or nothing where nothing does or it cannot be looked at. Does not throw.
+[[nodiscard]] std::optional<FileFacts> factsOf(const std::filesystem::path& path) noexcept;
+
+/// Whether something stands at `path`, links followed. Does not throw.
+[[nodiscard]] bool fileExists(const std::filesystem::path& path) noexcept;
+
+/// The entries of a folder, without `.` and `..`, in no particular order.
+[[nodiscard]] std::vector<FolderEntry> listFolder(const std::filesystem::path& folder);
+
+/// Flushes a regular file's content, or a folder's names, to the disk.
+void syncFile(const std::filesystem::path& file);
+void syncFolder(const std::filesystem::path& folder);
+
+/// Renames `from` to `to` on the same file system and syncs the folders; never over an existing file
+/// (the error's code is then `std::errc::file_exists`).
+void moveFile(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Copies a regular file durably; never over an existing file.
+void copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Removes one file or link, never a folder. Returns false if nothing was there.
+bool removeFile(const std::filesystem::path& file);
+
+/// Removes a folder with all it holds, following no link. Returns false if nothing was there.
+bool removeFolder(const std::filesystem::path& folder);
+
+/// Keeps a copy of `file` beside it, under its name without extension, "." + `reason` + "-" + time stamp +
+/// the extension ("manifest.unreadable-2024-05-01T10-20-30Z.json"; a number follows the stamp where the
+/// name is taken), and of such copies for this reason the newest three. The file itself stays. Returns the copy's path.
+std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::string_view reason, Date now);
+
+/// Moves `file` away under such a name, never over another file. Returns the new path.
+std::filesystem::path moveAside(const std::filesystem::path& file, std::string_view reason, Date now);
+
+}  // namespace quillmere

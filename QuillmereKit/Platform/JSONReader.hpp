@@ -1,0 +1,159 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "QuillmereKit/Platform/Errors.hpp"
+
+namespace quillmere {
+
+class JSONValue;
+
+/// Reads a `T` from a JSON value. Each type that has a JSON form specialises it beside its source:
+/// `template <> BlendStep decode<BlendStep>(const JSONValue& value);`
+/// Throws `JSONError` naming the key path below `value` if the value does not hold a `T`.
+template <class T>
+T decode(const JSONValue& value);
+
+template <>
+bool decode<bool>(const JSONValue& value);
+template <>
+std::int64_t decode<std::int64_t>(const JSONValue& value);
+template <>
+double decode<double>(const JSONValue& value);
+template <>
+std::string decode<std::string>(const JSONValue& value);
+
+/// One value inside a parsed `JSONDocument`: cheap to copy, valid as long as the document lives.
+///
+/// Typed access throws `JSONError` when the value is of another type: a boolean is not a number and a
+/// number is not text; 2.0 and 1e2 are integers, 2.5 and 2^63 are not; for a double any number in
+/// its range will do. Of a key given twice the first counts. Not bound to a thread.
+class JSONValue {
+public:
+    [[nodiscard]] bool isNull() const noexcept;
+    [[nodiscard]] bool isObject() const noexcept;
+    [[nodiscard]] bool isArray() const noexcept;
+    [[nodiscard]] bool isString() const noexcept;
+
+    [[nodiscard]] bool boolean() const;
+    [[nodiscard]] std::int64_t integer() const;
+    [[nodiscard]] double number() const;
+    /// The text, valid UTF-8, may hold U+0000; lives as long as the document.
+    [[nodiscard]] std::string_view string() const;
+
+    /// The member of an object with exactly this key, or nothing. Throws if this is not an object.
+    [[nodiscard]] std::optional<JSONValue> find(std::string_view key) const;
+
+    /// A required member. Throws if it is missing, null or not a `T`; the error names the key path.
+    template <class T>
+    [[nodiscard]] T member(std::string_view key) const;
+
+    /// An optional member: nothing when the key is missing or its value null; else as `member`.
+    template <class T>
+    [[nodiscard]] std::optional<T> optionalMember(std::string_view key) const;
+
+    /// Every element of an array, read as `T`. Throws if this is not an array; errors name the index.
+    template <class T>
+    [[nodiscard]] std::vector<T> elements() const;
+
+    /// The elements of an array as they are. Throws if this is not an array.
+    [[nodiscard]] std::vector<JSONValue> elements() const;
+
+    /// The members of an object in the text's order, keys given twice included. Throws if not an object.
+    [[nodiscard]] std::vector<std::pair<std::string_view, JSONValue>> members() const;
+
+    /// The value written again as compact JSON in its own key order: what a caller keeps of a value it does not know.
+    [[nodiscard]] std::string text() const;
+
+private:
+    friend class JSONDocument;
+    struct Access;
+    JSONValue() = default;
+    alignas(8) std::byte element_[16];  // the parser's own handle, kept out of this header
+};
+
+/// A parsed JSON text.
+///
+/// Takes strict JSON: UTF-8 only (a byte order mark before it is skipped), no text after the value,
+/// no lone surrogate escapes, at least 512 levels deep, and no recursion while parsing. Numbers of
+/// any size may stand where nobody asks for them. Movable; owns all text handed out.
+class JSONDocument {
+public:
+    /// Throws `JSONError` if `text` is not JSON.
+    [[nodiscard]] static JSONDocument parse(std::string_view text);
+
+    /// Reads and parses a regular file of at most `limit` bytes. Throws `FileError` or `JSONError`. Blocks on disk.
+    [[nodiscard]] static JSONDocument read(const std::filesystem::path& file, std::size_t limit);
+
+    JSONDocument(JSONDocument&&) noexcept;
+    JSONDocument& operator=(JSONDocument&&) noexcept;
+    ~JSONDocument();
+
+    [[nodiscard]] JSONValue root() const noexcept;
+
+private:
+    struct State;
+    explicit JSONDocument(std::unique_ptr<State> state) noexcept;
+    std::unique_ptr<State> state_;
+};
+
+/// Reads a whole text as one `T`. Throws `JSONError`.
+template <class T>
+[[nodiscard]] T decodeJSON(std::string_view text) {
+    return decode<T>(JSONDocument::parse(text).root());
+}
+
+namespace detail {
+template <class T>
+inline constexpr bool isVector = false;
+template <class T>
+inline constexpr bool isVector<std::vector<T>> = true;
+}  // namespace detail
+
+template <class T>
+T JSONValue::member(std::string_view key) const {
+    const auto found = find(key);
+    if (!found) throw JSONError("missing key").inMember(key);
+    try {
+        if constexpr (detail::isVector<T>) {
+            return found->template elements<typename T::value_type>();
+        } else {
+            return decode<T>(*found);
+        }
+    } catch (const JSONError& error) {
+        throw error.inMember(key);
+    }
+}
+
+template <class T>
+std::optional<T> JSONValue::optionalMember(std::string_view key) const {
+    const auto found = find(key);
+    if (!found || found->isNull()) return std::nullopt;
+    return member<T>(key);
+}
+
+template <class T>
+std::vector<T> JSONValue::elements() const {
+    const auto values = elements();
+    std::vector<T> result;
+    result.reserve(values.size());
+    for (std::size_t index = 0; index < values.size(); ++index) {
+        try {
+            result.push_back(decode<T>(values[index]));
+        } catch (const JSONError& error) {
+            throw error.inElement(index);
+        }
+    }
+    return result;
+}
+
+}  // namespace quillmere

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace quillmere {
+
+/// A writer setting that travels with the writer to the types that look for it.
+using JSONSetting = std::variant<bool, std::int64_t, double, std::string>;
+
+/// The settings of one write, by key.
+using JSONUserInfo = std::map<std::string, JSONSetting, std::less<>>;
+
+/// The key under which the truth value true makes writers leave out fields that only older readers
+/// need ("lively" of a mood specification, "eventfulness" of a quality record). A missing entry,
+/// another value or another type keeps them.
+inline constexpr std::string_view omitLegacyMusicFields = "Quillmere.omitLegacyMusicFields";
+
+/// Writes JSON in the one text form that all files of the library have, byte for byte.
+///
+/// Strings: `"` and `\` escaped, `/` as `\/`, `\b \t \n \f \r` by letter, other characters below
+/// U+0020 as `\u00xx` in lower case, all else raw UTF-8. Doubles: the shortest digits that read back
+/// equal; plain decimal from 1e-4 up to and including 2^53 in size (120.0 is `120`, negative zero
+/// `-0`), outside it as in `1.5e-05`, `1e+16`. A value type, not thread-safe.
+///
+/// Calls must nest properly; a call out of order stops the process.
+class JSONWriter {
+public:
+    enum class Form {
+        compact,  ///< No blanks, keys in the order they are written.
+        sorted,   ///< No blanks, keys in byte order at every level.
+        pretty,   ///< Keys in byte order, a line for each member and element, two blanks a level, `"key" : value`.
+    };
+
+    explicit JSONWriter(Form form, JSONUserInfo userInfo = {});
+
+    void beginObject();
+    void endObject();
+    void beginArray();
+    void endArray();
+
+    /// The key of the next value of the object. Throws `EncodingError` if it is not UTF-8.
+    void key(std::string_view key);
+
+    /// Throws `EncodingError` if `text` is not UTF-8.
+    void string(std::string_view text);
+    void integer(std::int64_t value);
+    void unsignedInteger(std::uint64_t value);
+    /// Throws `EncodingError` if `value` is not finite.
+    void number(double value);
+    void boolean(bool value);
+
+    /// A value that is already JSON in this writer's form, at the writer's present level.
+    void raw(std::string_view json);
+
+    /// One member: its key, then its value through `encode`.
+    template <class T>
+    void member(std::string_view name, const T& value) {
+        key(name);
+        encode(*this, value);
+    }
+    /// One member that is left out when absent.
+    template <class T>
+    void member(std::string_view name, const std::optional<T>& value) {
+        if (value) member(name, *value);
+    }
+    /// An array, each element through `encode`.
+    template <class T>
+    void array(const std::vector<T>& values) {
+        beginArray();
+        for (const auto& value : values) encode(*this, value);
+        endArray();
+    }
+
+    /// True when `key` is set to the truth value true.
+    [[nodiscard]] bool isSet(std::string_view key) const;
+
+    /// The text so far. Whole when every object and array was ended.
+    [[nodiscard]] const std::string& text() const noexcept { return text_; }
+    [[nodiscard]] std::string take() noexcept { return std::move(text_); }
+
+private:
+    std::string text_;
+    // The owner of this file completes the private part.
+};
+
+inline void encode(JSONWriter& writer, const std::string& value) { writer.string(value); }
+inline void encode(JSONWriter& writer, std::string_view value) { writer.string(value); }
+inline void encode(JSONWriter& writer, const char* value) { writer.string(value); }
+inline void encode(JSONWriter& writer, std::int64_t value) { writer.integer(value); }
+inline void encode(JSONWriter& writer, int value) { writer.integer(value); }
+inline void encode(JSONWriter& writer, double value) { writer.number(value); }
+inline void encode(JSONWriter& writer, bool value) { writer.boolean(value); }
+template <class T>
+void encode(JSONWriter& writer, const std::vector<T>& values) {
+    writer.array(values);
+}
+
+/// A whole value as JSON text. Throws `EncodingError`.
+template <class T>
+[[nodiscard]] std::string encodeJSON(const T& value, JSONWriter::Form form, JSONUserInfo userInfo = {}) {
+    JSONWriter writer(form, std::move(userInfo));
+    encode(writer, value);
+    return writer.take();
+}
+
+}  // namespace quillmere

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace quillmere {
+
+/// An incremental SHA-256 digest (FIPS 180-4). Not thread-safe; each computation owns one.
+class SHA256 {
+public:
+    using Digest = std::array<std::uint8_t, 32>;
+
+    SHA256();
+    SHA256(SHA256&&) noexcept;
+    SHA256& operator=(SHA256&&) noexcept;
+    ~SHA256();
+
+    void update(std::span<const std::byte> bytes);
+    void update(std::string_view text);
+
+    /// The digest of all bytes so far; the state then starts afresh.
+    [[nodiscard]] Digest finish();
+
+    /// The digest of one text. Thread-safe; reuses one context a thread.
+    [[nodiscard]] static Digest digest(std::string_view text);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+/// Two lower-case hexadecimal digits a byte, without separator.
+[[nodiscard]] std::string hexadecimal(std::span<const std::uint8_t> bytes);
+
+}  // namespace quillmere
