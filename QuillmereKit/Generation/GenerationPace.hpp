@@ -40,17 +40,25 @@ inline constexpr auto enumTable<GenerationPace> = EnumTable<GenerationPaceRow, 3
 static_assert(enumTable<GenerationPace>.isInCaseOrder());
 
 /// The name shown to the user.
-[[nodiscard]] constexpr std::string_view label(GenerationPace pace) noexcept { return enumTable<GenerationPace>[pace].label; }
+[[nodiscard]] constexpr std::string_view label(GenerationPace pace) noexcept {
+    return enumTable<GenerationPace>[pace].label;
+}
 /// One line that explains the choice.
-[[nodiscard]] constexpr std::string_view detail(GenerationPace pace) noexcept { return enumTable<GenerationPace>[pace].detail; }
+[[nodiscard]] constexpr std::string_view detail(GenerationPace pace) noexcept {
+    return enumTable<GenerationPace>[pace].detail;
+}
 /// How the system should rank the process.
 [[nodiscard]] constexpr ProcessQualityOfService processQualityOfService(GenerationPace pace) noexcept {
     return enumTable<GenerationPace>[pace].quality;
 }
 /// The break between two tracks, in seconds.
-[[nodiscard]] constexpr double interval(GenerationPace pace) noexcept { return enumTable<GenerationPace>[pace].interval; }
+[[nodiscard]] constexpr double interval(GenerationPace pace) noexcept {
+    return enumTable<GenerationPace>[pace].interval;
+}
 /// The share of wall time that rendering may take.
-[[nodiscard]] constexpr double dutyCycle(GenerationPace pace) noexcept { return enumTable<GenerationPace>[pace].dutyCycle; }
+[[nodiscard]] constexpr double dutyCycle(GenerationPace pace) noexcept {
+    return enumTable<GenerationPace>[pace].dutyCycle;
+}
 
 /// Whether generation may go on under this memory pressure.
 [[nodiscard]] bool permits(GenerationPace pace, GenerationMemoryPressure pressure) noexcept;

@@ -14,10 +14,11 @@ namespace quillmere {
 
 /// What every renderer offers.
 ///
-/// A renderer overrides the most capable `render` it can and inherits the rest (with `using GenerationService::render;`).
-/// A render blocks its caller, notices `stop` and then ends early, by throwing `CancellationError` or by returning; what it
-/// returns after that is deleted. Any other failure is an exception whose `what()` is the user's text.
-/// Callbacks may be called from any thread until `render` returns. Thread-safe: `engineBuild` while a render runs.
+/// A renderer overrides the most capable `render` it can and inherits the rest (with `using
+/// GenerationService::render;`). A render blocks its caller, notices `stop` and then ends early, by throwing
+/// `CancellationError` or by returning; what it returns after that is deleted. Any other failure is an exception whose
+/// `what()` is the user's text. Callbacks may be called from any thread until `render` returns. Thread-safe:
+/// `engineBuild` while a render runs.
 class GenerationService {
 public:
     using PartialHandler = std::function<void(const FileURL& url, double seconds)>;

@@ -44,12 +44,12 @@ public:
     struct Processing {
         friend bool operator==(const Processing&, const Processing&) = default;
     };
-    using Value = std::variant<Sampling, EncodingBlock, SamplingBlock, DecodingBlock, Preparing, Encoding, Decoding,
-                               Processing>;
+    using Value =
+        std::variant<Sampling, EncodingBlock, SamplingBlock, DecodingBlock, Preparing, Encoding, Decoding, Processing>;
 
     template <class Case>
-        requires std::is_constructible_v<Value, Case>
-    GenerationStage(Case value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
+    requires std::is_constructible_v<Value, Case> GenerationStage(Case value)
+        : value_(std::move(value)) {}  // NOLINT: converts on purpose
 
     /// The stage that one line of a renderer's progress output names, or nothing.
     [[nodiscard]] static std::optional<GenerationStage> fromEngineLine(std::string_view line);

@@ -25,14 +25,13 @@ struct LoopIdentity {
     std::int64_t recipe = currentRecipe;
 
     [[nodiscard]] Anchor anchor() const noexcept { return blend.anchor(); }
-    [[nodiscard]] bool isRecording() const noexcept {
-        return audio && audio->kind == AudioUse::Kind::recording;
-    }
+    [[nodiscard]] bool isRecording() const noexcept { return audio && audio->kind == AudioUse::Kind::recording; }
 
     /// 16 lower-case hexadecimal characters: the first 8 bytes of a SHA-256 over all fields. Computed at each call.
     [[nodiscard]] std::string fingerprint() const;
 
-    /// The piece's file name without extension: mood id, "_b", blend index, "_", fingerprint. The mood id is not escaped.
+    /// The piece's file name without extension: mood id, "_b", blend index, "_", fingerprint. The mood id is not
+    /// escaped.
     [[nodiscard]] std::string filename() const;
 
     friend bool operator==(const LoopIdentity&, const LoopIdentity&) = default;

@@ -36,8 +36,8 @@ public:
     [[nodiscard]] std::int64_t frames() const noexcept;
     [[nodiscard]] std::int64_t position() const noexcept;
 
-    /// Reads whole frames of 16-bit samples, interleaved, as many as fit in `samples`; returns the frames read, 0 at the
-    /// end. Requires 16-bit linear PCM. Throws `FileError` if the file ends before its frames do.
+    /// Reads whole frames of 16-bit samples, interleaved, as many as fit in `samples`; returns the frames read, 0 at
+    /// the end. Requires 16-bit linear PCM. Throws `FileError` if the file ends before its frames do.
     std::size_t read(std::span<std::int16_t> samples);
 
     /// Moves to a frame, 0...`frames()`.

@@ -31,9 +31,10 @@ bool coverTopic(std::string_view topic);
 
 /// A test `Vectors.Name` on every case of the topic file "topic.json"; the body sees one case as `vector`.
 ///
-///     QUILLMERE_VECTOR_TEST(BlendSteps, "blend-steps") { EXPECT_EQ(BlendStep(vector["index"].get<int>()).label(), ...); }
-#define QUILLMERE_VECTOR_TEST(Name, topic)                                                           \
-    static void checkVector##Name(const ::quillmere::test::VectorCase& vector);                      \
-    [[maybe_unused]] static const bool isCovered##Name = ::quillmere::test::coverTopic(topic);       \
-    TEST(Vectors, Name) { ::quillmere::test::forEachCase(topic, checkVector##Name); }                \
+///     QUILLMERE_VECTOR_TEST(BlendSteps, "blend-steps") { EXPECT_EQ(BlendStep(vector["index"].get<int>()).label(),
+///     ...); }
+#define QUILLMERE_VECTOR_TEST(Name, topic)                                                     \
+    static void checkVector##Name(const ::quillmere::test::VectorCase& vector);                \
+    [[maybe_unused]] static const bool isCovered##Name = ::quillmere::test::coverTopic(topic); \
+    TEST(Vectors, Name) { ::quillmere::test::forEachCase(topic, checkVector##Name); }          \
     static void checkVector##Name(const ::quillmere::test::VectorCase& vector)
