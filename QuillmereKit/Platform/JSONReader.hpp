@@ -112,19 +112,19 @@ template <class T>
     return decode<T>(JSONDocument::parse(text).root());
 }
 
-namespace detail {
+namespace implementation {
 template <class T>
 inline constexpr bool isVector = false;
 template <class T>
 inline constexpr bool isVector<std::vector<T>> = true;
-}  // namespace detail
+}  // namespace implementation
 
 template <class T>
 T JSONValue::member(std::string_view key) const {
     const auto found = find(key);
     if (!found) throw JSONError("missing key").inMember(key);
     try {
-        if constexpr (detail::isVector<T>) {
+        if constexpr (implementation::isVector<T>) {
             return found->template elements<typename T::value_type>();
         } else {
             return decode<T>(*found);
