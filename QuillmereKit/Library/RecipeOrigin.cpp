@@ -1,0 +1,18 @@
+#include "QuillmereKit/Library/RecipeOrigin.hpp"
+
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+namespace quillmere {
+
+void encode(JSONWriter& writer, const RecipeOrigin& origin) {
+    writer.beginObject();
+    writer.member("chip", origin.chip);
+    writer.endObject();
+}
+
+template <>
+RecipeOrigin decode<RecipeOrigin>(const JSONValue& value) {
+    return {.chip = value.member<std::string>("chip")};
+}
+
+}  // namespace quillmere
