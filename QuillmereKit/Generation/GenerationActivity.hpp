@@ -6,32 +6,40 @@
 
 namespace quillmere {
 
-/// What a renderer is doing between two reports. A plain value.
+/// What a renderer is doing between two reports. A plain value; equality by case and payload.
 class GenerationActivity {
 public:
+    /// The renderer is resting between two blocks.
     struct Waiting {
-        std::int64_t seconds = 0;  ///< It rests and goes on in that many seconds.
+        std::int64_t seconds = 0;  ///< It goes on in that many seconds.
         friend bool operator==(const Waiting&, const Waiting&) = default;
     };
+    /// The model's files are being loaded.
     struct Loading {
         friend bool operator==(const Loading&, const Loading&) = default;
     };
+    /// The model is computing.
     struct Running {
         friend bool operator==(const Running&, const Running&) = default;
     };
+    using Value = std::variant<Waiting, Loading, Running>;
 
     GenerationActivity(Waiting value) : value_(value) {}  // NOLINT: converts on purpose
     GenerationActivity(Loading value) : value_(value) {}  // NOLINT
     GenerationActivity(Running value) : value_(value) {}  // NOLINT
 
     [[nodiscard]] bool isWaiting() const noexcept { return std::holds_alternative<Waiting>(value_); }
+
+    /// One line for the user interface.
     [[nodiscard]] std::string label() const;
-    [[nodiscard]] const auto& value() const noexcept { return value_; }
+
+    /// The case with its payload, for `std::visit` and `std::get_if`.
+    [[nodiscard]] const Value& value() const noexcept { return value_; }
 
     friend bool operator==(const GenerationActivity&, const GenerationActivity&) = default;
 
 private:
-    std::variant<Waiting, Loading, Running> value_;
+    Value value_;
 };
 
 }  // namespace quillmere

@@ -9,15 +9,18 @@ namespace quillmere {
 
 class JSONWriter;
 
-/// The system's memory pressure.
+/// The system's memory pressure. Never stored.
 enum class GenerationMemoryPressure { normal, warning, critical };
 
-/// How hard the computer may work on new music.
+/// How hard the computer may work on new music: how long the breaks between tracks are, and how much of the machine
+/// a render may take.
 enum class GenerationPace { gentle, background, fast };
 
-/// The process quality-of-service classes of the desktop platform, by their platform values.
+/// The process quality-of-service classes, by the desktop platform's values; `standard` is its default class. A
+/// system without them maps them to its own process priorities.
 enum class ProcessQualityOfService { background = 9, standard = -1, userInitiated = 25 };
 
+/// A row of the table of paces.
 struct GenerationPaceRow {
     GenerationPace value;
     std::string_view raw;
@@ -51,11 +54,11 @@ static_assert(enumTable<GenerationPace>.isInCaseOrder());
 [[nodiscard]] constexpr ProcessQualityOfService processQualityOfService(GenerationPace pace) noexcept {
     return enumTable<GenerationPace>[pace].quality;
 }
-/// The break between two tracks, in seconds.
+/// The break between two tracks, in seconds. For whoever spaces the requests: the queue never waits.
 [[nodiscard]] constexpr double interval(GenerationPace pace) noexcept {
     return enumTable<GenerationPace>[pace].interval;
 }
-/// The share of wall time that rendering may take.
+/// The share of wall time that rendering may take, 0...1: at 0.1 the renderer works one part and rests nine.
 [[nodiscard]] constexpr double dutyCycle(GenerationPace pace) noexcept {
     return enumTable<GenerationPace>[pace].dutyCycle;
 }
@@ -66,7 +69,9 @@ static_assert(enumTable<GenerationPace>.isInCaseOrder());
 /// Reads a pace saved by an earlier version: the old "gentle" is today's `background`. Nothing for unknown text.
 [[nodiscard]] std::optional<GenerationPace> restoredLegacyPace(std::string_view text) noexcept;
 
+/// Written as its raw value.
 void encode(JSONWriter& writer, GenerationPace pace);
+/// Throws `JSONError` for any other text or type.
 template <>
 GenerationPace decode<GenerationPace>(const JSONValue& value);
 

@@ -16,8 +16,10 @@ namespace quillmere {
 ///
 /// A renderer overrides the most capable `render` it can and inherits the rest (with `using
 /// GenerationService::render;`). A render blocks its caller, notices `stop` and then ends early, by throwing
-/// `CancellationError` or by returning; what it returns after that is deleted. Any other failure is an exception whose
-/// `what()` is the user's text. Callbacks may be called from any thread until `render` returns. Thread-safe:
+/// `CancellationError` or by returning; what it returns after that is deleted. A callback on `stop` must only ask the
+/// work to end and return at once. Any other failure is an exception whose `what()` is the user's text.
+///
+/// Callbacks are never empty, may be called from any thread, and only until `render` returns. Thread-safe:
 /// `engineBuild` while a render runs.
 class GenerationService {
 public:
