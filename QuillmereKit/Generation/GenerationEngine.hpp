@@ -14,6 +14,7 @@ class JSONWriter;
 /// The runtimes that can run a model.
 enum class GenerationEngine { mlx, stableAudioCoreML };
 
+/// One row of the engines' table.
 struct GenerationEngineRow {
     GenerationEngine value;
     std::string_view raw;
@@ -51,8 +52,9 @@ static_assert(enumTable<GenerationEngine>.isInCaseOrder());
 [[nodiscard]] std::string identityModel(GenerationEngine engine, GenerationModel model);
 
 /// The engine that one of the four known identity-model strings names, or nothing.
-[[nodiscard]] std::optional<GenerationEngine> engineOfIdentityModel(std::string_view text) noexcept;
+[[nodiscard]] std::optional<GenerationEngine> engineOfIdentityModel(std::string_view text);
 
+/// Written and read as the raw value, such as "mlx". Any other text is a `JSONError`.
 void encode(JSONWriter& writer, GenerationEngine engine);
 template <>
 GenerationEngine decode<GenerationEngine>(const JSONValue& value);

@@ -12,6 +12,7 @@ class JSONWriter;
 /// The generative models: a fuller and a lighter one.
 enum class GenerationModel { medium, smallMusic };
 
+/// One row of the models' table.
 struct GenerationModelRow {
     GenerationModel value;
     std::string_view raw;
@@ -60,6 +61,7 @@ inline constexpr double trackSeconds = 120.0;
 /// The model that an identity-model string of any version and engine was made with, or nothing.
 [[nodiscard]] std::optional<GenerationModel> cachedModel(std::string_view text) noexcept;
 
+/// Written and read as the raw value, such as "small-music". Any other text is a `JSONError`.
 void encode(JSONWriter& writer, GenerationModel model);
 template <>
 GenerationModel decode<GenerationModel>(const JSONValue& value);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -14,17 +16,19 @@ struct LoopIdentity {
     /// The version of the generation recipe that every newly requested identity carries.
     static constexpr std::int64_t currentRecipe = 1;
 
-    std::string moodID;           ///< The mood the piece belongs to.
-    BlendStep blend;              ///< Position between the calm and the energetic end.
-    std::string calmPrompt;       ///< Prompt text of the calm end.
-    std::string energeticPrompt;  ///< Prompt text of the energetic end.
-    std::int64_t seed = 0;
-    std::string model;                  ///< The identity-model string, such as "sa3_medium_mlx_v2".
-    std::optional<std::string> prompt;  ///< A complete prompt that replaces the blended one.
-    std::optional<AudioUse> audio;      ///< Guide audio used for the generation.
-    std::int64_t recipe = currentRecipe;
+    std::string moodID;                   ///< The mood the piece belongs to.
+    BlendStep blend;                      ///< Position between the calm and the energetic end.
+    std::string calmPrompt;               ///< Prompt text of the calm end.
+    std::string energeticPrompt;          ///< Prompt text of the energetic end.
+    std::int64_t seed = 0;                ///< Generation seed.
+    std::string model;                    ///< The identity-model string, such as "sa3_medium_mlx_v2".
+    std::optional<std::string> prompt;    ///< A complete prompt that replaces the blended one.
+    std::optional<AudioUse> audio;        ///< Guide audio used for the generation.
+    std::int64_t recipe = currentRecipe;  ///< Version of the generation recipe that made the piece.
 
+    /// The end that the blend step belongs to.
     [[nodiscard]] Anchor anchor() const noexcept { return blend.anchor(); }
+    /// Whether the piece was generated from a recording.
     [[nodiscard]] bool isRecording() const noexcept { return audio && audio->kind == AudioUse::Kind::recording; }
 
     /// 16 lower-case hexadecimal characters: the first 8 bytes of a SHA-256 over all fields. Computed at each call.
@@ -37,6 +41,8 @@ struct LoopIdentity {
     friend bool operator==(const LoopIdentity&, const LoopIdentity&) = default;
 };
 
+/// {"moodID": text, "blend": {"index": integer}, "calmPrompt": text, "energeticPrompt": text, "seed": integer,
+/// "model": text, "prompt": text, "audio": audio use, "recipe": integer}; prompt and audio only where present.
 void encode(JSONWriter& writer, const LoopIdentity& identity);
 template <>
 LoopIdentity decode<LoopIdentity>(const JSONValue& value);

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "QuillmereKit/Moods/SoundGuide.hpp"
 #include "QuillmereKit/Platform/Enumeration.hpp"
@@ -23,6 +25,7 @@ struct AudioUse {
     friend bool operator==(const AudioUse&, const AudioUse&) = default;
 };
 
+/// One row of the kinds' table.
 struct AudioUseKindRow {
     AudioUse::Kind value;
     std::string_view raw;
@@ -34,6 +37,10 @@ inline constexpr auto enumTable<AudioUse::Kind> = EnumTable<AudioUseKindRow, 2>{
 }}};
 static_assert(enumTable<AudioUse::Kind>.isInCaseOrder());
 
+template <>
+AudioUse::Kind decode<AudioUse::Kind>(const JSONValue& value);
+
+/// {"guide": sound guide, "offset": integer, "kind": "song" or "recording"}, all required.
 void encode(JSONWriter& writer, const AudioUse& use);
 template <>
 AudioUse decode<AudioUse>(const JSONValue& value);

@@ -30,9 +30,17 @@ struct SoundGuide {
     double sourceOffset = 0;                          ///< Where in the source the guide was cut, in seconds.
     double strength = defaultStrength;                ///< How strongly the guide steers.
 
+    /// Length in seconds.
     [[nodiscard]] double seconds() const noexcept { return static_cast<double>(sampleCount) / 44100.0; }
+    /// The name of the latent file: `storageID` and ".safetensors".
     [[nodiscard]] std::string fileName() const;
+    /// A copy whose latent file belongs to the mood `id`.
     [[nodiscard]] SoundGuide storedAs(std::string id) const;
+
+    /// Whether the fields name a guide that can be used: the current format, a digest, a storage name of 1...128
+    /// ASCII letters, digits and "-", at least one sample and as many latent frames as they fill (one more where they
+    /// fill the last one exactly), a strength of 0.01...1.0 (deliberately more than the user can set) and a finite
+    /// source offset.
     [[nodiscard]] bool isValid() const noexcept;
 
     /// The start of a window of `seconds`, in latent frames: the same for the same guide and seed.
@@ -42,6 +50,8 @@ struct SoundGuide {
     friend bool operator==(const SoundGuide&, const SoundGuide&) = default;
 };
 
+/// {"format": text, "assetID": text, "storageID": text, "model": text, "sampleCount": integer, "latentCount": integer,
+/// "sourceName": text, "sourceOffset": number, "strength": number}, all required.
 void encode(JSONWriter& writer, const SoundGuide& guide);
 template <>
 SoundGuide decode<SoundGuide>(const JSONValue& value);
