@@ -25,27 +25,34 @@ private:
 
 /// The right of one process to write in a folder, kept as a lock on a file in it.
 ///
-/// The operating system frees the lock when the process ends in whatever way. Several users in one
-/// process share it; it is freed when the last copy of the shared handle goes. Thread-safe.
+/// The operating system frees the lock when the process ends in whatever way; a program that it starts does not
+/// inherit it. (A copy of the process made by `fork` alone shares it until it runs another program or ends.)
+/// Several users in one process share it; it is freed when the last handle goes. The lock file stays:
+/// removing it could take it away from under the next owner. Thread-safe; blocks on disk, but never on another's lock.
 class FolderLock {
 public:
     /// Takes the lock on `lockFile` (made if missing), or shares this process's own. Returns nothing if another process
-    /// holds it or the file cannot be made; never waits.
+    /// holds it or the file cannot be made; never waits. Anything but a regular file is refused, links too.
     [[nodiscard]] static std::shared_ptr<FolderLock> tryAcquire(const std::filesystem::path& lockFile);
 
-    /// Whether any process, this one included, holds the lock now.
+    /// Whether any process, this one included, holds the lock now. False if there is no lock file; true where that
+    /// cannot be told, because "free" is what others act on.
     [[nodiscard]] static bool isHeld(const std::filesystem::path& lockFile) noexcept;
 
     /// Who holds it, from the lock file's text; "another process" where that cannot be told.
     [[nodiscard]] static std::string holder(const std::filesystem::path& lockFile);
+
+    /// Whether the file at the path is still the one that is locked. Somebody may have removed or replaced it since;
+    /// then another process can lock the new one.
+    [[nodiscard]] bool isInForce() const noexcept;
 
     ~FolderLock();
     FolderLock(const FolderLock&) = delete;
     FolderLock& operator=(const FolderLock&) = delete;
 
 private:
-    FolderLock() = default;
     struct State;
+    explicit FolderLock(std::unique_ptr<State> state) noexcept;
     std::unique_ptr<State> state_;
 };
 

@@ -15,10 +15,14 @@ public:
     /// the running program, else `Resources` beside it.
     [[nodiscard]] static ResourceBundle main();
 
-    /// The library's own resources, found from its build tree, from an installation, and when linked statically.
+    /// The library's own resources: the folder that `QUILLMERE_KIT_RESOURCES` names, else `share/quillmerekit` of the
+    /// installation in which the library, or the program that it is linked into, lies, else `QuillmereKit/Resources` of
+    /// the source tree that it was built from, else the folder it was configured to be installed to.
     [[nodiscard]] static ResourceBundle library();
 
-    /// The file "name.extension" in the bundle, or in its `subfolder` where one is given; nothing if it is not there.
+    /// The file "name.extension" in the bundle, or in its `subfolder` where one is given; nothing if it is not there or
+    /// is no regular file. Where the name is a link, as in some installations, the path is that of the file behind it.
+    /// Names with a "/" in them are not looked for.
     [[nodiscard]] std::optional<std::filesystem::path> resource(std::string_view name, std::string_view extension,
                                                                 std::string_view subfolder = {}) const;
 
