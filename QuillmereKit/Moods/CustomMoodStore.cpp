@@ -1,0 +1,125 @@
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/JSONReader.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
+
+namespace quillmere {
+namespace {
+
+std::filesystem::path defaultFile() {
+    const auto folder = UserFolders::applicationData();
+    return folder ? *folder / "Moods.json" : std::filesystem::path();
+}
+
+std::filesystem::path sharedFile() {
+    if (!UserFolders::isAutomatedHarness()) return defaultFile();
+    return UserFolders::temporary() / ("quillmere-moods-" + std::to_string(::getpid()) + ".json");
+}
+
+/// {"version": 1, "moods": [mood specification]}
+std::string encodeFile(const std::vector<MoodSpec>& specs) {
+    JSONWriter writer(JSONWriter::Form::pretty);
+    writer.beginObject();
+    writer.member("version", 1);
+    writer.member("moods", specs);
+    writer.endObject();
+    return writer.take();
+}
+
+std::vector<MoodSpec> decodeFile(std::string_view text) {
+    const auto document = JSONDocument::parse(text);
+    (void)document.root().member<std::int64_t>("version");  // must be there, whatever it is
+    return document.root().member<std::vector<MoodSpec>>("moods");
+}
+
+}  // namespace
+
+CustomMoodStore::World::World() : now(&std::chrono::system_clock::now), write(&writeDurably) {}
+
+CustomMoodStore& CustomMoodStore::shared() {
+    static CustomMoodStore store(sharedFile());
+    return store;
+}
+
+CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, World world)
+    : file_(file ? std::move(*file) : defaultFile()), world_(std::move(world)) {
+    load();
+}
+
+void CustomMoodStore::load() {
+    if (file_.empty()) return;
+    try {
+        if (const auto text = readFileIfPresent(file_, mostBytes)) specs_ = decodeFile(*text);
+        return;
+    } catch (const Error&) {
+        // Nobody could act on it here; the file is kept instead.
+    }
+    try {
+        moveAside(file_, "unreadable", world_.now());
+    } catch (const FileError&) {
+        isUnreadableInPlace_ = true;
+    }
+}
+
+std::vector<MoodSpec> CustomMoodStore::all() const {
+    const std::lock_guard lock(mutex_);
+    return specs_;
+}
+
+std::optional<MoodSpec> CustomMoodStore::spec(std::string_view id) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find(specs_, id, &MoodSpec::id);
+    if (found == specs_.end()) return std::nullopt;
+    return *found;
+}
+
+void CustomMoodStore::save(MoodSpec spec) {
+    update([&](std::vector<MoodSpec>& specs) {
+        const auto same = std::ranges::find(specs, spec.id, &MoodSpec::id);
+        if (same != specs.end()) {
+            *same = std::move(spec);
+        } else {
+            specs.insert(specs.begin(), std::move(spec));
+        }
+    });
+}
+
+void CustomMoodStore::remove(std::string_view id) {
+    update([&](std::vector<MoodSpec>& specs) {
+        std::erase_if(specs, [&](const MoodSpec& spec) { return spec.id == id; });
+    });
+}
+
+void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& change) {
+    const std::lock_guard lock(mutex_);
+    auto next = specs_;
+    change(next);
+
+    if (file_.empty()) {
+        throw FileError("find the user's data folder", file_, make_error_code(std::errc::no_such_file_or_directory));
+    }
+    createFolders(file_.parent_path());
+    const std::string text = encodeFile(next);
+    if (text.size() > mostBytes) throw FileError("write", file_, make_error_code(std::errc::file_too_large));
+    if (isUnreadableInPlace_ && factsOf(file_)) keepCopyAside(file_, "unreadable", world_.now());
+    isUnreadableInPlace_ = false;
+    try {
+        world_.write(file_, text);
+    } catch (const FileError& error) {
+        if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
+        throw;
+    }
+    specs_ = std::move(next);
+}
+
+}  // namespace quillmere
