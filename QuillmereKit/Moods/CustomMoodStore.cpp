@@ -21,6 +21,13 @@ std::filesystem::path defaultFile() {
     return folder ? *folder / "Moods.json" : std::filesystem::path();
 }
 
+/// The file that a relative path names now, whatever the working folder will be.
+std::filesystem::path wholePath(const std::filesystem::path& file) {
+    std::error_code error;
+    auto whole = std::filesystem::absolute(file, error);
+    return error ? file : whole;
+}
+
 std::filesystem::path sharedFile() {
     if (!UserFolders::isAutomatedHarness()) return defaultFile();
     return UserFolders::temporary() / ("quillmere-moods-" + std::to_string(::getpid()) + ".json");
@@ -52,7 +59,7 @@ CustomMoodStore& CustomMoodStore::shared() {
 }
 
 CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, World world)
-    : file_(file ? std::move(*file) : defaultFile()), world_(std::move(world)) {
+    : file_(file ? wholePath(*file) : defaultFile()), world_(std::move(world)) {
     load();
 }
 
