@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QuillmereKit/Library/LoopArtifact.hpp"
 #include "QuillmereKit/Platform/ResourceBundle.hpp"
@@ -15,48 +17,152 @@
 
 namespace quillmere {
 
-/// The library of generated music on disk: one folder of audio files and a manifest that lists them.
+/// The library of generated music on disk: one folder of audio files, and a manifest that lists a `LoopArtifact` for
+/// each of them, by fingerprint.
 ///
-/// Thread-safe: one plain mutex, held for the whole of each operation; `discard` runs under it and must not call back.
-/// Blocks on disk: construction and every operation that changes something.
+/// What others say is not believed. A file is the store's own when it is a regular file whose path lies below the
+/// folder's without a link on the way; this is looked at again at the moment of removing it. Pieces whose files lie
+/// elsewhere are loaded and played, but their files are never removed, moved, overwritten or counted. A manifest that
+/// cannot be read, or of which entries were dropped, is kept beside the new one before the first save.
+///
+/// One process writes: it holds a lock on ".lock" in the folder as long as any store is open on it. In another process
+/// the store loads, answers and plays, but removes nothing, and its saves fail with `LibraryInUse` until it is opened
+/// again. Stores of one process on one folder are views of the same library: what one adds, all see.
+///
+/// Thread-safe: one plain mutex for each folder, held for the whole of each operation. Two kinds of callables run under
+/// it and must not call back into a store: `discard`, and the predicate of `trash`.
+/// Blocks on disk: construction, and every member that changes something or says so.
 class LoopStore {
 public:
-    /// Removes a file or folder for the store; true on success.
+    /// Removes a file or folder for the store; true if it is gone from its place. An exception counts as false.
     using Discard = std::function<bool(const FileURL&)>;
 
-    /// The process-wide store, made on first use in the default folder.
+    /// A piece that ships with the application: one element of the resource "seeds.json".
+    struct BundledSeed {
+        std::string file;  ///< Name of the audio resource, without its extension "m4a".
+        LoopIdentity identity;
+        double seconds = 0;
+        std::optional<double> seamDB;
+        std::optional<LoopQuality> quality;
+        std::optional<double> leadIn;
+        std::optional<std::vector<std::string>> replaces;  ///< Fingerprints of pieces that this one takes the place of.
+
+        friend bool operator==(const BundledSeed&, const BundledSeed&) = default;
+    };
+
+    /// The process-wide store, made on first use: default folder, the application's resources, the user's trash. Under
+    /// the automated harness its folder is "quillmere-loops-" and the process id, among the temporary files.
     [[nodiscard]] static const std::shared_ptr<LoopStore>& shared();
 
-    /// Opens the store in `directory` (default: "Loops" in the application's data folder). Never fails: what cannot be
-    /// read is left out and kept.
+    /// Opens the store in `directory`, making it if needed (default: "Loops" in the application's data folder; a user
+    /// without one stops the process), and imports the seeds of `bundle` that it does not hold yet. `discard` defaults
+    /// to moving to the user's trash.
+    ///
+    /// Never fails: a folder that cannot be made, a missing or damaged manifest or a missing seed leaves the store with
+    /// fewer pieces. An entry counts only if its file exists and is a regular file; a disk that cannot tell is given
+    /// the benefit of the doubt.
     explicit LoopStore(std::optional<std::filesystem::path> directory = std::nullopt,
                        ResourceBundle bundle = ResourceBundle::main(), Discard discard = {});
     ~LoopStore();
     LoopStore(const LoopStore&) = delete;
     LoopStore& operator=(const LoopStore&) = delete;
 
+    /// The folder, absolute and made standard. Where this process already has the folder open under another name (a
+    /// link), that name.
     [[nodiscard]] const std::filesystem::path& directory() const noexcept;
 
+    /// The stored piece with this identity's fingerprint.
     [[nodiscard]] std::optional<LoopArtifact> artifact(const LoopIdentity& identity) const;
     [[nodiscard]] bool contains(const LoopIdentity& identity) const;
     [[nodiscard]] std::size_t count() const;
     [[nodiscard]] std::size_t count(std::string_view moodID) const;
 
-    /// Stores a piece and saves the manifest; a failed save is kept as `lastSaveError`.
+    /// Stores a piece, replacing the one with its fingerprint, and saves the manifest with all pieces whose files lie
+    /// inside the folder. The piece's own audio is made durable first. A failed save is kept as `lastSaveError`; the
+    /// piece stays stored in memory, and the next save tries again.
     void add(LoopArtifact artifact);
-    /// The same, but the manifest is durable when this returns. Throws `FileError`, `LibraryInUse` or `EncodingError`;
-    /// the piece then stays in memory.
+
+    /// The same for the caller who has to know: when this returns, the manifest on disk lists the piece and would
+    /// survive a power cut. The manifest is then written in the form meant for people, and also lists the pieces whose
+    /// files lie outside the folder, until the next ordinary save. Throws `FileError`, `LibraryInUse` or, for a piece
+    /// that JSON cannot hold, `EncodingError`; the piece then stays in memory.
     void addPersistent(LoopArtifact artifact);
-    /// Removes a stray file that no piece refers to; whether anything was removed.
+
+    /// Removes, through `discard`, a file inside the folder that no piece uses: the result of a cancelled render. Also
+    /// removes the working folder "Render-…" directly in the store's folder that it leaves empty, but for a lock file
+    /// that nobody holds. Returns whether anything was removed. False, with nothing touched, for files outside the
+    /// folder or behind a link, for what is no regular file, for files that a piece uses, however its URL is spelled,
+    /// and for the store's own records.
     bool discardUnstored(const FileURL& url);
+
+    /// Keeps pieces as they are while `owner` plays them; replaces what the owner protected before. An empty set ends
+    /// the protection. In memory only.
     void protectFromMigration(std::set<std::string> fingerprints, const UUID& owner);
 
-    /// Why the last save failed, until one succeeds.
+    // Pools. All lists are sorted by fingerprint, ascending, and are copies; their cost grows with the mood, not
+    // with the library.
+
+    /// The pieces of a mood at one blend step; made with exactly this identity-model string where one is given.
+    [[nodiscard]] std::vector<LoopArtifact> pool(std::string_view moodID, BlendStep blend,
+                                                 std::optional<std::string_view> model = std::nullopt) const;
+
+    /// The same at all blend steps.
+    [[nodiscard]] std::vector<LoopArtifact> pool(std::string_view moodID,
+                                                 std::optional<std::string_view> model = std::nullopt) const;
+
+    /// The pieces of a mood that may be played now: those that still belong to their mood (see
+    /// `LoopArtifact::isPlayable`) and are not among `excluding`, a set of fingerprints.
+    ///
+    /// A preferred identity-model string narrows the choice as far as there is music for it: to pieces made with
+    /// exactly this string; else with the same model on any engine; else with any known model; else nothing is
+    /// narrowed. Recordings always stay in.
+    [[nodiscard]] std::vector<LoopArtifact> playbackPool(std::string_view moodID,
+                                                         std::optional<std::string_view> preferredModel,
+                                                         const std::set<std::string>& excluding) const;
+
+    /// The piece of a mood with the lowest fingerprint at the blend step nearest to `blend` that has any; of two steps
+    /// equally near the lower counts. Whether the piece still belongs to its mood does not matter here. The lock is
+    /// taken once for each step.
+    [[nodiscard]] std::optional<LoopArtifact> nearestCached(std::string_view moodID, BlendStep blend) const;
+
+    // Housekeeping.
+
+    /// Deletes the store's own pieces whose fingerprints are not in `keeping`, files and entries, but never a
+    /// recording. Returns how many went. A file that cannot be deleted, or that a remaining piece uses too, stays, and
+    /// the entry goes all the same. A failed save is kept as `lastSaveError`. In a library that another process holds
+    /// nothing is deleted.
+    std::int64_t prune(const std::set<std::string>& keeping);
+
+    /// Moves the files of the store's own pieces for which `predicate` holds away through `discard`, drops the pieces
+    /// for which that worked, and returns these. A file that another remaining piece uses is not moved. A failed save
+    /// is kept as `lastSaveError`. In a library that another process holds nothing is moved.
+    std::vector<LoopArtifact> trash(const std::function<bool(const LoopArtifact&)>& predicate);
+
+    /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks the disk for each.
+    [[nodiscard]] std::int64_t bytesOnDisk() const;
+
+    /// The pieces without a loudness measurement, by fingerprint.
+    [[nodiscard]] std::vector<LoopArtifact> loudnessCandidates() const;
+
+    /// Stores a measurement of exactly this piece and saves the manifest. False, with nothing changed, if the piece
+    /// has changed or gone since, or its file is not there. Throws `EncodingError`, with nothing changed, for a
+    /// measurement that is not finite; `FileError` or `LibraryInUse` if the save fails: the measurement then stays in
+    /// memory.
+    bool setLoudness(const AudioLoudness& loudness, const LoopArtifact& artifact);
+
+    /// Why the last save failed, or which pieces it had to leave out, until a save succeeds with all. A sentence for
+    /// the user.
     [[nodiscard]] std::optional<std::string> lastSaveError() const;
 
 private:
     struct State;
-    std::unique_ptr<State> state_;
+    const std::shared_ptr<State> state_;
+    const Discard discard_;
 };
+
+/// {"file": string, "identity": identity, "seconds": number, "seamDB"?: number, "quality"?: quality, "leadIn"?: number,
+/// "replaces"?: [string]}
+template <>
+LoopStore::BundledSeed decode<LoopStore::BundledSeed>(const JSONValue& value);
 
 }  // namespace quillmere

@@ -1,0 +1,275 @@
+#include "QuillmereKit/Library/LoopFolder.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "QuillmereKit/Platform/JSONReader.hpp"
+
+namespace quillmere {
+namespace {
+
+constexpr std::size_t manifestLimit = std::size_t{1} << 30;
+
+// What is known of an entry's file. Only certain absence drops an entry: a disk that cannot answer proves nothing.
+enum class Presence { regular, absent, unknown };
+
+Presence presenceOf(const std::filesystem::path& file) {
+    std::error_code error;
+    const auto status = std::filesystem::status(file, error);
+    switch (status.type()) {
+        case std::filesystem::file_type::regular: return Presence::regular;
+        case std::filesystem::file_type::none:
+        case std::filesystem::file_type::unknown: {
+            const bool isNoFile = error == std::errc::too_many_symbolic_link_levels ||
+                                  error == std::errc::filename_too_long || error == std::errc::not_a_directory;
+            return isNoFile ? Presence::absent : Presence::unknown;
+        }
+        default: return Presence::absent;  // nothing, or nothing that may be opened: a folder, a device, a fifo
+    }
+}
+
+// Whether somebody holds a lock file that is there.
+bool isHeld(const std::filesystem::path& lockFile) {
+    const auto facts = factsOf(lockFile);
+    return facts && facts->kind == FileFacts::Kind::regular && FolderLock::isHeld(lockFile);
+}
+
+bool isSameFile(const std::optional<FileFacts>& a, const std::optional<FileFacts>& b) {
+    if (!a || !b) return !a && !b;
+    return a->device == b->device && a->inode == b->inode && a->size == b->size && a->modified == b->modified;
+}
+
+// One place for what nobody could act on: a folder that cannot be made, a leftover that cannot be removed.
+template <class Action>
+void ignoringFailure(const Action& action) {
+    try {
+        action();
+    } catch (const FileError&) {
+    }
+}
+
+}  // namespace
+
+LoopFolder::LoopFolder(std::filesystem::path path)
+    : files_(std::move(path)),
+      manifestFile_(files_.path() / "manifest.json"),
+      urlPrefix_(FileURL::fromPath(files_.path()).text() + "/") {
+    ignoringFailure([&] { createFolders(this->path()); });
+    lock_ = FolderLock::tryAcquire(lockFile());
+    if (!lock_ && isHeld(lockFile())) holder_ = FolderLock::holder(lockFile());
+}
+
+std::optional<std::filesystem::path> LoopFolder::fileOf(const FileURL& url) {
+    if (!url.isFile()) return std::nullopt;
+    auto path = url.path();
+    if (!path.is_absolute() || path.native().find('\0') != std::string::npos) return std::nullopt;
+    return path;
+}
+
+// The name of a file directly in the folder, for the URLs that this library writes itself: one comparison of texts.
+std::optional<std::string_view> LoopFolder::plainName(const FileURL& url) const noexcept {
+    const std::string_view text = url.text();
+    if (!text.starts_with(urlPrefix_)) return std::nullopt;
+    const auto name = text.substr(urlPrefix_.size());
+    const auto isPlain = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+               c == '.';
+    };
+    if (name.empty() || name == "." || name == ".." || !std::ranges::all_of(name, isPlain)) return std::nullopt;
+    return name;
+}
+
+bool LoopFolder::isRegularFile(const FileURL& url) {
+    const auto file = fileOf(url);
+    return file && presenceOf(*file) == Presence::regular;
+}
+
+LoopTable::Place LoopFolder::placeOf(const FileURL& url) const {
+    if (const auto name = plainName(url)) {
+        const auto facts = factsOf(path() / *name);
+        return {.isInside = true, .isPlain = facts && facts->kind == FileFacts::Kind::regular};
+    }
+    const auto file = fileOf(url);
+    return {.isInside = file && files_.names(*file), .isPlain = false};
+}
+
+std::filesystem::path LoopFolder::fileInside(const StoredLoop& loop) const {
+    if (const auto name = plainName(loop.url)) return path() / *name;
+    return standardPath(loop.url.path());
+}
+
+bool LoopFolder::owns(const std::filesystem::path& file) const noexcept {
+    return !isBookkeeping(file) && files_.owns(file);
+}
+
+std::uint64_t LoopFolder::sizeOf(const std::filesystem::path& file) const noexcept {
+    if (isBookkeeping(file)) return 0;
+    const auto facts = files_.facts(file);
+    return facts ? facts->size : 0;
+}
+
+void LoopFolder::remove(const std::filesystem::path& file) const {
+    if (!isBookkeeping(file)) files_.remove(file);
+}
+
+bool LoopFolder::bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const {
+    if (presenceOf(target) == Presence::regular) return true;
+    if (!lock_ || !isNothingAt(target)) return false;
+    copyFile(source, target);
+    return true;
+}
+
+bool LoopFolder::isFinishedWork(const std::filesystem::path& place) const {
+    const auto facts = factsOf(place);
+    const bool isWork = place.parent_path() == path() && place.filename().native().starts_with(workPrefix) && facts &&
+                        facts->kind == FileFacts::Kind::folder;
+    if (!isWork) return false;
+    try {
+        const auto left = listFolder(place);
+        return left.empty() || (left.size() == 1 && left.front().name == lockName && !isHeld(place / lockName));
+    } catch (const FileError&) {
+        return false;
+    }
+}
+
+bool LoopFolder::isNothingAt(const std::filesystem::path& place) noexcept {
+    std::error_code error;
+    return std::filesystem::symlink_status(place, error).type() == std::filesystem::file_type::not_found;
+}
+
+void LoopFolder::sync(const FileURL& url) const {
+    const auto file = fileOf(url);
+    if (!file || !files_.owns(*file)) return;
+    const auto place = standardPath(*file);
+    syncFile(place);
+    for (auto folder = place.parent_path(); folder != path(); folder = folder.parent_path()) syncFolder(folder);
+    syncFolder(path());
+}
+
+// The lock, the manifest and the copies of it: an entry that names one of them must not cost it.
+bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept {
+    const std::string_view place = file.native();
+    const auto name = place.substr(place.rfind('/') + 1);
+    return name == lockName ||
+           (name.starts_with("manifest.") && place.size() == path().native().size() + 1 + name.size());
+}
+
+std::vector<LoopArtifact> LoopFolder::readManifest() {
+    manifest_ = factsOf(manifestFile_);
+    try {
+        const auto text = readFileIfPresent(manifestFile_, manifestLimit);
+        if (text) return JSONDocument::parse(*text).root().elements<LoopArtifact>();
+    } catch (const FileError&) {
+        reasonToKeep_ = "unreadable";
+    } catch (const JSONError&) {
+        reasonToKeep_ = "unreadable";
+    }
+    return {};
+}
+
+void LoopFolder::load(LoopTable& table) {
+    auto artifacts = readManifest();
+    std::vector<FolderEntry> listing;
+    ignoringFailure([&] { listing = listFolder(path()); });
+    std::unordered_set<std::string_view> regular;
+    regular.reserve(listing.size());
+    for (const auto& entry : listing) {
+        if (entry.kind == FileFacts::Kind::regular) regular.insert(entry.name);
+    }
+
+    std::vector<LoopTable::Item> items;
+    items.reserve(artifacts.size());
+    for (auto& artifact : artifacts) {
+        const auto name = plainName(artifact.url);
+        LoopTable::Place place{.isInside = true, .isPlain = true};
+        if (!name || !regular.contains(*name)) {
+            const auto file = fileOf(artifact.url);
+            if (!file || presenceOf(*file) == Presence::absent) continue;
+            place = {.isInside = files_.names(*file), .isPlain = false};
+        }
+        items.push_back({std::move(artifact), place});
+    }
+
+    // An entry that was dropped, or that the next ordinary save leaves out, would be gone for good.
+    const bool isAllInside = std::ranges::all_of(items, [](const auto& item) { return item.place.isInside; });
+    table.fill(std::move(items));
+    const bool isWhole = isAllInside && table.count() == artifacts.size();
+    if (!isWhole && !reasonToKeep_) reasonToKeep_ = "before";
+
+    // Without a readable manifest nobody knows what the folder's files are for.
+    if (lock_ && reasonToKeep_ != "unreadable") cleanLeftovers(listing, table);
+}
+
+void LoopFolder::cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const {
+    // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
+    const auto isDeadWork = [](const FolderEntry& entry, const std::filesystem::path& place) {
+        const auto lock = factsOf(place / lockName);
+        return entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix) && lock &&
+               lock->kind == FileFacts::Kind::regular && !FolderLock::isHeld(place / lockName);
+    };
+    std::vector<std::filesystem::path> files;
+    std::vector<std::filesystem::path> folders;
+    for (const auto& entry : listing) {
+        const auto place = path() / entry.name;
+        if (entry.kind == FileFacts::Kind::regular && isTemporaryFileName(entry.name)) files.push_back(place);
+        if (isDeadWork(entry, place)) folders.push_back(place);
+    }
+    if (files.empty() && folders.empty()) return;
+
+    std::unordered_set<std::string> used;  // every path inside the folder that an entry needs, the folders too
+    table.forEach([&](const StoredLoop& loop) {
+        if (!loop.isInside) return;
+        for (auto place = fileInside(loop); place != path(); place = place.parent_path()) {
+            used.insert(place.native());
+        }
+    });
+    std::erase_if(files, [&](const auto& file) { return used.contains(file.native()); });
+    std::erase_if(folders, [&](const auto& folder) { return used.contains(folder.native()); });
+    for (const auto& file : files) ignoringFailure([&] { files_.remove(file); });
+    for (const auto& folder : folders) ignoringFailure([&] { files_.removeFolder(folder); });
+}
+
+void LoopFolder::requireLock() {
+    if (!holder_.empty()) throw LibraryInUse(path(), holder_);
+    if (lock_ && lock_->isInForce()) return;
+
+    // The lock could not be made at first, or the folder was replaced under the running program. What another process
+    // may have written meanwhile must not be overwritten with what this one remembers.
+    createFolders(path());
+    lock_.reset();
+    lock_ = FolderLock::tryAcquire(lockFile());
+    if (!lock_ && !isHeld(lockFile())) {
+        throw FileError("lock", lockFile(), std::make_error_code(std::errc::permission_denied));
+    }
+    if (!lock_ || (!isNothingAt(manifestFile_) && !isSameFile(manifest_, factsOf(manifestFile_)))) {
+        holder_ = lock_ ? "another process" : FolderLock::holder(lockFile());
+        lock_.reset();
+        throw LibraryInUse(path(), holder_);
+    }
+}
+
+void LoopFolder::save(std::string_view manifest) {
+    requireLock();
+    if (manifest.size() > manifestLimit) {
+        throw FileError("write", manifestFile_, std::make_error_code(std::errc::file_too_large));
+    }
+    // A manifest that somebody else put there since is not ours to lose.
+    if (!isSameFile(manifest_, factsOf(manifestFile_)) && !reasonToKeep_) reasonToKeep_ = "before";
+    if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
+        keepCopyAside(manifestFile_, *reasonToKeep_,
+                      std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+    }
+    reasonToKeep_.reset();
+    try {
+        writeDurably(manifestFile_, manifest);
+    } catch (const FileError& error) {
+        if (error.isInPlace()) manifest_ = factsOf(manifestFile_);
+        throw;
+    }
+    manifest_ = factsOf(manifestFile_);
+}
+
+}  // namespace quillmere

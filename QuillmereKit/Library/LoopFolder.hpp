@@ -1,0 +1,100 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QuillmereKit/Library/LoopTable.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/OwnFolder.hpp"
+
+namespace quillmere {
+
+/// A loop store's folder on disk: who may write in it, which files are its own, and its manifest.
+///
+/// Not thread-safe: the store's lock guards it, but for what only asks about a file, which never changes. Blocks on
+/// disk.
+class LoopFolder {
+public:
+    /// The file that a process holds locked as long as it has the store open.
+    static constexpr std::string_view lockName = ".lock";
+    /// What the names of renderers' working folders begin with.
+    static constexpr std::string_view workPrefix = "Render-";
+
+    /// Makes the folder with its parents if it can, and takes its lock if it can.
+    explicit LoopFolder(std::filesystem::path path);
+
+    [[nodiscard]] const std::filesystem::path& path() const noexcept { return files_.path(); }
+
+    /// The path that a URL names, or nothing where it can name no file: another scheme, a relative path, a zero byte.
+    [[nodiscard]] static std::optional<std::filesystem::path> fileOf(const FileURL& url);
+
+    /// Whether a URL names a regular file that is there, inside the folder or not.
+    [[nodiscard]] static bool isRegularFile(const FileURL& url);
+
+    /// Where a URL leads, as far as the folder is concerned. `isPlain` asks the disk.
+    [[nodiscard]] LoopTable::Place placeOf(const FileURL& url) const;
+
+    /// The standard path of a piece's file inside the folder.
+    [[nodiscard]] std::filesystem::path fileInside(const StoredLoop& loop) const;
+
+    /// Whether a path lies inside the folder, by text alone.
+    [[nodiscard]] bool names(const std::filesystem::path& file) const { return files_.names(file); }
+
+    /// Whether `file` is the folder's own now, and none of the files that the store keeps its books in.
+    [[nodiscard]] bool owns(const std::filesystem::path& file) const noexcept;
+
+    /// The size of a file that the folder owns; 0 for any other.
+    [[nodiscard]] std::uint64_t sizeOf(const std::filesystem::path& file) const noexcept;
+
+    /// Deletes `file` if the folder owns it at this moment. Throws `FileError`.
+    void remove(const std::filesystem::path& file) const;
+
+    /// Copies a file durably to `target`, directly in the folder, unless a regular file stands there. Whether one does
+    /// now. Throws `FileError`.
+    bool bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const;
+
+    /// Whether `place` is a working folder directly in this one that holds nothing, or nothing but a lock file that
+    /// nobody holds.
+    [[nodiscard]] bool isFinishedWork(const std::filesystem::path& place) const;
+
+    /// Whether nothing at all stands at a path. False where that cannot be told.
+    [[nodiscard]] static bool isNothingAt(const std::filesystem::path& place) noexcept;
+
+    /// Flushes a piece's file and its name to the disk if the folder owns it. Throws `FileError`.
+    void sync(const FileURL& url) const;
+
+    /// Fills an empty table with the entries of the manifest whose files exist as regular files, and removes what dead
+    /// processes left in the folder. Never fails: a manifest that cannot be read, or not be kept whole, is kept aside
+    /// before the first save.
+    void load(LoopTable& table);
+
+    /// Makes sure that this process may write in the folder. Throws `LibraryInUse`, or `FileError` if the lock
+    /// cannot be made.
+    void requireLock();
+
+    /// Writes the manifest durably, keeping aside what must not be lost by it. Throws `FileError` or `LibraryInUse`;
+    /// the manifest is then as it was, unless the error says that it is in place.
+    void save(std::string_view manifest);
+
+private:
+    [[nodiscard]] std::filesystem::path lockFile() const { return path() / lockName; }
+    [[nodiscard]] std::optional<std::string_view> plainName(const FileURL& url) const noexcept;
+    [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
+    [[nodiscard]] std::vector<LoopArtifact> readManifest();
+    void cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const;
+
+    const OwnFolder files_;
+    const std::filesystem::path manifestFile_;
+    const std::string urlPrefix_;  // the text of the folder's URL and "/"
+    std::shared_ptr<FolderLock> lock_;
+    std::string holder_;                 // who held the lock when this process wanted it; empty if nobody did
+    std::optional<FileFacts> manifest_;  // the manifest as this process last read or wrote it
+    std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
+};
+
+}  // namespace quillmere

@@ -1,0 +1,323 @@
+#include "QuillmereKit/Library/LoopStore.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "QuillmereKit/Library/LoopStoreState.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileURL.hpp"
+#include "QuillmereKit/Platform/JSONReader.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/Precondition.hpp"
+#include "QuillmereKit/Platform/Trash.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
+
+namespace quillmere {
+namespace {
+
+constexpr std::size_t seedListLimit = std::size_t{64} << 20;
+constexpr std::string_view seedFolder = "Loops";
+
+std::filesystem::path defaultDirectory() {
+    const auto data = UserFolders::applicationData();
+    if (!data) fatalError("the user has no folder for application data");
+    return *data / "Loops";
+}
+
+bool discardToTrash(const FileURL& url) {
+    const auto file = LoopFolder::fileOf(url);
+    return file && moveToTrash(*file);
+}
+
+std::optional<std::filesystem::path> bundled(const ResourceBundle& bundle, std::string_view name,
+                                             std::string_view extension) {
+    auto inFolder = bundle.resource(name, extension, seedFolder);
+    return inFolder ? inFolder : bundle.resource(name, extension);
+}
+
+// The seed list of a bundle; none if there is no list, or it cannot be read.
+std::vector<LoopStore::BundledSeed> seedsOf(const ResourceBundle& bundle) {
+    try {
+        const auto file = bundled(bundle, "seeds", "json");
+        if (!file) return {};
+        return JSONDocument::read(*file, seedListLimit).root().elements<LoopStore::BundledSeed>();
+    } catch (const FileError&) {
+        return {};
+    } catch (const JSONError&) {
+        return {};
+    }
+}
+
+// Whether a mood's identifier can be part of the name of a file directly in the store's folder.
+bool isPartOfFileName(std::string_view moodID) {
+    return moodID != "." && moodID != ".." && moodID.find('/') == std::string_view::npos &&
+           moodID.find('\0') == std::string_view::npos;
+}
+
+}  // namespace
+
+template <>
+LoopStore::BundledSeed decode<LoopStore::BundledSeed>(const JSONValue& value) {
+    return {
+        .file = value.member<std::string>("file"),
+        .identity = value.member<LoopIdentity>("identity"),
+        .seconds = value.member<double>("seconds"),
+        .seamDB = value.optionalMember<double>("seamDB"),
+        .quality = value.optionalMember<LoopQuality>("quality"),
+        .leadIn = value.optionalMember<double>("leadIn"),
+        .replaces = value.optionalMember<std::vector<std::string>>("replaces"),
+    };
+}
+
+// MARK: the state that stores share
+
+UsedFiles::UsedFiles(const LoopFolder& folder)
+    : folder_(folder), realFolder_([&] {
+          std::error_code ignored;
+          return std::filesystem::canonical(folder.path(), ignored);
+      }()) {}
+
+void UsedFiles::add(const StoredLoop& loop) {
+    if (loop.isPlain) {
+        paths_.insert(folder_.fileInside(loop).native());
+        return;
+    }
+    const auto file = LoopFolder::fileOf(loop.url);
+    if (!file) return;
+    paths_.insert(standardPath(*file).native());
+    std::error_code error;
+    const auto real = std::filesystem::canonical(*file, error);
+    if (!error) paths_.insert(real.native());
+}
+
+bool UsedFiles::contains(const std::filesystem::path& file) const {
+    if (paths_.contains(file.native())) return true;
+    return !realFolder_.empty() && paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
+}
+
+LoopStore::State::State(std::filesystem::path directory) : folder(std::move(directory)) { folder.load(table); }
+
+std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::path& directory) {
+    // Never destroyed: a shared store may be opened or closed while the process ends.
+    static auto& mutex = *new std::mutex;
+    static auto& states = *new std::vector<std::weak_ptr<State>>;
+
+    const std::lock_guard lock(mutex);
+    std::erase_if(states, [](const auto& state) { return state.expired(); });
+    for (const auto& weak : states) {
+        auto state = weak.lock();
+        std::error_code ignored;
+        const bool isSame = state && (state->folder.path() == directory ||
+                                      std::filesystem::equivalent(state->folder.path(), directory, ignored));
+        if (isSame) return state;
+    }
+    auto state = std::make_shared<State>(directory);
+    states.push_back(state);
+    return state;
+}
+
+void LoopStore::State::put(LoopArtifact artifact) {
+    const auto place = folder.placeOf(artifact.url);
+    table.put({std::move(artifact), place});
+}
+
+void LoopStore::State::write(const std::string& manifest) {
+    folder.requireLock();
+    while (!unsynced.empty()) {
+        folder.sync(unsynced.back());
+        unsynced.pop_back();
+    }
+    folder.save(manifest);
+    saveFailure = nullptr;
+}
+
+void LoopStore::State::save() {
+    try {
+        write(table.manifest());
+    } catch (...) {
+        saveFailure = std::current_exception();
+        throw;
+    }
+}
+
+void LoopStore::State::savePretty() {
+    try {
+        write(table.prettyManifest());
+    } catch (...) {
+        saveFailure = std::current_exception();
+        throw;
+    }
+}
+
+void LoopStore::State::saveIgnoringFailure() noexcept {
+    try {
+        save();
+    } catch (const std::exception&) {
+        // Noted by `save`.
+    }
+}
+
+bool LoopStore::State::tryDiscard(const Discard& discard, const FileURL& url) noexcept {
+    try {
+        return discard(url);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+bool LoopStore::State::mayChangeFiles() noexcept {
+    try {
+        folder.requireLock();
+        return true;
+    } catch (const std::exception&) {
+        saveFailure = std::current_exception();
+        return false;
+    }
+}
+
+void LoopStore::State::mergeSeeds(const ResourceBundle& bundle) {
+    bool isChanged = false;
+    for (const auto& seed : seedsOf(bundle)) {
+        const auto key = LoopKey::of(seed.identity);
+        bundledIDs.insert(key);
+        if (table.find(key) == nullptr) {
+            if (!importSeed(seed, bundle)) continue;
+            isChanged = true;
+        }
+        for (const auto& fingerprint : seed.replaces.value_or(std::vector<std::string>{})) {
+            const auto replaced = LoopKey::fromText(fingerprint);
+            if (replaced && replaced != key && table.remove(std::array{*replaced}) > 0) isChanged = true;
+        }
+    }
+    if (isChanged) saveIgnoringFailure();
+}
+
+bool LoopStore::State::importSeed(const BundledSeed& seed, const ResourceBundle& bundle) {
+    if (!isPartOfFileName(seed.identity.moodID)) return false;
+    const auto audio = bundled(bundle, seed.file, "m4a");
+    if (!audio) return false;
+    const auto target = folder.path() / (seed.identity.filename() + ".m4a");
+    try {
+        if (!folder.bringIn(*audio, target)) return false;
+    } catch (const FileError&) {
+        return false;
+    }
+    put({.identity = seed.identity,
+         .url = FileURL::fromPath(target),
+         .seconds = seed.seconds,
+         .seamDB = seed.seamDB,
+         .quality = seed.quality,
+         .leadIn = seed.leadIn,
+         .engineBuild = std::nullopt,
+         .origin = std::nullopt});
+    return true;
+}
+
+// MARK: the store
+
+const std::shared_ptr<LoopStore>& LoopStore::shared() {
+    static const auto store = std::make_shared<LoopStore>(
+        UserFolders::isAutomatedHarness()
+            ? std::optional(UserFolders::temporary() / ("quillmere-loops-" + std::to_string(::getpid())))
+            : std::nullopt);
+    return store;
+}
+
+LoopStore::LoopStore(std::optional<std::filesystem::path> directory, ResourceBundle bundle, Discard discard)
+    : state_(State::open(standardPath(std::filesystem::absolute(directory ? *directory : defaultDirectory())))),
+      discard_(discard ? std::move(discard) : discardToTrash) {
+    const std::lock_guard lock(state_->mutex);
+    state_->mergeSeeds(bundle);
+}
+
+LoopStore::~LoopStore() = default;
+
+const std::filesystem::path& LoopStore::directory() const noexcept { return state_->folder.path(); }
+
+std::optional<LoopArtifact> LoopStore::artifact(const LoopIdentity& identity) const {
+    const auto key = LoopKey::of(identity);
+    const std::lock_guard lock(state_->mutex);
+    const auto* loop = state_->table.find(key);
+    return loop ? std::optional(loop->artifact()) : std::nullopt;
+}
+
+bool LoopStore::contains(const LoopIdentity& identity) const {
+    const auto key = LoopKey::of(identity);
+    const std::lock_guard lock(state_->mutex);
+    return state_->table.find(key) != nullptr;
+}
+
+std::size_t LoopStore::count() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->table.count();
+}
+
+std::size_t LoopStore::count(std::string_view moodID) const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->table.mood(moodID).size();
+}
+
+void LoopStore::add(LoopArtifact artifact) {
+    const std::lock_guard lock(state_->mutex);
+    state_->unsynced.push_back(artifact.url);
+    state_->put(std::move(artifact));
+    state_->saveIgnoringFailure();
+}
+
+void LoopStore::addPersistent(LoopArtifact artifact) {
+    const std::lock_guard lock(state_->mutex);
+    const auto key = LoopKey::of(artifact.identity);
+    state_->unsynced.push_back(artifact.url);
+    state_->put(std::move(artifact));
+    state_->savePretty();
+    // The others are saved even if this piece cannot be; its caller has to know.
+    const auto* loop = state_->table.find(key);
+    if (!loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
+}
+
+bool LoopStore::discardUnstored(const FileURL& url) {
+    const std::lock_guard lock(state_->mutex);
+    const auto& folder = state_->folder;
+    const auto file = LoopFolder::fileOf(url);
+    if (!file || !folder.names(*file)) return false;
+    const auto place = standardPath(*file);
+    UsedFiles used(folder);
+    state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
+    if (used.contains(place) || !state_->mayChangeFiles()) return false;
+
+    bool isRemoved = false;
+    if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place == *file ? url : FileURL::fromPath(place));
+    const auto parent = place.parent_path();
+    if (folder.isFinishedWork(parent)) isRemoved = State::tryDiscard(discard_, FileURL::fromPath(parent)) || isRemoved;
+    return isRemoved;
+}
+
+void LoopStore::protectFromMigration(std::set<std::string> fingerprints, const UUID& owner) {
+    std::set<LoopKey> keys;
+    for (const auto& fingerprint : fingerprints) {
+        if (const auto key = LoopKey::fromText(fingerprint)) keys.insert(*key);
+    }
+    const std::lock_guard lock(state_->mutex);
+    if (keys.empty()) {
+        state_->playing.erase(owner);
+    } else {
+        state_->playing[owner] = std::move(keys);
+    }
+}
+
+std::optional<std::string> LoopStore::lastSaveError() const {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->saveFailure) {
+        try {
+            std::rethrow_exception(state_->saveFailure);
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+    }
+    return state_->table.unencodableText();
+}
+
+}  // namespace quillmere

@@ -1,0 +1,130 @@
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Library/LoopStoreState.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+namespace quillmere {
+namespace {
+
+bool lacksLoudness(const StoredLoop& loop) { return !loop.quality || !loop.quality->loudness; }
+
+}  // namespace
+
+std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
+    std::unordered_set<LoopKey> kept;
+    for (const auto& fingerprint : keeping) {
+        if (const auto key = LoopKey::fromText(fingerprint)) kept.insert(*key);
+    }
+
+    const std::lock_guard lock(state_->mutex);
+    const auto& folder = state_->folder;
+    std::vector<LoopKey> victims;
+    std::vector<std::filesystem::path> files;
+    UsedFiles used(folder);
+    for (const auto* loop : state_->table.inOrder()) {
+        bool isVictim = false;
+        if (loop->isInside && !loop->isRecording() && !kept.contains(loop->key)) {
+            // A file behind a link, or what is no file, is not the store's own; one that is gone leaves only its entry.
+            auto file = folder.fileInside(*loop);
+            isVictim = folder.owns(file) || LoopFolder::isNothingAt(file);
+            if (isVictim) files.push_back(std::move(file));
+        }
+        if (isVictim) {
+            victims.push_back(loop->key);
+        } else {
+            used.add(*loop);
+        }
+    }
+    if (victims.empty() || !state_->mayChangeFiles()) return 0;
+
+    for (const auto& file : files) {
+        if (used.contains(file)) continue;
+        try {
+            folder.remove(file);
+        } catch (const FileError&) {
+            // The entry goes all the same: what the caller does not want is not offered again.
+        }
+    }
+    state_->table.remove(victims);
+    state_->saveIgnoringFailure();
+    return static_cast<std::int64_t>(victims.size());
+}
+
+std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopArtifact&)>& predicate) {
+    struct Candidate {
+        LoopKey key;
+        LoopArtifact artifact;
+        std::filesystem::path file;
+    };
+
+    const std::lock_guard lock(state_->mutex);
+    const auto& folder = state_->folder;
+    std::vector<Candidate> candidates;
+    UsedFiles used(folder);
+    for (const auto* loop : state_->table.inOrder()) {
+        auto artifact = loop->artifact();
+        if (loop->isInside && predicate(artifact)) {
+            candidates.push_back({loop->key, std::move(artifact), folder.fileInside(*loop)});
+        } else {
+            used.add(*loop);
+        }
+    }
+    if (candidates.empty() || !state_->mayChangeFiles()) return {};
+
+    std::vector<LoopKey> keys;
+    std::vector<LoopArtifact> trashed;
+    keys.reserve(candidates.size());
+    trashed.reserve(candidates.size());
+    std::unordered_map<std::string, bool> gone;  // by file: two pieces may share one
+    for (auto& candidate : candidates) {
+        const auto [outcome, isNew] = gone.try_emplace(candidate.file.native(), false);
+        if (isNew && !used.contains(candidate.file) && folder.owns(candidate.file)) {
+            const auto& url = candidate.artifact.url;
+            outcome->second =
+                State::tryDiscard(discard_, url.path() == candidate.file ? url : FileURL::fromPath(candidate.file));
+        }
+        if (!outcome->second) continue;
+        keys.push_back(candidate.key);
+        trashed.push_back(std::move(candidate.artifact));
+    }
+    if (trashed.empty()) return {};
+    state_->table.remove(keys);
+    state_->saveIgnoringFailure();
+    return trashed;
+}
+
+std::int64_t LoopStore::bytesOnDisk() const {
+    const std::lock_guard lock(state_->mutex);
+    std::uint64_t bytes = 0;
+    state_->table.forEach([&](const StoredLoop& loop) {
+        if (loop.isInside) bytes += state_->folder.sizeOf(state_->folder.fileInside(loop));
+    });
+    return static_cast<std::int64_t>(bytes);
+}
+
+std::vector<LoopArtifact> LoopStore::loudnessCandidates() const {
+    const std::lock_guard lock(state_->mutex);
+    std::vector<LoopArtifact> candidates;
+    for (const auto* loop : state_->table.inOrder()) {
+        if (lacksLoudness(*loop)) candidates.push_back(loop->artifact());
+    }
+    return candidates;
+}
+
+bool LoopStore::setLoudness(const AudioLoudness& loudness, const LoopArtifact& artifact) {
+    static_cast<void>(encodeJSON(loudness, JSONWriter::Form::compact));  // throws for what no manifest can hold
+    const auto key = LoopKey::of(artifact.identity);
+    const std::lock_guard lock(state_->mutex);
+    const auto* loop = state_->table.find(key);
+    if (loop == nullptr || loop->artifact() != artifact) return false;
+    if (!LoopFolder::isRegularFile(artifact.url)) return false;
+    state_->put(artifact.withLoudness(loudness));
+    state_->save();
+    return true;
+}
+
+}  // namespace quillmere

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "QuillmereKit/Library/LoopFolder.hpp"
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Library/LoopTable.hpp"
+
+namespace quillmere {
+
+/// The files that some pieces use, whatever their URLs look like.
+class UsedFiles {
+public:
+    explicit UsedFiles(const LoopFolder& folder);
+
+    void add(const StoredLoop& loop);
+
+    /// Whether one of the pieces uses the folder's own file at this standard path.
+    [[nodiscard]] bool contains(const std::filesystem::path& file) const;
+
+private:
+    const LoopFolder& folder_;
+    const std::filesystem::path realFolder_;  // the folder without links; empty if it cannot be had
+    std::unordered_set<std::string> paths_;
+};
+
+/// What all stores of this process on one folder share. Everything but `mutex` is guarded by it.
+struct LoopStore::State {
+    explicit State(std::filesystem::path directory);
+
+    /// The state of the folder, shared with every store of this process that has it open.
+    [[nodiscard]] static std::shared_ptr<State> open(const std::filesystem::path& directory);
+
+    /// Imports the seeds of an application's resources that the library does not hold yet.
+    void mergeSeeds(const ResourceBundle& bundle);
+
+    /// Stores a piece in memory.
+    void put(LoopArtifact artifact);
+
+    /// Writes the manifest in its ordinary form; throws what `LoopFolder::save` throws, and notes it.
+    void save();
+
+    /// The same where no caller could act on a failure: it is only noted.
+    void saveIgnoringFailure() noexcept;
+
+    /// Writes the manifest with all pieces, in the form meant for people. Throws and notes as `save` does.
+    void savePretty();
+
+    /// Calls `discard`; an exception counts as false.
+    [[nodiscard]] static bool tryDiscard(const Discard& discard, const FileURL& url) noexcept;
+
+    /// Whether this process may change the folder; notes why not.
+    [[nodiscard]] bool mayChangeFiles() noexcept;
+
+    std::mutex mutex;
+    LoopFolder folder;
+    LoopTable table;
+    std::unordered_set<LoopKey> bundledIDs;     // all seeds of the application's resources, imported now or earlier
+    std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
+    std::vector<FileURL> unsynced;              // audio that could not be made durable yet, and must be before a save
+    std::exception_ptr saveFailure;             // of the last save; null if it succeeded
+
+private:
+    bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);
+    void write(const std::string& manifest);
+};
+
+}  // namespace quillmere

@@ -1,0 +1,190 @@
+#include "QuillmereKit/Library/LoopTable.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+namespace quillmere {
+namespace {
+
+constexpr auto byKey = [](const StoredLoop* a, const StoredLoop* b) { return a->key < b->key; };
+
+// The piece as compact JSON, or nothing if it cannot be encoded.
+std::optional<std::string> encoded(const LoopArtifact& artifact) {
+    try {
+        return encodeJSON(artifact, JSONWriter::Form::compact);
+    } catch (const EncodingError&) {
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+const StoredLoop* LoopTable::find(LoopKey key) const noexcept {
+    const auto found = loops_.find(key);
+    return found == loops_.end() ? nullptr : &found->second;
+}
+
+const std::vector<StoredLoop*>& LoopTable::mood(std::string_view moodID) const noexcept {
+    static const std::vector<StoredLoop*> none;
+    const auto found = moods_.find(moodID);
+    return found == moods_.end() ? none : found->second;
+}
+
+std::vector<const StoredLoop*> LoopTable::inOrder() const {
+    std::vector<const StoredLoop*> loops;
+    loops.reserve(loops_.size());
+    for (const auto& [key, loop] : loops_) loops.push_back(&loop);
+    std::ranges::sort(loops, byKey);
+    return loops;
+}
+
+void LoopTable::fill(std::vector<Item> items) {
+    loops_.reserve(items.size());
+    for (auto& item : items) {
+        const auto key = LoopKey::of(item.artifact.identity);
+        StoredLoop loop(key, std::move(item.artifact), texts_);
+        loop.isInside = item.place.isInside;
+        loop.isPlain = item.place.isPlain;
+        loops_.insert_or_assign(key, std::move(loop));
+    }
+    for (auto& [key, loop] : loops_) moods_[*loop.moodID].push_back(&loop);
+    for (auto& [moodID, loops] : moods_) std::ranges::sort(loops, byKey);
+    isManifestStale_ = !loops_.empty();
+}
+
+void LoopTable::put(Item item) {
+    const auto text = encoded(item.artifact);
+    const auto key = LoopKey::of(item.artifact.identity);
+    StoredLoop loop(key, std::move(item.artifact), texts_);
+    loop.isInside = item.place.isInside;
+    loop.isPlain = item.place.isPlain;
+    loop.isEncodable = text.has_value();
+
+    auto& mood = moods_[*loop.moodID];
+    if (mood.size() == mood.capacity()) mood.reserve(2 * mood.size() + 1);
+    const auto found = loops_.find(key);
+    const bool isNew = found == loops_.end();
+    auto& place = isNew ? loops_.emplace(key, std::move(loop)).first->second : found->second;
+    // From here on nothing can throw: the mood's list has room, and a piece is moved without allocating.
+    if (!isNew) {
+        std::erase(moods_.find(*place.moodID)->second, &place);
+        if (!place.isEncodable) --unencodable_;
+        place = std::move(loop);
+        isManifestStale_ = true;
+    }
+    mood.insert(std::ranges::upper_bound(mood, &place, byKey), &place);
+    if (!place.isEncodable) ++unencodable_;
+    if (isNew && place.isInside && text) appendToManifest(place, *text);
+}
+
+std::size_t LoopTable::remove(std::span<const LoopKey> keys) noexcept {
+    std::size_t count = 0;
+    for (const auto key : keys) {
+        const auto found = loops_.find(key);
+        if (found == loops_.end() || found->second.isLeaving) continue;
+        found->second.isLeaving = true;
+        if (!found->second.isEncodable) --unencodable_;
+        ++count;
+    }
+    if (count == 0) return 0;
+    for (auto& [moodID, loops] : moods_) std::erase_if(loops, [](const StoredLoop* loop) { return loop->isLeaving; });
+    std::erase_if(moods_, [](const auto& mood) { return mood.second.empty(); });
+    std::erase_if(loops_, [](const auto& entry) { return entry.second.isLeaving; });
+    texts_.sweep();
+    isManifestStale_ = true;
+    return count;
+}
+
+const std::string& LoopTable::manifest() {
+    if (isManifestStale_) rebuildManifest();
+    return manifest_;
+}
+
+void LoopTable::appendToManifest(StoredLoop& loop, std::string_view text) {
+    if (isManifestStale_) return;
+    const bool isFirst = manifest_.size() == 2;
+    if (text.size() > std::numeric_limits<std::uint32_t>::max()) {
+        isManifestStale_ = true;
+        return;
+    }
+    try {
+        const std::size_t needed = manifest_.size() + text.size() + 1;
+        if (needed > manifest_.capacity()) manifest_.reserve(std::max(needed, manifest_.size() + manifest_.size() / 2));
+    } catch (const std::bad_alloc&) {
+        isManifestStale_ = true;  // the piece is in the table; the next save tries again
+        return;
+    }
+    manifest_.pop_back();
+    if (!isFirst) manifest_ += ',';
+    loop.textStart = manifest_.size();
+    loop.textLength = static_cast<std::uint32_t>(text.size());
+    manifest_ += text;
+    manifest_ += ']';
+}
+
+void LoopTable::rebuildManifest() {
+    struct Part {
+        StoredLoop* loop;
+        std::size_t start;
+        std::size_t length;
+    };
+    std::vector<Part> parts;
+    parts.reserve(loops_.size());
+    for (auto& [key, loop] : loops_) {
+        if (loop.isInside && loop.isEncodable) parts.push_back({&loop, 0, 0});
+    }
+    std::ranges::sort(parts, [](const Part& a, const Part& b) { return a.loop->key < b.loop->key; });
+
+    JSONWriter writer(JSONWriter::Form::compact);
+    writer.beginArray();
+    bool isFirst = true;
+    for (auto& part : parts) {
+        part.start = writer.text().size() + (isFirst ? 0 : 1);
+        isFirst = false;
+        if (part.loop->textLength > 0) {
+            writer.raw(std::string_view(manifest_).substr(part.loop->textStart, part.loop->textLength));
+        } else {
+            encode(writer, part.loop->artifact());
+        }
+        part.length = writer.text().size() - part.start;
+    }
+    writer.endArray();
+
+    manifest_ = writer.take();
+    for (const auto& part : parts) {
+        const bool isKept = part.length <= std::numeric_limits<std::uint32_t>::max();
+        part.loop->textStart = part.start;
+        part.loop->textLength = isKept ? static_cast<std::uint32_t>(part.length) : 0;
+    }
+    isManifestStale_ = false;
+}
+
+std::string LoopTable::prettyManifest() const {
+    JSONWriter writer(JSONWriter::Form::pretty);
+    writer.beginArray();
+    for (const auto* loop : inOrder()) {
+        if (loop->isEncodable) encode(writer, loop->artifact());
+    }
+    writer.endArray();
+    return writer.take();
+}
+
+std::optional<std::string> LoopTable::unencodableText() const {
+    if (unencodable_ == 0) return std::nullopt;
+    std::string text = "Left out of the library's manifest, because they cannot be written:";
+    for (const auto* loop : inOrder()) {
+        if (loop->isEncodable) continue;
+        try {
+            static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
+        } catch (const EncodingError& error) {
+            text += " " + loop->identity().filename() + " (" + error.what() + ")";
+        }
+    }
+    return text;
+}
+
+}  // namespace quillmere
