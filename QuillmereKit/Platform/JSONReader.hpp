@@ -16,6 +16,7 @@
 namespace quillmere {
 
 class JSONValue;
+struct JSONTape;  // the parser's result, kept out of this header
 
 /// Reads a `T` from a JSON value. Each type that has a JSON form specialises it beside its source:
 /// `template <> BlendStep decode<BlendStep>(const JSONValue& value);`
@@ -76,9 +77,22 @@ public:
 
 private:
     friend class JSONDocument;
-    struct Access;
-    JSONValue() = default;
-    alignas(8) std::byte element_[16];  // the parser's own handle, kept out of this header
+    friend struct JSONTape;
+    JSONValue(const JSONTape* tape, std::size_t index) noexcept : tape_(tape), index_(index) {}
+
+    /// One run over an array's elements: the first, the next of each, and how many there are.
+    struct Elements {
+        std::size_t begin;
+        std::size_t end;
+        std::size_t count;
+    };
+    [[nodiscard]] Elements elementRange() const;
+    [[nodiscard]] std::size_t nextIndex() const noexcept;
+    template <class T>
+    [[nodiscard]] T as() const;
+
+    const JSONTape* tape_;
+    std::size_t index_;
 };
 
 /// A parsed JSON text.
@@ -101,9 +115,8 @@ public:
     [[nodiscard]] JSONValue root() const noexcept;
 
 private:
-    struct State;
-    explicit JSONDocument(std::unique_ptr<State> state) noexcept;
-    std::unique_ptr<State> state_;
+    explicit JSONDocument(std::unique_ptr<JSONTape> tape) noexcept;
+    std::unique_ptr<JSONTape> tape_;
 };
 
 /// Reads a whole text as one `T`. Throws `JSONError`.
@@ -120,15 +133,20 @@ inline constexpr bool isVector<std::vector<T>> = true;
 }  // namespace implementation
 
 template <class T>
+T JSONValue::as() const {
+    if constexpr (implementation::isVector<T>) {
+        return elements<typename T::value_type>();
+    } else {
+        return decode<T>(*this);
+    }
+}
+
+template <class T>
 T JSONValue::member(std::string_view key) const {
     const auto found = find(key);
-    if (!found) throw JSONError("missing key").inMember(key);
+    if (!found) throw JSONError("is missing").inMember(key);
     try {
-        if constexpr (implementation::isVector<T>) {
-            return found->template elements<typename T::value_type>();
-        } else {
-            return decode<T>(*found);
-        }
+        return found->template as<T>();
     } catch (const JSONError& error) {
         throw error.inMember(key);
     }
@@ -138,19 +156,23 @@ template <class T>
 std::optional<T> JSONValue::optionalMember(std::string_view key) const {
     const auto found = find(key);
     if (!found || found->isNull()) return std::nullopt;
-    return member<T>(key);
+    try {
+        return found->template as<T>();
+    } catch (const JSONError& error) {
+        throw error.inMember(key);
+    }
 }
 
 template <class T>
 std::vector<T> JSONValue::elements() const {
-    const auto values = elements();
+    const auto range = elementRange();
     std::vector<T> result;
-    result.reserve(values.size());
-    for (std::size_t index = 0; index < values.size(); ++index) {
+    result.reserve(range.count);
+    for (JSONValue element(tape_, range.begin); element.index_ != range.end; element.index_ = element.nextIndex()) {
         try {
-            result.push_back(decode<T>(values[index]));
+            result.push_back(element.template as<T>());
         } catch (const JSONError& error) {
-            throw error.inElement(index);
+            throw error.inElement(result.size());
         }
     }
     return result;

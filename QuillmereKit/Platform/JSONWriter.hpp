@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -29,7 +30,8 @@ inline constexpr std::string_view omitLegacyMusicFields = "Quillmere.omitLegacyM
 /// equal; plain decimal from 1e-4 up to and including 2^53 in size (120.0 is `120`, negative zero
 /// `-0`), outside it as in `1.5e-05`, `1e+16`. A value type, not thread-safe.
 ///
-/// Calls must nest properly; a call out of order stops the process.
+/// Calls must nest properly; a call out of order stops the process. A call that throws
+/// `EncodingError` leaves the writer as it was before.
 class JSONWriter {
 public:
     enum class Form {
@@ -81,13 +83,52 @@ public:
     /// True when `key` is set to the truth value true.
     [[nodiscard]] bool isSet(std::string_view key) const;
 
-    /// The text so far. Whole when every object and array was ended.
-    [[nodiscard]] const std::string& text() const noexcept { return text_; }
-    [[nodiscard]] std::string take() noexcept { return std::move(text_); }
+    /// The text so far, until the next call. Whole when every object and array was ended.
+    [[nodiscard]] std::string_view text() const noexcept { return {text_.data(), size_}; }
+
+    /// The whole text. Every object and array must have been ended. The writer starts afresh.
+    [[nodiscard]] std::string take();
 
 private:
-    std::string text_;
-    // The owner of this file completes the private part.
+    /// What may come next.
+    enum class Expected : std::uint8_t { value, element, key, nothing };
+
+    /// An object or array that is not ended.
+    struct Level {
+        bool isObject = false;
+        bool isEmpty = true;
+        std::size_t firstMember = 0;  // in members_
+        std::size_t firstKey = 0;     // in keys_
+    };
+
+    /// Where a member of an object that is not ended stands, for putting the keys in order.
+    struct Member {
+        std::size_t key;  // in keys_
+        std::size_t keyLength;
+        std::size_t start;  // in text_
+        std::size_t end;
+    };
+
+    [[nodiscard]] char* reserve(std::size_t count);
+    void beginValue();
+    void endValue() noexcept;
+    void begin(bool isObject, char bracket);
+    void end(bool isObject, char bracket);
+    void separate();
+    void appendLineStart(std::size_t level);
+    void append(std::string_view text);
+    void appendQuoted(std::string_view text, std::string_view behind);
+    void sortMembers();
+
+    Form form_;
+    Expected expected_ = Expected::value;
+    JSONUserInfo userInfo_;
+    std::string text_;  // longer than what is written, so that room need not be looked for at each call
+    std::size_t size_ = 0;
+    std::vector<Level> levels_;
+    std::vector<Member> members_;  // of all objects that are not ended, in the forms with keys in order
+    std::string keys_;             // their keys, unescaped
+    std::string scratch_;
 };
 
 inline void encode(JSONWriter& writer, const std::string& value) { writer.string(value); }

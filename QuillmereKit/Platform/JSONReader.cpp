@@ -1,0 +1,385 @@
+#include "QuillmereKit/Platform/JSONReader.hpp"
+
+#include <simdjson.h>
+
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace quillmere {
+namespace {
+
+/// The first byte of each word of the parser's tape (simdjson, doc/tape.md). After a number comes one more word.
+enum class Tag : std::uint8_t {
+    beginObject = '{',
+    endObject = '}',
+    beginArray = '[',
+    endArray = ']',
+    string = '"',
+    integer = 'l',
+    unsignedInteger = 'u',
+    floating = 'd',
+    isTrue = 't',
+    isFalse = 'f',
+    null = 'n',
+    oddNumber = 'N',  // ours: a number that only its own text says rightly
+};
+constexpr int tagShift = 56;
+constexpr std::uint64_t payloadMask = (std::uint64_t{1} << tagShift) - 1;
+
+constexpr bool isDigit(char character) { return character >= '0' && character <= '9'; }
+constexpr bool isInNumber(char character) {
+    return isDigit(character) || character == '+' || character == '-' || character == '.' || character == 'e' ||
+           character == 'E';
+}
+
+/// Whether `text` is one number of RFC 8259, section 6.
+bool isNumber(std::string_view text) {
+    const auto skip = [&text](auto accepts) {
+        std::size_t count = 0;
+        while (count < text.size() && accepts(text[count])) ++count;
+        text.remove_prefix(count);
+        return count;
+    };
+    if (text.starts_with('-')) text.remove_prefix(1);
+    const bool beginsWithZero = text.starts_with('0');
+    const auto digits = skip(isDigit);
+    if (digits == 0 || (beginsWithZero && digits > 1)) return false;
+    if (text.starts_with('.')) {
+        text.remove_prefix(1);
+        if (skip(isDigit) == 0) return false;
+    }
+    if (text.starts_with('e') || text.starts_with('E')) {
+        text.remove_prefix(1);
+        if (text.starts_with('+') || text.starts_with('-')) text.remove_prefix(1);
+        if (skip(isDigit) == 0) return false;
+    }
+    return text.empty();
+}
+
+/// Whether the parser takes a number for what it is: it refuses whole numbers beyond 64 bits and numbers beyond
+/// a double, and forgets the sign of "-0".
+bool isOddNumber(std::string_view token, simdjson::dom::parser& parser) {
+    if (token == "-0") return true;
+    constexpr std::size_t mostSafeDigits = 18;  // shorter whole numbers and decimals fit whatever they are
+    if (token.size() <= mostSafeDigits && token.find_first_of("eE") == std::string_view::npos) return false;
+    return isNumber(token) && parser.parse(token.data(), token.size()).error() == simdjson::NUMBER_ERROR;
+}
+
+/// Whether a "-0" stands in the text that could be a number. Others, such as one inside a string, only cost time.
+bool mayHoldNegativeZero(std::string_view text) {
+    const auto isNegativeZero = [text](std::size_t place) {
+        if (text[place] != '-' || place + 1 >= text.size() || text[place + 1] != '0') return false;
+        constexpr std::string_view blanks = " \t\n\r";
+        const char before = place > 0 ? text[place - 1] : ' ';
+        const char after = place + 2 < text.size() ? text[place + 2] : ' ';
+        return (blanks.find(before) != std::string_view::npos || before == ':' || before == ',' || before == '[') &&
+               (blanks.find(after) != std::string_view::npos || after == ',' || after == ']' || after == '}');
+    };
+    std::size_t place = 0;
+#if defined(__SSE2__)
+    const __m128i minus = _mm_set1_epi8('-');
+    const __m128i zero = _mm_set1_epi8('0');
+    for (; place + 17 <= text.size(); place += 16) {
+        const auto here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + place));
+        const auto next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + place + 1));
+        auto found = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(here, minus), _mm_cmpeq_epi8(next, zero))));
+        for (; found != 0; found &= found - 1) {
+            if (isNegativeZero(place + static_cast<std::size_t>(std::countr_zero(found)))) return true;
+        }
+    }
+#endif
+    for (; place < text.size(); ++place) {
+        if (isNegativeZero(place)) return true;
+    }
+    return false;
+}
+
+/// A number that the parser would not take, and which of the text's numbers it is.
+struct OddNumber {
+    std::size_t ordinal;
+    std::string text;
+};
+
+/// Puts "0" and blanks in the place of each odd number outside strings, and hands the numbers over. Whether the
+/// rest is JSON is the parser's business.
+std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
+    simdjson::dom::parser parser;
+    std::vector<OddNumber> odd;
+    std::size_t ordinal = 0;
+    for (std::size_t place = 0; place < size;) {
+        const char character = text[place];
+        if (character == '"') {
+            for (++place; place < size && text[place] != '"'; ++place) {
+                if (text[place] == '\\') ++place;
+            }
+            ++place;
+        } else if (character == '-' || isDigit(character)) {
+            const std::size_t begin = place;
+            while (place < size && isInNumber(text[place])) ++place;
+            const std::string_view token(text + begin, place - begin);
+            if (isOddNumber(token, parser)) {
+                odd.push_back({ordinal, std::string(token)});
+                std::memset(text + begin, ' ', token.size());
+                text[begin] = '0';
+            }
+            ++ordinal;
+        } else {
+            ++place;
+        }
+    }
+    return odd;
+}
+
+[[noreturn]] void failParsing(simdjson::error_code error) {
+    if (error == simdjson::MEMALLOC) throw std::bad_alloc();
+    throw JSONError(std::string("not valid JSON: ") + simdjson::error_message(error));
+}
+
+[[noreturn]] void failType(const char* wanted) { throw JSONError(std::string("must be ") + wanted); }
+
+}  // namespace
+
+/// The parser's tape: the values of the document in the order of the text, each with its tag.
+struct JSONTape {
+    simdjson::dom::document document;
+    std::vector<std::string> oddNumbers;
+
+    [[nodiscard]] std::uint64_t word(std::size_t index) const noexcept { return document.tape[index]; }
+    [[nodiscard]] Tag tag(std::size_t index) const noexcept { return static_cast<Tag>(word(index) >> tagShift); }
+    [[nodiscard]] std::uint64_t payload(std::size_t index) const noexcept { return word(index) & payloadMask; }
+
+    [[nodiscard]] std::string_view string(std::size_t index) const noexcept {
+        const auto* place = document.string_buf.get() + payload(index);
+        std::uint32_t length = 0;
+        std::memcpy(&length, place, sizeof(length));
+        return {reinterpret_cast<const char*>(place + sizeof(length)), length};
+    }
+    [[nodiscard]] const std::string& oddNumber(std::size_t index) const noexcept { return oddNumbers[payload(index)]; }
+
+    /// The place behind the value at `index`.
+    [[nodiscard]] std::size_t next(std::size_t index) const noexcept {
+        switch (tag(index)) {
+            case Tag::beginObject:
+            case Tag::beginArray: return word(index) & 0xFFFFFFFF;
+            case Tag::integer:
+            case Tag::unsignedInteger:
+            case Tag::floating:
+            case Tag::oddNumber: return index + 2;
+            default: return index + 1;
+        }
+    }
+    /// The place of the closing tag of the object or array at `index`.
+    [[nodiscard]] std::size_t last(std::size_t index) const noexcept { return next(index) - 1; }
+
+    /// Gives the odd numbers their places, which hold a stand-in so far.
+    void place(std::vector<OddNumber> odd) {
+        std::size_t ordinal = 0;
+        for (std::size_t index = 1; oddNumbers.size() < odd.size();) {
+            const Tag here = tag(index);
+            if (here != Tag::integer && here != Tag::unsignedInteger && here != Tag::floating) {
+                ++index;
+                continue;
+            }
+            auto& number = odd[oddNumbers.size()];
+            if (ordinal++ == number.ordinal) {
+                document.tape[index] =
+                    std::uint64_t{static_cast<std::uint8_t>(Tag::oddNumber)} << tagShift | oddNumbers.size();
+                oddNumbers.push_back(std::move(number.text));
+            }
+            index += 2;
+        }
+    }
+};
+
+bool JSONValue::isNull() const noexcept { return tape_->tag(index_) == Tag::null; }
+bool JSONValue::isObject() const noexcept { return tape_->tag(index_) == Tag::beginObject; }
+bool JSONValue::isArray() const noexcept { return tape_->tag(index_) == Tag::beginArray; }
+bool JSONValue::isString() const noexcept { return tape_->tag(index_) == Tag::string; }
+
+bool JSONValue::boolean() const {
+    const Tag tag = tape_->tag(index_);
+    if (tag != Tag::isTrue && tag != Tag::isFalse) failType("true or false");
+    return tag == Tag::isTrue;
+}
+
+std::int64_t JSONValue::integer() const {
+    switch (tape_->tag(index_)) {
+        case Tag::integer: return static_cast<std::int64_t>(tape_->word(index_ + 1));
+        case Tag::floating: {
+            const auto value = std::bit_cast<double>(tape_->word(index_ + 1));
+            constexpr double bound = 0x1p63;
+            if (value >= -bound && value < bound && std::trunc(value) == value) return static_cast<std::int64_t>(value);
+            break;
+        }
+        case Tag::oddNumber:
+            if (tape_->oddNumber(index_) == "-0") return 0;
+            break;
+        default: break;
+    }
+    failType("a whole number of 64 bits");
+}
+
+double JSONValue::number() const {
+    const std::uint64_t bits = tape_->word(index_ + 1);
+    switch (tape_->tag(index_)) {
+        case Tag::floating: return std::bit_cast<double>(bits);
+        case Tag::integer: return static_cast<double>(static_cast<std::int64_t>(bits));
+        case Tag::unsignedInteger: return static_cast<double>(bits);
+        case Tag::oddNumber: {
+            const std::string& text = tape_->oddNumber(index_);
+            double value = 0;
+            if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc{}) return value;
+            failType("a number in the range of a double");
+        }
+        default: failType("a number");
+    }
+}
+
+std::string_view JSONValue::string() const {
+    if (!isString()) failType("text");
+    return tape_->string(index_);
+}
+
+std::optional<JSONValue> JSONValue::find(std::string_view key) const {
+    if (!isObject()) failType("an object");
+    const std::size_t last = tape_->last(index_);
+    for (std::size_t index = index_ + 1; index != last; index = tape_->next(index + 1)) {
+        if (tape_->string(index) == key) return JSONValue(tape_, index + 1);
+    }
+    return std::nullopt;
+}
+
+JSONValue::Elements JSONValue::elementRange() const {
+    if (!isArray()) failType("an array");
+    constexpr std::uint64_t mostCounted = 0xFFFFFF;  // where the tape's count stays
+    return {index_ + 1, tape_->last(index_), static_cast<std::size_t>(tape_->word(index_) >> 32 & mostCounted)};
+}
+
+std::size_t JSONValue::nextIndex() const noexcept { return tape_->next(index_); }
+
+std::vector<JSONValue> JSONValue::elements() const {
+    const auto range = elementRange();
+    std::vector<JSONValue> result;
+    result.reserve(range.count);
+    for (std::size_t index = range.begin; index != range.end; index = tape_->next(index)) {
+        result.push_back(JSONValue(tape_, index));
+    }
+    return result;
+}
+
+std::vector<std::pair<std::string_view, JSONValue>> JSONValue::members() const {
+    if (!isObject()) failType("an object");
+    std::vector<std::pair<std::string_view, JSONValue>> result;
+    const std::size_t last = tape_->last(index_);
+    for (std::size_t index = index_ + 1; index != last; index = tape_->next(index + 1)) {
+        result.emplace_back(tape_->string(index), JSONValue(tape_, index + 1));
+    }
+    return result;
+}
+
+std::string JSONValue::text() const {
+    JSONWriter writer(JSONWriter::Form::compact);
+    std::vector<bool> isInObject{false};  // a level each
+    bool isKeyNext = false;
+    const std::size_t end = tape_->next(index_);
+    for (std::size_t index = index_; index != end;) {
+        const Tag tag = tape_->tag(index);
+        if (isKeyNext && tag == Tag::string) {
+            writer.key(tape_->string(index++));
+            isKeyNext = false;
+            continue;
+        }
+        switch (tag) {
+            case Tag::beginObject:
+            case Tag::beginArray:
+                isInObject.push_back(tag == Tag::beginObject);
+                isInObject.back() ? writer.beginObject() : writer.beginArray();
+                break;
+            case Tag::endObject:
+            case Tag::endArray:
+                isInObject.back() ? writer.endObject() : writer.endArray();
+                isInObject.pop_back();
+                break;
+            case Tag::string: writer.string(tape_->string(index)); break;
+            case Tag::integer: writer.integer(static_cast<std::int64_t>(tape_->word(index + 1))); break;
+            case Tag::unsignedInteger: writer.unsignedInteger(tape_->word(index + 1)); break;
+            case Tag::floating: writer.number(std::bit_cast<double>(tape_->word(index + 1))); break;
+            case Tag::oddNumber: writer.raw(tape_->oddNumber(index)); break;
+            case Tag::isTrue: writer.boolean(true); break;
+            case Tag::isFalse: writer.boolean(false); break;
+            case Tag::null: writer.raw("null"); break;
+        }
+        const bool opens = tag == Tag::beginObject || tag == Tag::beginArray;
+        index = opens ? index + 1 : tape_->next(index);
+        isKeyNext = isInObject.back();
+    }
+    return writer.take();
+}
+
+JSONDocument JSONDocument::parse(std::string_view text) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (text.starts_with(byteOrderMark)) text.remove_prefix(byteOrderMark.size());
+
+    simdjson::padded_string copy(text);
+    if (copy.size() != text.size()) throw std::bad_alloc();
+    std::vector<OddNumber> odd;
+    if (mayHoldNegativeZero(text)) odd = replaceOddNumbers(copy.data(), copy.size());
+
+    auto tape = std::make_unique<JSONTape>();
+    const auto run = [&] {
+        simdjson::dom::parser parser;
+        return parser.parse_into_document(tape->document, copy.data(), copy.size(), false).error();
+    };
+    auto error = run();
+    if (error == simdjson::NUMBER_ERROR && odd.empty()) {
+        odd = replaceOddNumbers(copy.data(), copy.size());
+        if (!odd.empty()) error = run();
+    }
+    if (error != simdjson::SUCCESS) failParsing(error);
+    tape->place(std::move(odd));
+    return JSONDocument(std::move(tape));
+}
+
+JSONDocument JSONDocument::read(const std::filesystem::path& file, std::size_t limit) {
+    return parse(readFile(file, limit));
+}
+
+JSONDocument::JSONDocument(std::unique_ptr<JSONTape> tape) noexcept : tape_(std::move(tape)) {}
+JSONDocument::JSONDocument(JSONDocument&&) noexcept = default;
+JSONDocument& JSONDocument::operator=(JSONDocument&&) noexcept = default;
+JSONDocument::~JSONDocument() = default;
+
+JSONValue JSONDocument::root() const noexcept {
+    constexpr std::size_t firstValue = 1;  // behind the tape's own root word
+    return {tape_.get(), firstValue};
+}
+
+template <>
+bool decode<bool>(const JSONValue& value) {
+    return value.boolean();
+}
+template <>
+std::int64_t decode<std::int64_t>(const JSONValue& value) {
+    return value.integer();
+}
+template <>
+double decode<double>(const JSONValue& value) {
+    return value.number();
+}
+template <>
+std::string decode<std::string>(const JSONValue& value) {
+    return std::string(value.string());
+}
+
+}  // namespace quillmere

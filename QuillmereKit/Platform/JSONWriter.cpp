@@ -1,0 +1,349 @@
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/Precondition.hpp"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace quillmere {
+namespace {
+
+constexpr std::size_t firstCapacity = 1024;
+constexpr std::size_t blanksPerLevel = 2;
+constexpr std::size_t longestNumber = 32;  // "-2.2250738585072014e-308" has 24 characters
+
+constexpr std::string_view notUTF8 = "A text cannot be written as JSON: it is not valid UTF-8.";
+constexpr std::string_view outOfOrder =
+    "JSON must be written in order: keys and values by turns, every end after its begin.";
+
+/// Which bytes do not stand for themselves: 0 those that do, 1 those of longer UTF-8 sequences, else the letter
+/// of the short escape, or 'u'.
+constexpr std::array<char, 256> escapes = [] {
+    std::array<char, 256> table{};
+    for (std::size_t byte = 0; byte < 0x20; ++byte) table[byte] = 'u';
+    for (std::size_t byte = 0x80; byte < 0x100; ++byte) table[byte] = 1;
+    table['\b'] = 'b';
+    table['\t'] = 't';
+    table['\n'] = 'n';
+    table['\f'] = 'f';
+    table['\r'] = 'r';
+    table['"'] = '"';
+    table['\\'] = '\\';
+    table['/'] = '/';
+    return table;
+}();
+
+/// The length of the well-formed UTF-8 sequence of two to four bytes at `place`, or 0 (The Unicode Standard, table
+/// 3-7).
+std::size_t sequenceLength(const unsigned char* place, std::size_t left) noexcept {
+    const auto continues = [&](std::size_t index, unsigned low = 0x80, unsigned high = 0xBF) {
+        return place[index] >= low && place[index] <= high;
+    };
+    const unsigned first = place[0];
+    if (first >= 0xC2 && first <= 0xDF) return left >= 2 && continues(1) ? 2 : 0;
+    if (first >= 0xE0 && first <= 0xEF) {
+        const unsigned low = first == 0xE0 ? 0xA0 : 0x80;
+        const unsigned high = first == 0xED ? 0x9F : 0xBF;
+        return left >= 3 && continues(1, low, high) && continues(2) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        const unsigned low = first == 0xF0 ? 0x90 : 0x80;
+        const unsigned high = first == 0xF4 ? 0x8F : 0xBF;
+        return left >= 4 && continues(1, low, high) && continues(2) && continues(3) ? 4 : 0;
+    }
+    return 0;
+}
+
+#if defined(__SSE2__)
+constexpr std::size_t blockSize = 16;
+
+/// Copies a block; returns how many bytes at its start stand for themselves.
+std::size_t copySafe(char* out, const char* in) noexcept {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+    // Signed, so that bytes from 0x80 count as below the blank, too.
+    const __m128i low = _mm_cmplt_epi8(bytes, _mm_set1_epi8(' '));
+    const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+    const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+    const __m128i slash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('/'));
+    const __m128i special = _mm_or_si128(_mm_or_si128(low, quote), _mm_or_si128(backslash, slash));
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(special));
+    return static_cast<std::size_t>(std::countr_zero(mask | 1U << blockSize));
+}
+#else
+constexpr std::size_t blockSize = 8;
+
+std::size_t copySafe(char* out, const char* in) noexcept {
+    std::memcpy(out, in, blockSize);
+    std::size_t count = 0;
+    while (count < blockSize && escapes[static_cast<unsigned char>(in[count])] == 0) ++count;
+    return count;
+}
+#endif
+
+}  // namespace
+
+JSONWriter::JSONWriter(Form form, JSONUserInfo userInfo) : form_(form), userInfo_(std::move(userInfo)) {}
+
+bool JSONWriter::isSet(std::string_view key) const {
+    const auto found = userInfo_.find(key);
+    if (found == userInfo_.end()) return false;
+    const bool* setting = std::get_if<bool>(&found->second);
+    return setting != nullptr && *setting;
+}
+
+std::string JSONWriter::take() {
+    precondition(levels_.empty() && expected_ == Expected::nothing, outOfOrder);
+    text_.resize(size_);
+    size_ = 0;
+    expected_ = Expected::value;
+    return std::exchange(text_, {});
+}
+
+inline char* JSONWriter::reserve(std::size_t count) {
+    if (text_.size() - size_ < count) text_.resize(std::max({firstCapacity, 2 * text_.size(), size_ + count}));
+    return text_.data() + size_;
+}
+
+inline void JSONWriter::append(std::string_view text) {
+    std::memcpy(reserve(text.size()), text.data(), text.size());
+    size_ += text.size();
+}
+
+void JSONWriter::appendLineStart(std::size_t level) {
+    char* out = reserve(1 + blanksPerLevel * level);
+    *out = '\n';
+    std::memset(out + 1, ' ', blanksPerLevel * level);
+    size_ += 1 + blanksPerLevel * level;
+}
+
+/// What stands before a member or an element.
+inline void JSONWriter::separate() {
+    Level& level = levels_.back();
+    if (!level.isEmpty) {
+        *reserve(1) = ',';
+        ++size_;
+    }
+    level.isEmpty = false;
+    if (form_ == Form::pretty) appendLineStart(levels_.size());
+}
+
+inline void JSONWriter::beginValue() {
+    if (expected_ == Expected::element) return separate();
+    precondition(expected_ == Expected::value, outOfOrder);
+}
+
+inline void JSONWriter::endValue() noexcept {
+    if (levels_.empty()) {
+        expected_ = Expected::nothing;
+    } else if (levels_.back().isObject) {
+        expected_ = Expected::key;
+        if (form_ != Form::compact) members_.back().end = size_;
+    } else {
+        expected_ = Expected::element;
+    }
+}
+
+inline void JSONWriter::begin(bool isObject, char bracket) {
+    beginValue();
+    *reserve(1) = bracket;
+    ++size_;
+    levels_.push_back({isObject, true, members_.size(), keys_.size()});
+    expected_ = isObject ? Expected::key : Expected::element;
+}
+
+inline void JSONWriter::end(bool isObject, char bracket) {
+    const bool isInPlace = !levels_.empty() && levels_.back().isObject == isObject &&
+                           expected_ == (isObject ? Expected::key : Expected::element);
+    precondition(isInPlace, outOfOrder);
+    if (isObject && form_ != Form::compact) sortMembers();
+    if (form_ == Form::pretty) {
+        if (levels_.back().isEmpty) append("\n");
+        appendLineStart(levels_.size() - 1);
+    }
+    *reserve(1) = bracket;
+    ++size_;
+    levels_.pop_back();
+    endValue();
+}
+
+void JSONWriter::beginObject() { begin(true, '{'); }
+void JSONWriter::endObject() { end(true, '}'); }
+void JSONWriter::beginArray() { begin(false, '['); }
+void JSONWriter::endArray() { end(false, ']'); }
+
+void JSONWriter::key(std::string_view key) {
+    precondition(expected_ == Expected::key, outOfOrder);
+    const std::size_t size = size_;
+    const bool wasEmpty = levels_.back().isEmpty;
+    separate();
+    const std::size_t start = size_;
+    try {
+        appendQuoted(key, form_ == Form::pretty ? " : " : ":");
+    } catch (const EncodingError&) {
+        size_ = size;
+        levels_.back().isEmpty = wasEmpty;
+        throw;
+    }
+    if (form_ != Form::compact) {
+        members_.push_back({keys_.size(), key.size(), start, start});
+        keys_ += key;
+    }
+    expected_ = Expected::value;
+}
+
+void JSONWriter::string(std::string_view text) {
+    const std::size_t size = size_;
+    const bool wasEmpty = levels_.empty() || levels_.back().isEmpty;
+    beginValue();
+    try {
+        appendQuoted(text, {});
+    } catch (const EncodingError&) {
+        size_ = size;
+        if (!levels_.empty()) levels_.back().isEmpty = wasEmpty;
+        throw;
+    }
+    endValue();
+}
+
+void JSONWriter::appendQuoted(std::string_view text, std::string_view behind) {
+    constexpr std::size_t longestEscape = 6;
+    const char* in = text.data();
+    std::size_t left = text.size();
+    char* out = reserve(left + longestEscape + 2 * blockSize);
+    const char* limit = text_.data() + text_.size() - longestEscape - blockSize;
+    *out++ = '"';
+
+    /// Writes what does not stand for itself, and sees that there is room for the next step.
+    const auto writeSpecial = [&] {
+        const auto byte = static_cast<unsigned char>(*in);
+        const char escape = escapes[byte];
+        if (escape == 1) {
+            const std::size_t length = sequenceLength(reinterpret_cast<const unsigned char*>(in), left);
+            if (length == 0) throw EncodingError(std::string(notUTF8));
+            std::memcpy(out, in, length);
+            out += length;
+            in += length;
+            left -= length;
+        } else {
+            *out++ = '\\';
+            *out++ = escape;
+            if (escape == 'u') {
+                constexpr std::string_view digits = "0123456789abcdef";
+                const std::array<char, 4> code{'0', '0', digits[byte >> 4], digits[byte & 0x0F]};
+                std::memcpy(out, code.data(), code.size());
+                out += code.size();
+            }
+            ++in;
+            --left;
+        }
+        if (out + left > limit) {
+            const auto written = static_cast<std::size_t>(out - (text_.data() + size_));
+            size_ += written;
+            out = reserve(2 * left + longestEscape + 2 * blockSize);
+            size_ -= written;
+            limit = text_.data() + text_.size() - longestEscape - blockSize;
+        }
+    };
+
+    while (left >= blockSize) {
+        const std::size_t safe = copySafe(out, in);
+        out += safe;
+        in += safe;
+        left -= safe;
+        if (safe < blockSize) writeSpecial();
+    }
+    while (left > 0) {
+        std::array<char, blockSize> block{};  // its zeros are special, so they end the run
+        std::memcpy(block.data(), in, left);
+        const std::size_t safe = copySafe(out, block.data());
+        out += safe;
+        in += safe;
+        left -= safe;
+        if (left > 0) writeSpecial();
+    }
+    *out++ = '"';
+    std::memcpy(out, behind.data(), behind.size());
+    out += behind.size();
+    size_ = static_cast<std::size_t>(out - text_.data());
+}
+
+void JSONWriter::integer(std::int64_t value) {
+    beginValue();
+    char* out = reserve(longestNumber);
+    size_ += static_cast<std::size_t>(std::to_chars(out, out + longestNumber, value).ptr - out);
+    endValue();
+}
+
+void JSONWriter::unsignedInteger(std::uint64_t value) {
+    beginValue();
+    char* out = reserve(longestNumber);
+    size_ += static_cast<std::size_t>(std::to_chars(out, out + longestNumber, value).ptr - out);
+    endValue();
+}
+
+void JSONWriter::number(double value) {
+    constexpr double mostPlain = 0x1p53;
+    constexpr double leastPlain = 1e-4;
+    if (!std::isfinite(value)) throw EncodingError("A number cannot be written as JSON: it is not finite.");
+    beginValue();
+    char* out = reserve(longestNumber);
+    char* const start = out;
+    const double size = std::fabs(value);
+    if (std::signbit(value)) *out++ = '-';
+    if (size <= mostPlain && size == std::trunc(size)) {
+        out = std::to_chars(out, start + longestNumber, static_cast<std::uint64_t>(size)).ptr;
+    } else {
+        const bool isPlain = size >= leastPlain && size <= mostPlain;
+        const auto format = isPlain ? std::chars_format::fixed : std::chars_format::scientific;
+        out = std::to_chars(out, start + longestNumber, size, format).ptr;
+    }
+    size_ += static_cast<std::size_t>(out - start);
+    endValue();
+}
+
+void JSONWriter::boolean(bool value) {
+    beginValue();
+    append(value ? "true" : "false");
+    endValue();
+}
+
+void JSONWriter::raw(std::string_view json) {
+    beginValue();
+    append(json);
+    endValue();
+}
+
+/// Puts the members of the innermost object in byte order of their keys. Their texts only change places.
+void JSONWriter::sortMembers() {
+    const Level& level = levels_.back();
+    const auto first = members_.begin() + static_cast<std::ptrdiff_t>(level.firstMember);
+    const auto keyOf = [this](const Member& member) {
+        return std::string_view(keys_).substr(member.key, member.keyLength);
+    };
+    if (!std::ranges::is_sorted(first, members_.end(), {}, keyOf)) {
+        const std::size_t start = first->start;
+        scratch_.assign(text_, start, size_ - start);
+        const std::size_t gap = first->end - start;  // all gaps between two members are alike
+        const std::string_view separator = std::string_view(scratch_).substr(gap, (first + 1)->start - first->end);
+        std::ranges::stable_sort(first, members_.end(), {}, keyOf);
+        size_ = start;
+        for (auto member = first; member != members_.end(); ++member) {
+            if (member != first) append(separator);
+            append(std::string_view(scratch_).substr(member->start - start, member->end - member->start));
+        }
+    }
+    members_.resize(level.firstMember);
+    keys_.resize(level.firstKey);
+}
+
+}  // namespace quillmere
