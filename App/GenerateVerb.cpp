@@ -1,0 +1,261 @@
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <mutex>
+
+#include "App/EngineCommand.hpp"
+#include "App/EventText.hpp"
+#include "App/Host.hpp"
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "App/Verbs.hpp"
+#include "QuillmereKit/Generation/GenerationBackends.hpp"
+#include "QuillmereKit/Generation/GenerationQueue.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
+#include "Renderers/ProcessRenderer.hpp"
+
+namespace quillmere::app {
+namespace {
+
+struct GenerateOptions {
+    std::string mood;
+    std::int64_t blend = 1;
+    std::int64_t count = 1;
+    std::optional<std::int64_t> seed;
+    double seconds = trackSeconds;
+    GenerationModel model = GenerationModel::medium;
+    GenerationEngine runtime = GenerationEngine::mlx;
+    GenerationPace pace = GenerationPace::fast;
+    std::string engine;
+};
+
+// A wake-up that any thread can give and one waits for, together with the signals that ask the program to end.
+class EndOfWork {
+public:
+    EndOfWork() {
+        // Blocked before any thread is started, so that every thread inherits it and only this descriptor hears them.
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        signals_ = signalfd(-1, &signals, SFD_CLOEXEC);
+        wake_ = eventfd(0, EFD_CLOEXEC);
+        if (signals_ < 0 || wake_ < 0) throw Error("The system gave no descriptor: " + std::string(strerror(errno)));
+    }
+    ~EndOfWork() {
+        close(signals_);
+        close(wake_);
+    }
+    EndOfWork(const EndOfWork&) = delete;
+    EndOfWork& operator=(const EndOfWork&) = delete;
+
+    void announce() const {
+        const std::uint64_t one = 1;
+        while (write(wake_, &one, sizeof one) < 0 && errno == EINTR) {
+        }
+    }
+
+    /// Waits for `announce` (true) or for a signal (false).
+    [[nodiscard]] bool wait() const {
+        std::array<pollfd, 2> waits{{{wake_, POLLIN, 0}, {signals_, POLLIN, 0}}};
+        while (poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
+        }
+        if ((waits[0].revents & POLLIN) != 0) return true;
+        signalfd_siginfo taken{};
+        while (read(signals_, &taken, sizeof taken) < 0 && errno == EINTR) {
+        }
+        return false;
+    }
+
+private:
+    int signals_ = -1;
+    int wake_ = -1;
+};
+
+// Generates the asked pieces one after another; each is asked for from inside the event that ends the one before.
+class Generation {
+public:
+    Generation(const GenerateOptions& options, const Mood& mood, Host& host)
+        : options_(options),
+          mood_(mood),
+          host_(host),
+          store_(host.store()),
+          seed_(options.seed.value_or(randomSeed())) {
+        auto backends = std::make_shared<GenerationBackends>();
+        auto command = options.engine.empty() ? defaultEngineCommand() : splitCommand(options.engine);
+        if (command.empty()) throw Error("The engine command is empty.");
+        auto renderer = std::make_shared<ProcessRenderer>(std::move(command), store_);
+        for (const GenerationEngine engine : allCases<GenerationEngine>()) backends->registerService(renderer, engine);
+        queue_ = std::make_unique<GenerationQueue>(backends, store_, options.seconds);
+    }
+
+    void run() {
+        queue_->observeEvents([this](const GenerationQueue::Event& event) { take(event); });
+        requestNext();
+        while (!end_.wait()) {
+            isInterrupted_ = true;
+            line_.clear();
+            queue_->cancelAll();
+        }
+        queue_.reset();
+        line_.clear();
+        conclude();
+    }
+
+private:
+    static std::int64_t randomSeed() {
+        std::uint64_t bits = 0;
+        const UUID random = UUID::random();
+        std::memcpy(&bits, random.bytes.data(), sizeof bits);
+        return static_cast<std::int64_t>(bits >> 33);  // 31 bits: short enough to be typed again
+    }
+
+    void requestNext() {
+        const auto model = identityModel(options_.runtime, options_.model);
+        const auto identity = mood_.identity(BlendStep(options_.blend), seed_ + done_, model);
+        isNew_ = false;
+        queue_->request(identity.value(), options_.pace);
+    }
+
+    // On the queue's own thread.
+    void take(const GenerationQueue::Event& event) {
+        using Progress = GenerationQueue::Progress;
+        if (host_.json) {
+            std::printf("%s\n", jsonLine(event).c_str());
+            std::fflush(stdout);
+        }
+        const auto& value = event.progress.value();
+        if (const auto* stage = std::get_if<Progress::Stage>(&value)) {
+            if (!host_.json) line_.show(heading() + stage->stage.label(), progressFraction(stage->stage));
+        } else if (std::holds_alternative<Progress::Rendering>(value)) {
+            isNew_ = true;
+        } else if (const auto* finished = std::get_if<Progress::Finished>(&value)) {
+            report(finished->artifact);
+            ++done_;
+            if (store_->lastSaveError() || done_ == options_.count || isInterrupted_) {
+                end_.announce();
+            } else {
+                requestNext();
+            }
+        } else if (const auto* failed = std::get_if<Progress::Failed>(&value)) {
+            failure_ = failed->message;
+            end_.announce();
+        } else if (std::holds_alternative<Progress::Idle>(value)) {
+            end_.announce();
+        }
+    }
+
+    [[nodiscard]] std::string heading() const {
+        return options_.count == 1 ? "" : std::to_string(done_ + 1) + " of " + std::to_string(options_.count) + " · ";
+    }
+
+    void report(const LoopArtifact& artifact) {
+        if (host_.json) return;
+        line_.clear();
+        std::printf("%s  %.0f s  seed %lld%s\n", safeForTerminal(artifact.url.path().string()).c_str(),
+                    artifact.seconds, static_cast<long long>(artifact.identity.seed),
+                    isNew_ ? "" : "  (already in the library)");
+        std::fflush(stdout);
+    }
+
+    void conclude() {
+        if (failure_) return host_.fail(ExitCode::failure, *failure_);
+        if (const auto error = store_->lastSaveError()) {
+            return host_.fail(ExitCode::notSaved, "The library could not be saved: " + *error);
+        }
+        if (done_ < options_.count) return host_.fail(ExitCode::interrupted, "Stopped.");
+    }
+
+    EndOfWork end_;  // first: it must be there before any thread is
+    const GenerateOptions& options_;
+    const Mood& mood_;
+    Host& host_;
+    const std::shared_ptr<LoopStore> store_;
+    const std::int64_t seed_;
+    ProgressLine line_;
+    std::int64_t done_ = 0;
+    bool isNew_ = false;
+    std::atomic<bool> isInterrupted_ = false;
+    std::optional<std::string> failure_;
+    std::unique_ptr<GenerationQueue> queue_;  // last, so that it ends before what its handler uses goes
+};
+
+// The mood that the user named, or a sentence that helps.
+Mood chosenMood(const std::string& id) {
+    if (const auto mood = MoodCatalog::mood(id, CustomMoodStore::shared())) {
+        if (!mood->isPlayable()) {
+            throw CLI::ValidationError(
+                "--mood", "\"" + mood->name + "\" has no music yet. 'quillmere moods' lists those that have.");
+        }
+        return *mood;
+    }
+    std::vector<std::string> known;
+    for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.push_back(mood.id);
+    const auto near = suggestion(id, known);
+    throw CLI::ValidationError("--mood",
+                               "there is no mood \"" + safeForTerminal(id) + "\"." +
+                                   (near ? " Did you mean \"" + *near + "\"?" : " 'quillmere moods' lists them."));
+}
+
+}  // namespace
+
+void addGenerateVerb(CLI::App& app, Host& host) {
+    auto& verb =
+        *app.add_subcommand("generate", "Generate pieces of music for a mood and file them in the loop library");
+    verb.footer("Example: quillmere generate --mood designflow --blend calm --count 3 --seconds 60");
+    auto options = std::make_shared<GenerateOptions>();
+
+    verb.add_option("--mood", options->mood, "The mood's id, as 'quillmere moods' lists it")->required();
+    const std::map<std::string, std::int64_t> blends = {{"0", 0}, {"1", 1},    {"2", 2},        {"3", 3},
+                                                        {"4", 4}, {"calm", 0}, {"balanced", 1}, {"energetic", 4}};
+    verb.add_option("--blend", options->blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
+        ->transform(CLI::Transformer(blends, CLI::ignore_case).description("0..4|calm|balanced|energetic"))
+        ->check(CLI::Range(0, 4).description(""))
+        ->default_str("1");
+    verb.add_option("--count", options->count, "How many pieces")->check(CLI::Range(1, 100000))->default_str("1");
+    verb.add_option("--seed", options->seed, "The first piece's seed; the next ones follow it (default: random)")
+        ->check(CLI::NonNegativeNumber);
+    verb.add_option("--seconds", options->seconds, "Length of a piece, up to 120")
+        ->check(CLI::Range(1.0, trackSeconds))
+        ->default_str("120");
+    verb.add_option("--model", options->model, "The model that makes the identity")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationModel>{
+            {"medium", GenerationModel::medium}, {"small-music", GenerationModel::smallMusic}}))
+        ->default_str("medium");
+    verb.add_option("--runtime", options->runtime, "The runtime that makes the identity")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationEngine>{
+            {"standard", GenerationEngine::mlx}, {"background", GenerationEngine::stableAudioCoreML}}))
+        ->default_str("standard");
+    verb.add_option("--pace", options->pace, "How hard the computer may work")
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, GenerationPace>{{"gentle", GenerationPace::gentle},
+                                                                          {"background", GenerationPace::background},
+                                                                          {"fast", GenerationPace::fast}}))
+        ->default_str("fast");
+    verb.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
+    addLibraryOptions(verb, host);
+    addJSONOption(verb, host);
+
+    verb.callback([options, &host] {
+        host.prepare();
+        const Mood mood = chosenMood(options->mood);
+        if (options->seed && *options->seed > std::numeric_limits<std::int64_t>::max() - options->count) {
+            throw CLI::ValidationError("--seed", "too large for this many pieces");
+        }
+        Generation(*options, mood, host).run();
+    });
+}
+
+}  // namespace quillmere::app

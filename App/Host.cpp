@@ -1,0 +1,69 @@
+#include "App/Host.hpp"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "App/Terminal.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/OwnFolder.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
+
+namespace quillmere::app {
+namespace {
+
+// What the host's verbs throw away through the store was made and replaced by the system itself (a cancelled render, a
+// working folder): it is deleted. What the owner listened to goes to the trash, in the verb that says so.
+LoopStore::Discard deleteOwn(const std::filesystem::path& folder) {
+    return [own = OwnFolder(folder)](const FileURL& url) {
+        try {
+            const auto path = url.path();
+            const auto facts = factsOf(path);
+            if (facts && facts->kind == FileFacts::Kind::folder) return own.names(path) && removeFolder(path);
+            return own.remove(path);
+        } catch (const FileError&) {
+            return false;
+        }
+    };
+}
+
+}  // namespace
+
+void Host::prepare() const {
+    if (!home.empty()) UserFolders::moveTo(home);
+}
+
+std::filesystem::path Host::libraryFolder() const {
+    if (!library.empty()) return std::filesystem::absolute(library).lexically_normal();
+    const auto data = UserFolders::applicationData();
+    if (!data) throw Error("There is no home folder. Name a place with --home.");
+    return *data / "Loops";
+}
+
+const std::shared_ptr<LoopStore>& Host::store() {
+    if (!store_)
+        store_ = std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()));
+    return store_;
+}
+
+void Host::fail(ExitCode code, std::string_view message) {
+    std::fprintf(stderr, "quillmere: %s\n", safeForTerminal(message).c_str());
+    exitCode = code;
+}
+
+void addHomeOption(CLI::App& verb, Host& host) {
+    verb.add_option("--home", host.home, "Keep everything in this folder instead of the user's own")
+        ->type_name("DIR")
+        ->check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
+}
+
+void addLibraryOptions(CLI::App& verb, Host& host) {
+    addHomeOption(verb, host);
+    verb.add_option("--library", host.library, "Keep the loop library in this folder")
+        ->type_name("DIR")
+        ->check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
+}
+
+void addJSONOption(CLI::App& verb, Host& host) { verb.add_flag("--json", host.json, "Print JSON"); }
+
+}  // namespace quillmere::app

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "App/ExitCode.hpp"
+#include "QuillmereKit/Library/LoopStore.hpp"
+
+namespace CLI {
+class App;
+}
+
+namespace quillmere::app {
+
+/// What every verb shares: the options that say where things live, and the stores opened there on first use.
+class Host {
+public:
+    std::string home;     ///< `--home`: moves everything; empty for the user's folders.
+    std::string library;  ///< `--library`: moves the loops alone; empty for the default folder.
+    bool json = false;    ///< `--json`: machine-readable output.
+
+    ExitCode exitCode = ExitCode::success;
+
+    /// Applies `home`. Called once, after the command line was read and before any verb runs.
+    void prepare() const;
+
+    /// The loop library, opened on first use.
+    [[nodiscard]] const std::shared_ptr<LoopStore>& store();
+
+    /// Where the loop library lies.
+    [[nodiscard]] std::filesystem::path libraryFolder() const;
+
+    /// Says on standard error why something failed and notes how the program will end.
+    void fail(ExitCode code, std::string_view message);
+
+private:
+    std::shared_ptr<LoopStore> store_;
+};
+
+/// The options `--home`, `--library` and `--json`, in every verb that takes them.
+void addHomeOption(CLI::App& verb, Host& host);
+void addLibraryOptions(CLI::App& verb, Host& host);
+void addJSONOption(CLI::App& verb, Host& host);
+
+}  // namespace quillmere::app

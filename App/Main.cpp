@@ -1,0 +1,51 @@
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+
+#include "App/Host.hpp"
+#include "App/Verbs.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
+
+namespace {
+
+using quillmere::app::ExitCode;
+using quillmere::app::Host;
+
+constexpr const char* footer =
+    "Exit status: 0 done, 1 failed, 2 wrong command line, 3 damage found, 4 library in use,\n"
+    "5 done but not saved, 130 interrupted.\n\n"
+    "Example: quillmere generate --mood designflow --blend 1 --count 3";
+
+int run(int argumentCount, char** arguments) {
+    CLI::App app("Endless, unobtrusive background music, generated on your own computer.", "quillmere");
+    app.footer(footer);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "quillmere " QUILLMERE_VERSION);
+
+    Host host;
+    quillmere::app::addMoodsVerb(app, host);
+    quillmere::app::addGenerateVerb(app, host);
+
+    try {
+        app.parse(argumentCount, arguments);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
+    } catch (const quillmere::LibraryInUse& error) {
+        host.fail(ExitCode::libraryInUse, error.what());
+    } catch (const std::exception& error) {
+        host.fail(ExitCode::failure, error.what());
+    }
+    if (std::fflush(stdout) != 0 && host.exitCode == ExitCode::success) {
+        host.fail(ExitCode::failure, "Standard output could not be written.");
+    }
+    return static_cast<int>(host.exitCode);
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+    // A closed pipe is an ordinary write error here, never the death of the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    return run(argumentCount, arguments);
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+namespace quillmere::app {
+
+class Host;
+
+// Each adds one verb with its options, help text and example to the command line. The verb runs when the command line
+// has been read, throws what it cannot handle, and leaves its result in `Host::exitCode`.
+void addMoodsVerb(CLI::App& app, Host& host);
+void addGenerateVerb(CLI::App& app, Host& host);
+
+}  // namespace quillmere::app
