@@ -30,7 +30,7 @@ MenuBarIcon PlaybackState::icon() const noexcept {
 }
 
 bool PlaybackState::canToggle() const noexcept {
-    if (const auto* failed = std::get_if<Failed>(&value_)) return failed->failure.isRecoverable();
+    if (const auto* failed = std::get_if<Error>(&value_)) return failed->failure.isRecoverable();
     return std::holds_alternative<Ready>(value_) || isPlaying() || std::holds_alternative<Paused>(value_);
 }
 
@@ -38,7 +38,7 @@ std::optional<std::string> PlaybackState::status() const {
     if (const auto* download = std::get_if<DownloadingModel>(&value_)) {
         return "Downloading music files — " + percentage(download->progress) + "%";
     }
-    if (const auto* failed = std::get_if<Failed>(&value_)) return failed->failure.message();
+    if (const auto* failed = std::get_if<Error>(&value_)) return failed->failure.message();
     if (std::holds_alternative<Cold>(value_)) return "Starting up";
     if (std::holds_alternative<WarmingUp>(value_)) return "Warming up";
     return std::nullopt;

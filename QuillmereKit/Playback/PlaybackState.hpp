@@ -43,9 +43,9 @@ public:
         friend bool operator==(const DownloadingModel&, const DownloadingModel&) = default;
     };
     /// The player failed.
-    struct Failed {
+    struct Error {
         Failure failure;  ///< How.
-        friend bool operator==(const Failed&, const Failed&) = default;
+        friend bool operator==(const Error&, const Error&) = default;
     };
     /// Nothing is loaded yet; starting.
     struct Cold {
@@ -68,7 +68,7 @@ public:
         friend bool operator==(const Paused&, const Paused&) = default;
     };
     /// The cases, in order.
-    using Value = std::variant<DownloadingModel, Failed, Cold, WarmingUp, Ready, Playing, Paused>;
+    using Value = std::variant<DownloadingModel, Error, Cold, WarmingUp, Ready, Playing, Paused>;
 
     PlaybackState(Value value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
 

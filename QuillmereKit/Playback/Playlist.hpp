@@ -13,8 +13,9 @@ namespace quillmere {
 
 /// The order in which a player plays a set of pieces, round after round.
 ///
-/// The first round plays the pieces as given; at the end of each the order is shuffled by a generator of its own, so that
-/// the same pieces and seed always give the same rounds, and with three or more pieces none is played twice in a row. A plain value without a lock: its owner serialises access.
+/// The first round plays the pieces as given; at the end of each the order is shuffled by a generator of its own, so
+/// that the same pieces and seed always give the same rounds, and with three or more pieces none is played twice in a
+/// row. A plain value without a lock: its owner serialises access.
 class Playlist {
 public:
     /// The playlist of these pieces. A seed of 0 stands for 0x9e3779b97f4a7c15.
@@ -40,7 +41,8 @@ public:
     /// The piece now playing; null when there is none. Valid until the next change.
     [[nodiscard]] const LoopArtifact* current() const noexcept;
 
-    /// The next piece of the present round; null with fewer than two. At the last position it names the first of the present round, although `advance` shuffles before it moves there.
+    /// The next piece of the present round; null with fewer than two. At the last position it names the first of the
+    /// present round, although `advance` shuffles before it moves there.
     [[nodiscard]] const LoopArtifact* upcoming() const noexcept;
 
     /// Adds a piece at the end of the present round, unless one with its fingerprint is held.

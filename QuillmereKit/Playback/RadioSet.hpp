@@ -47,8 +47,8 @@ public:
         Value value_;
     };
 
-    /// The radio of these moods, duplicates kept; on air is `onAir` if it is one of them, else the first. Nothing for an
-    /// empty list.
+    /// The radio of these moods, duplicates kept; on air is `onAir` if it is one of them, else the first. Nothing for
+    /// an empty list.
     [[nodiscard]] static std::optional<RadioSet> make(std::vector<std::string> moodIDs,
                                                       const std::optional<std::string>& onAir);
 
@@ -60,7 +60,8 @@ public:
     [[nodiscard]] std::size_t count() const noexcept { return moodIDs_.size(); }
     [[nodiscard]] bool contains(std::string_view moodID) const noexcept;
 
-    /// Removes the mood where it is in the radio (the next one, or the new last one, goes on air in its stead), else appends it. The only mood stays.
+    /// Removes the mood where it is in the radio (the next one, or the new last one, goes on air in its stead), else
+    /// appends it. The only mood stays.
     ToggleResult toggle(const std::string& moodID);
 
     /// Moves to the next mood of the list, after the last to the first, and returns it.

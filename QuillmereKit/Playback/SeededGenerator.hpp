@@ -12,8 +12,8 @@ struct SeededGenerator {
     /// The next 64 random bits.
     [[nodiscard]] std::uint64_t next() noexcept;
 
-    /// A value below `bound` (at least 1, else the process stops), each equally likely: multiply and reject (Lemire, "Fast random integer
-    /// generation in an interval", 2019). Takes one draw, rarely more.
+    /// A value below `bound` (at least 1, else the process stops), each equally likely: multiply and reject (Lemire,
+    /// "Fast random integer generation in an interval", 2019). Takes one draw, rarely more.
     [[nodiscard]] std::uint64_t below(std::uint64_t bound) noexcept;
 
     friend bool operator==(const SeededGenerator&, const SeededGenerator&) = default;
