@@ -13,9 +13,10 @@ class JSONWriter;
 struct AudioLoudness {
     static constexpr double targetLUFS = -18.0;  ///< The house target, in LUFS.
 
-    std::optional<double> integratedLUFS;  ///< Gated integrated loudness; absent when every block fell below the gates.
-    double peak = 0;                       ///< Largest absolute sample, linear full scale.
-    std::optional<double> seconds;         ///< How much audio the measurement covered; absent when unknown.
+    std::optional<double> integratedLUFS =
+        {};                              ///< Gated integrated loudness; absent when every block fell below the gates.
+    double peak = 0;                     ///< Largest absolute sample, linear full scale.
+    std::optional<double> seconds = {};  ///< How much audio the measurement covered; absent when unknown.
 
     /// The gain for the whole piece, in decibels.
     [[nodiscard]] double gainDB() const;

@@ -13,14 +13,14 @@ namespace quillmere {
 
 /// One stored piece of generated music: the audio file and what is known about it. A plain value.
 struct LoopArtifact {
-    LoopIdentity identity;               ///< What the piece was generated from.
-    FileURL url;                         ///< Where the audio lies.
-    double seconds = 0;                  ///< Length of the audio.
-    std::optional<double> seamDB;        ///< Level measure at the loop's seam, decibels, as the renderer reported it.
-    std::optional<LoopQuality> quality;  ///< Absent when never measured.
-    std::optional<double> leadIn;        ///< Lead-in in seconds, as the renderer reported it.
-    std::optional<std::string> engineBuild;  ///< The exact build of the engine that rendered it.
-    std::optional<RecipeOrigin> origin;      ///< The machine on which it was rendered.
+    LoopIdentity identity;              ///< What the piece was generated from.
+    FileURL url;                        ///< Where the audio lies.
+    double seconds = 0;                 ///< Length of the audio.
+    std::optional<double> seamDB = {};  ///< Level measure at the loop's seam, decibels, as the renderer reported it.
+    std::optional<LoopQuality> quality = {};      ///< Absent when never measured.
+    std::optional<double> leadIn = {};            ///< Lead-in in seconds, as the renderer reported it.
+    std::optional<std::string> engineBuild = {};  ///< The exact build of the engine that rendered it.
+    std::optional<RecipeOrigin> origin = {};      ///< The machine on which it was rendered.
 
     /// The identity's fingerprint: the key of the library.
     [[nodiscard]] std::string id() const { return identity.fingerprint(); }

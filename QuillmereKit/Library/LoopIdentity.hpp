@@ -16,15 +16,15 @@ struct LoopIdentity {
     /// The version of the generation recipe that every newly requested identity carries.
     static constexpr std::int64_t currentRecipe = 1;
 
-    std::string moodID;                   ///< The mood the piece belongs to.
-    BlendStep blend;                      ///< Position between the calm and the energetic end.
-    std::string calmPrompt;               ///< Prompt text of the calm end.
-    std::string energeticPrompt;          ///< Prompt text of the energetic end.
-    std::int64_t seed = 0;                ///< Generation seed.
-    std::string model;                    ///< The identity-model string, such as "sa3_medium_mlx_v2".
-    std::optional<std::string> prompt;    ///< A complete prompt that replaces the blended one.
-    std::optional<AudioUse> audio;        ///< Guide audio used for the generation.
-    std::int64_t recipe = currentRecipe;  ///< Version of the generation recipe that made the piece.
+    std::string moodID;                      ///< The mood the piece belongs to.
+    BlendStep blend = {};                    ///< Position between the calm and the energetic end.
+    std::string calmPrompt;                  ///< Prompt text of the calm end.
+    std::string energeticPrompt;             ///< Prompt text of the energetic end.
+    std::int64_t seed = 0;                   ///< Generation seed.
+    std::string model;                       ///< The identity-model string, such as "sa3_medium_mlx_v2".
+    std::optional<std::string> prompt = {};  ///< A complete prompt that replaces the blended one.
+    std::optional<AudioUse> audio = {};      ///< Guide audio used for the generation.
+    std::int64_t recipe = currentRecipe;     ///< Version of the generation recipe that made the piece.
 
     /// The end that the blend step belongs to.
     [[nodiscard]] Anchor anchor() const noexcept { return blend.anchor(); }

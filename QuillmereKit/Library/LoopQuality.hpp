@@ -9,9 +9,9 @@ namespace quillmere {
 
 /// What was measured of a piece's sound. A plain value.
 struct LoopQuality {
-    double brightness = 0;                  ///< Brightness measure, as the renderer reported it.
-    double makeupDB = 0;                    ///< Make-up gain in decibels, as the renderer reported it.
-    std::optional<AudioLoudness> loudness;  ///< Absent until measured.
+    double brightness = 0;                       ///< Brightness measure, as the renderer reported it.
+    double makeupDB = 0;                         ///< Make-up gain in decibels, as the renderer reported it.
+    std::optional<AudioLoudness> loudness = {};  ///< Absent until measured.
 
     friend bool operator==(const LoopQuality&, const LoopQuality&) = default;
 };

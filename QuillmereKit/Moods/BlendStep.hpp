@@ -30,8 +30,11 @@ public:
     /// The steps of the coarse control: indices 0, 1 and 4. Deliberately not evenly spread.
     [[nodiscard]] static const std::array<BlendStep, 3>& stops() noexcept;
 
+    /// The calm end.
+    constexpr BlendStep() noexcept : index_(0) {}
+
     /// Clamped to 0...4.
-    explicit constexpr BlendStep(std::int64_t index = 0) noexcept : index_(index < 0 ? 0 : index > 4 ? 4 : index) {}
+    explicit constexpr BlendStep(std::int64_t index) noexcept : index_(index < 0 ? 0 : index > 4 ? 4 : index) {}
 
     /// The stop of the coarse control at `position`, 0.0 (calm) to 1.0 (energetic), halves rounded away from zero.
     /// A position that is not finite, or beyond the signed 64-bit range, stops the process.
