@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "QuillmereKit/Sharing/RecipeBundle.hpp"
+
+namespace quillmere {
+
+/// The recipes that the user saved or imported: one file, and the same list in memory, unique by fingerprint.
+///
+/// Every change writes the whole file durably; a failed write is kept as `lastSaveError` and made good by the next
+/// change. A file that cannot be read makes an empty vault, and is kept beside the new one before anything replaces it.
+///
+/// Thread-safe: yes. Blocks on disk: construction and every change; reading the list never does.
+class RecipeVault {
+public:
+    /// What an import did, each list in the file's order.
+    struct ImportResult {
+        std::vector<LoopRecipe> added;                 ///< New, and saved.
+        std::vector<LoopRecipe> duplicates;            ///< Valid, but already held.
+        std::vector<RecipeBundle::Rejected> rejected;  ///< Failed their checks.
+
+        /// One line for the user: "3 added · 1 already saved · 2 unusable".
+        [[nodiscard]] std::string summary() const;
+        friend bool operator==(const ImportResult&, const ImportResult&) = default;
+    };
+
+    /// The process-wide vault, made on first use in the application's data folder (in the temporary folder where the
+    /// user has none, and in one of the process's own under the automated harness).
+    [[nodiscard]] static RecipeVault& shared();
+
+    /// Opens the vault in `directory` (default: the application's data folder), making it if missing. Throws
+    /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault.
+    explicit RecipeVault(const std::optional<std::filesystem::path>& directory = std::nullopt);
+
+    /// The vault's file.
+    [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+
+    /// The recipes, oldest first.
+    [[nodiscard]] std::vector<LoopRecipe> saved() const;
+    [[nodiscard]] std::size_t count() const;
+    [[nodiscard]] bool contains(std::string_view fingerprint) const;
+
+    /// Appends a recipe, unless one with its fingerprint is held. Returns whether it was new.
+    bool save(LoopRecipe recipe);
+
+    /// Removes every recipe with this fingerprint. Returns whether there was one.
+    bool remove(std::string_view fingerprint);
+
+    /// All recipes as a shareable bundle. Throws `ImportError` if one cannot be shared.
+    [[nodiscard]] std::string exported() const;
+
+    /// Saves the usable recipes of a bundle's bytes. Throws `JSONError` or `ImportError` if the bytes are no bundle;
+    /// nothing is saved then.
+    ImportResult importing(std::string_view bytes);
+
+    /// Why the last write failed, until one succeeds.
+    [[nodiscard]] std::optional<std::string> lastSaveError() const;
+
+private:
+    void load();
+    void persist();
+    void write();
+
+    std::filesystem::path file_;
+    mutable std::mutex mutex_;
+    std::vector<LoopRecipe> recipes_;           // guarded by mutex_
+    std::optional<std::string> lastSaveError_;  // guarded by mutex_
+    std::mutex writing_;         // held while the file is written, so that the newest list is written last
+    bool isUnreadable_ = false;  // guarded by writing_: the file is still to be kept aside
+};
+
+}  // namespace quillmere
