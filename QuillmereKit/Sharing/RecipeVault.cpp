@@ -58,12 +58,16 @@ bool RecipeVault::contains(std::string_view fingerprint) const {
 }
 
 bool RecipeVault::save(LoopRecipe recipe) {
-    {
-        const std::lock_guard lock(mutex_);
-        if (std::ranges::find(recipes_, recipe.fingerprint, &LoopRecipe::fingerprint) != recipes_.end()) return false;
-        recipes_.push_back(std::move(recipe));
-    }
+    if (!append(std::move(recipe))) return false;
     persist();
+    return true;
+}
+
+// Whether the recipe was new.
+bool RecipeVault::append(LoopRecipe recipe) {
+    const std::lock_guard lock(mutex_);
+    if (std::ranges::find(recipes_, recipe.fingerprint, &LoopRecipe::fingerprint) != recipes_.end()) return false;
+    recipes_.push_back(std::move(recipe));
     return true;
 }
 
@@ -84,9 +88,11 @@ RecipeVault::ImportResult RecipeVault::importing(std::string_view bytes) {
     auto partition = RecipeBundle::decode(bytes).partition();
     ImportResult result;
     for (LoopRecipe& recipe : partition.usable) {
-        auto& list = save(recipe) ? result.added : result.duplicates;
+        auto& list = append(recipe) ? result.added : result.duplicates;
         list.push_back(std::move(recipe));
     }
+    // Written once: a bundle of thousands costs one write, and the file names all of them or none.
+    if (!result.added.empty()) persist();
     result.rejected = std::move(partition.rejected);
     return result;
 }
@@ -120,7 +126,7 @@ void RecipeVault::persist() {
     {
         const std::lock_guard writing(writing_);
         try {
-            write();
+            failure = write();
         } catch (const Error& error) {
             failure = error.what();
         }
@@ -129,13 +135,25 @@ void RecipeVault::persist() {
     lastSaveError_ = std::move(failure);
 }
 
-void RecipeVault::write() {
-    const std::string bytes = encodeJSON(RecipeBundle{.recipes = saved()}, JSONWriter::Form::pretty);
+// Writes what can be written; returns what was left out, if anything was.
+std::optional<std::string> RecipeVault::write() {
+    RecipeBundle bundle;
+    std::optional<std::string> leftOut;
+    for (auto recipes = saved(); LoopRecipe & recipe : recipes) {
+        try {
+            static_cast<void>(encodeJSON(recipe, JSONWriter::Form::compact));
+            bundle.recipes.push_back(std::move(recipe));
+        } catch (const EncodingError& error) {
+            leftOut = "The recipe " + recipe.fingerprint + " cannot be written: " + error.what();
+        }
+    }
+    const std::string bytes = encodeJSON(bundle, JSONWriter::Form::pretty);
     if (isUnreadable_) {
         if (fileExists(file_)) keepCopyAside(file_, "unreadable", std::chrono::system_clock::now());
         isUnreadable_ = false;
     }
     writeDurably(file_, bytes);
+    return leftOut;
 }
 
 }  // namespace quillmere

@@ -66,8 +66,9 @@ public:
 
 private:
     void load();
+    bool append(LoopRecipe recipe);
     void persist();
-    void write();
+    std::optional<std::string> write();
 
     std::filesystem::path file_;
     mutable std::mutex mutex_;

@@ -1,0 +1,234 @@
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <latch>
+#include <limits>
+#include <thread>
+
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
+#include "Tests/Sharing/SampleRecipes.hpp"
+#include "Tests/Support/TemporaryFolder.hpp"
+
+namespace quillmere {
+namespace {
+
+using test::builtInRecipe;
+using test::customRecipe;
+using test::guidedSpec;
+
+struct RecipeVaultTests : testing::Test {
+    test::TemporaryFolder folder;
+    std::filesystem::path place = folder.path() / "vault";
+
+    [[nodiscard]] RecipeBundle file() const { return RecipeBundle::decode(folder.content("vault/saved.json")); }
+    [[nodiscard]] std::vector<std::string> keptAside() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(place)) {
+            const std::string name = entry.path().filename();
+            if (name.find("unreadable-") != std::string::npos) names.push_back(name);
+        }
+        return names;
+    }
+};
+
+TEST_F(RecipeVaultTests, SavingTwiceHoldsItOnce) {
+    RecipeVault vault(place);
+
+    EXPECT_TRUE(vault.save(builtInRecipe()));
+    EXPECT_FALSE(vault.save(builtInRecipe()));
+    EXPECT_EQ(vault.count(), 1U);
+    EXPECT_EQ(file().recipes, std::vector{builtInRecipe()});
+}
+
+TEST_F(RecipeVaultTests, SavedRecipesAreThereAfterReopening) {
+    {
+        RecipeVault vault(place);
+        vault.save(builtInRecipe(1));
+        vault.save(customRecipe(guidedSpec()));
+    }
+
+    const RecipeVault again(place);
+
+    EXPECT_EQ(again.saved(), (std::vector{builtInRecipe(1), customRecipe(guidedSpec())}));
+    EXPECT_TRUE(again.contains(builtInRecipe(1).fingerprint));
+    EXPECT_FALSE(again.contains("0000000000000000"));
+    EXPECT_EQ(again.lastSaveError(), std::nullopt);
+}
+
+TEST_F(RecipeVaultTests, TheFileIsAPrettyBundleOfTheRecipesAsTheyAre) {
+    RecipeVault vault(place);
+    vault.save(customRecipe(guidedSpec()));
+
+    EXPECT_EQ(folder.content("vault/saved.json"),
+              encodeJSON(RecipeBundle{.recipes = {customRecipe(guidedSpec())}}, JSONWriter::Form::pretty));
+}
+
+TEST_F(RecipeVaultTests, RemovingKeepsTheOrderOfTheRest) {
+    RecipeVault vault(place);
+    for (int seed = 1; seed <= 3; ++seed) vault.save(builtInRecipe(seed));
+
+    EXPECT_TRUE(vault.remove(builtInRecipe(2).fingerprint));
+    EXPECT_EQ(vault.saved(), (std::vector{builtInRecipe(1), builtInRecipe(3)}));
+    EXPECT_EQ(file().recipes, vault.saved());
+}
+
+TEST_F(RecipeVaultTests, RemovingWhatIsNotHeldWritesNothing) {
+    RecipeVault vault(place);
+
+    EXPECT_FALSE(vault.remove("0000000000000000"));
+    EXPECT_FALSE(std::filesystem::exists(vault.file()));
+}
+
+TEST_F(RecipeVaultTests, ImportSortsABundleOut) {
+    RecipeVault vault(place);
+    vault.save(builtInRecipe(1));
+    LoopRecipe edited = builtInRecipe(3);
+    edited.fingerprint = "edited";
+    const RecipeBundle bundle{.recipes = {builtInRecipe(1), builtInRecipe(2), edited, builtInRecipe(2)}};
+
+    const auto result = vault.importing(encodeJSON(bundle, JSONWriter::Form::pretty));
+
+    EXPECT_EQ(result.added, std::vector{builtInRecipe(2)});
+    EXPECT_EQ(result.duplicates, (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+    ASSERT_EQ(result.rejected.size(), 1U);
+    EXPECT_EQ(result.rejected[0].recipe, edited);
+    EXPECT_EQ(result.summary(), "1 added \u00b7 2 already saved \u00b7 1 unusable");
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+}
+
+TEST_F(RecipeVaultTests, SummaryLeavesOutWhatDidNotHappen) {
+    EXPECT_EQ(RecipeVault::ImportResult{}.summary(), "0 added");
+    EXPECT_EQ((RecipeVault::ImportResult{.added = {builtInRecipe()}, .duplicates = {}, .rejected = {}}.summary()),
+              "1 added");
+}
+
+TEST_F(RecipeVaultTests, ImportingASingleRecipeFailsAndSavesNothing) {
+    RecipeVault vault(place);
+
+    try {
+        vault.importing(builtInRecipe().encoded());
+        FAIL();
+    } catch (const ImportError& error) {
+        EXPECT_EQ(error, ImportError(ImportError::UnsupportedSchema{"quillmere.recipe/2"}));
+    }
+    EXPECT_THROW(vault.importing("{"), JSONError);
+    EXPECT_EQ(vault.count(), 0U);
+}
+
+TEST_F(RecipeVaultTests, ARecipeThatCannotBeRenderedHereIsStillSaved) {
+    RecipeVault vault(place);
+    LoopRecipe newer = builtInRecipe();
+    newer.identity.recipe = 2;
+    newer.fingerprint = newer.identity.fingerprint();
+
+    EXPECT_EQ(vault.importing(RecipeBundle{.recipes = {newer}}.encoded()).added.size(), 1U);
+}
+
+TEST_F(RecipeVaultTests, ExportSharesEveryRecipe) {
+    RecipeVault vault(place);
+    vault.save(customRecipe(guidedSpec()));
+
+    const auto shared = RecipeBundle::decode(vault.exported());
+
+    ASSERT_EQ(shared.recipes.size(), 1U);
+    EXPECT_EQ(shared.recipes[0], customRecipe(guidedSpec()).forSharing());
+}
+
+TEST_F(RecipeVaultTests, ExportFailsWithAPrivateRecording) {
+    RecipeVault vault(place);
+    LoopRecipe recording = customRecipe(guidedSpec());
+    recording.identity.audio->kind = AudioUse::Kind::recording;
+    vault.save(recording);
+
+    EXPECT_THROW(static_cast<void>(vault.exported()), ImportError);
+}
+
+TEST_F(RecipeVaultTests, AFileThatCannotBeReadMakesAnEmptyVaultAndIsKept) {
+    const std::string wrongSchema =
+        encodeJSON(RecipeBundle{.schema = "other", .recipes = {}}, JSONWriter::Form::pretty);
+    for (const std::string& content : {std::string("{not json"), std::string("\xff\xfe"), wrongSchema}) {
+        SCOPED_TRACE(content);
+        std::filesystem::remove_all(place);
+        folder.putFile("vault/saved.json", content);
+
+        RecipeVault vault(place);
+        EXPECT_EQ(vault.count(), 0U);
+        EXPECT_EQ(folder.content("vault/saved.json"), content);
+
+        vault.save(builtInRecipe());
+        EXPECT_EQ(file().recipes.size(), 1U);
+        ASSERT_EQ(keptAside().size(), 1U);
+        EXPECT_EQ(folder.content("vault/" + keptAside()[0]), content);
+
+        vault.save(builtInRecipe(2));
+        EXPECT_EQ(keptAside().size(), 1U);
+    }
+}
+
+TEST_F(RecipeVaultTests, AFailedWriteIsKeptAsAnErrorUntilOneSucceeds) {
+    RecipeVault vault(place);
+    std::filesystem::remove(place);
+    folder.putFile("vault", "a file where the folder should be");
+
+    EXPECT_TRUE(vault.save(builtInRecipe(1)));
+    EXPECT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(vault.count(), 1U);
+
+    std::filesystem::remove(place);
+    std::filesystem::create_directory(place);
+    EXPECT_TRUE(vault.save(builtInRecipe(2)));
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(file().recipes, vault.saved());
+}
+
+TEST_F(RecipeVaultTests, ARecipeThatCannotBeWrittenNeverStopsTheOthers) {
+    RecipeVault vault(place);
+    LoopRecipe broken = builtInRecipe(1);
+    broken.seconds = std::numeric_limits<double>::quiet_NaN();
+
+    vault.save(broken);
+    vault.save(builtInRecipe(2));
+
+    EXPECT_EQ(file().recipes, std::vector{builtInRecipe(2)});
+    ASSERT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_NE(vault.lastSaveError()->find(broken.fingerprint), std::string::npos);
+}
+
+TEST_F(RecipeVaultTests, AFolderThatCannotBeMadeIsReported) {
+    folder.putFile("vault", "a file where the folder should be");
+
+    EXPECT_THROW(RecipeVault{place}, FileError);
+}
+
+TEST_F(RecipeVaultTests, TheSharedVaultStaysAwayFromTheUsersUnderTheHarness) {
+    EXPECT_EQ(RecipeVault::shared().file(),
+              UserFolders::temporary() / ("quillmere-vault-" + std::to_string(getpid())) / "saved.json");
+    std::filesystem::remove_all(RecipeVault::shared().file().parent_path());
+}
+
+TEST_F(RecipeVaultTests, ManyThreadsLoseNothing) {
+    RecipeVault vault(place);
+    constexpr int threads = 4;
+    constexpr int each = 10;
+    std::latch ready(threads);
+    {
+        std::vector<std::jthread> workers;
+        for (int worker = 0; worker < threads; ++worker) {
+            workers.emplace_back([&, worker] {
+                ready.arrive_and_wait();
+                for (int i = 0; i < each; ++i) vault.save(builtInRecipe(worker * each + i));
+            });
+        }
+    }
+
+    EXPECT_EQ(vault.count(), static_cast<std::size_t>(threads * each));
+    EXPECT_EQ(file().recipes, vault.saved());
+}
+
+}  // namespace
+}  // namespace quillmere
