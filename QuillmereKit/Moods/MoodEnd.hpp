@@ -22,9 +22,9 @@ struct MoodEnd {
     /// No tags, no text, no tempo.
     static const MoodEnd empty;
 
-    std::vector<PromptTag> tags;      ///< In the user's order.
-    std::string text;                 ///< Free text that follows the tags in the prompt.
-    std::optional<std::int64_t> bpm;  ///< Tempo in beats per minute.
+    std::vector<PromptTag> tags;           ///< In the user's order.
+    std::string text;                      ///< Free text that follows the tags in the prompt.
+    std::optional<std::int64_t> bpm = {};  ///< Tempo in beats per minute.
 
     /// Whether there are no tags, nothing but blanks in the text, and no tempo.
     [[nodiscard]] bool isEmpty() const noexcept;

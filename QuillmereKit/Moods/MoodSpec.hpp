@@ -22,12 +22,12 @@ class JSONWriter;
 struct MoodSpec {
     static constexpr std::string_view idPrefix = "my-";  ///< How the ids of user moods begin; built-in ones never do.
 
-    std::string id;                        ///< Unique; begins with `idPrefix`.
-    std::string name;                      ///< Shown to the user.
-    MoodGlyph glyph = MoodGlyph::wave;     ///< Symbol shown for the mood.
-    MoodEnd calm;                          ///< The calm end.
-    MoodEnd energetic;                     ///< The energetic end.
-    std::optional<SoundGuide> soundGuide;  ///< Guide audio that steers the generation.
+    std::string id;                             ///< Unique; begins with `idPrefix`.
+    std::string name;                           ///< Shown to the user.
+    MoodGlyph glyph = MoodGlyph::wave;          ///< Symbol shown for the mood.
+    MoodEnd calm;                               ///< The calm end.
+    MoodEnd energetic;                          ///< The energetic end.
+    std::optional<SoundGuide> soundGuide = {};  ///< Guide audio that steers the generation.
 
     /// A new, empty specification named "Untitled mood", with a fresh random id.
     [[nodiscard]] static MoodSpec blank(MoodGlyph glyph);
