@@ -65,8 +65,8 @@ std::string jsonLine(const GenerationQueue::Event& event) {
                    },
                    [&](const Progress::Finished& p) {
                        writer.member("event", "finished");
-                       writer.member("fingerprint", p.artifact.id());
-                       writer.member("artifact", p.artifact);
+                       writer.member("fingerprint", p.piece.id());
+                       writer.member("artifact", p.piece);
                    },
                    [&](const Progress::Failed& p) {
                        writer.member("event", "failed");

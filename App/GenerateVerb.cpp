@@ -142,7 +142,7 @@ private:
         } else if (std::holds_alternative<Progress::Rendering>(value)) {
             isNew_ = true;
         } else if (const auto* finished = std::get_if<Progress::Finished>(&value)) {
-            report(finished->artifact);
+            report(finished->piece);
             ++done_;
             if (store_->lastSaveError() || done_ == options_.count || isInterrupted_) {
                 end_.announce();
