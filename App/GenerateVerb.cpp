@@ -91,7 +91,7 @@ public:
         : options_(options),
           mood_(mood),
           host_(host),
-          store_(host.store()),
+          store_(host.writableStore()),
           seed_(options.seed.value_or(randomSeed())) {
         auto backends = std::make_shared<GenerationBackends>();
         auto command = options.engine.empty() ? defaultEngineCommand() : splitCommand(options.engine);

@@ -46,6 +46,17 @@ const std::shared_ptr<LoopStore>& Host::store() {
     return store_;
 }
 
+const std::shared_ptr<LoopStore>& Host::writableStore() {
+    if (!lock_) {
+        const auto folder = libraryFolder();
+        createFolders(folder);
+        // Shared with the store, which takes the same lock when it opens.
+        lock_ = FolderLock::tryAcquire(folder / ".lock");
+        if (!lock_) throw LibraryInUse(folder, FolderLock::holder(folder / ".lock"));
+    }
+    return store();
+}
+
 void Host::fail(ExitCode code, std::string_view message) {
     std::fprintf(stderr, "quillmere: %s\n", safeForTerminal(message).c_str());
     exitCode = code;

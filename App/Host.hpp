@@ -7,6 +7,7 @@
 
 #include "App/ExitCode.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 
 namespace CLI {
 class App;
@@ -29,6 +30,10 @@ public:
     /// The loop library, opened on first use.
     [[nodiscard]] const std::shared_ptr<LoopStore>& store();
 
+    /// The same for a verb that changes the library. Throws `LibraryInUse` if another process holds it, before anything
+    /// is done.
+    [[nodiscard]] const std::shared_ptr<LoopStore>& writableStore();
+
     /// Where the loop library lies.
     [[nodiscard]] std::filesystem::path libraryFolder() const;
 
@@ -36,6 +41,7 @@ public:
     void fail(ExitCode code, std::string_view message);
 
 private:
+    std::shared_ptr<FolderLock> lock_;
     std::shared_ptr<LoopStore> store_;
 };
 
