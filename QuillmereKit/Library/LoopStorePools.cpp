@@ -1,9 +1,12 @@
 #include <algorithm>
+#include <iterator>
+#include <map>
 #include <utility>
 
 #include "QuillmereKit/Generation/GenerationModel.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Library/LoopStoreState.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
 
 namespace quillmere {
 namespace {
@@ -37,11 +40,36 @@ Loops narrowed(const Loops& loops, std::string_view preferredModel) {
         if (std::ranges::none_of(loops, isMatch)) return {};
         return chosen(loops, [&](const StoredLoop* loop) { return loop->isRecording() || isMatch(loop); });
     };
-    for (auto result : {narrow(isExact), narrow(isSameModel), narrow(isKnown)}) {
-        if (!result.empty()) return result;
-    }
+    if (auto exact = narrow(isExact); !exact.empty()) return exact;
+    if (auto same = narrow(isSameModel); !same.empty()) return same;
+    if (auto known = narrow(isKnown); !known.empty()) return known;
     return loops;
 }
+
+// Whether the loops of one mood still belong to it, as `MoodCatalog::isCurrent` says. The mood is looked up once, and
+// today's identity put together once for each blend step and model: without guide audio the seed changes nothing else.
+class Eligibility {
+public:
+    explicit Eligibility(std::string_view moodID) : isUserMood_(moodID.starts_with(MoodSpec::idPrefix)) {
+        if (isUserMood_) mood_ = MoodCatalog::mood(moodID);
+    }
+
+    [[nodiscard]] bool operator()(const StoredLoop& loop) {
+        if (loop.isRecording() || !isUserMood_) return true;
+        if (!mood_) return false;
+        const auto [found, isNew] = today_.try_emplace({loop.blend, *loop.model});
+        auto& today = found->second;
+        if (isNew || (today && today->audio)) today = mood_->identity(loop.blend, loop.seed, *loop.model);
+        if (!today) return false;
+        today->seed = loop.seed;
+        return *today == loop.identity();
+    }
+
+private:
+    bool isUserMood_;
+    std::optional<Mood> mood_;
+    std::map<std::pair<BlendStep, std::string>, std::optional<LoopIdentity>> today_;
+};
 
 }  // namespace
 
@@ -68,9 +96,11 @@ std::vector<LoopArtifact> LoopStore::playbackPool(std::string_view moodID,
         if (const auto key = LoopKey::fromText(fingerprint)) excluded.push_back(*key);
     }
 
+    Eligibility isEligible(moodID);
+
     const std::lock_guard lock(state_->mutex);
     const auto kept = chosen(state_->table.mood(moodID), [&](const StoredLoop* loop) {
-        return !std::ranges::binary_search(excluded, loop->key) && loop->artifact().isPlayable();
+        return !std::ranges::binary_search(excluded, loop->key) && isEligible(*loop);
     });
     return artifactsOf(preferredModel ? narrowed(kept, *preferredModel) : kept);
 }

@@ -1,0 +1,643 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <latch>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
+
+namespace quillmere {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+
+struct LoopStoreSafetyTests : test::LoopStoreFixture {};
+
+// MARK: manifests that cannot be read
+
+TEST_F(LoopStoreSafetyTests, UnreadableManifestLoadsNothingAndIsKeptAsideBeforeTheFirstSave) {
+    const auto good = encodeJSON(piece("deepcode"), JSONWriter::Form::compact);
+    const std::string deep(100'000, '[');
+    const std::string texts[] = {
+        "",
+        "{}",
+        "null",
+        "garbage",
+        "[" + good,
+        "[" + good + "] more",
+        "[" + good + ",{}]",
+        "[" + good + ",null]",
+        "[" + good + ",{\"identity\":1,\"url\":\"file:///x\",\"seconds\":1}]",
+        "[\"\xff\"]",
+        "[\"\\ud800\"]",
+        std::string("[]\0", 3),
+        deep,
+    };
+    for (const auto& text : texts) {
+        SCOPED_TRACE(text.substr(0, 300));
+        std::filesystem::remove_all(folder);
+        writeManifest(text);
+        auto store = open();
+        EXPECT_EQ(store.count(), 0U);
+        EXPECT_EQ(manifestText(), text);
+        EXPECT_THAT(namesBeginning("manifest"), SizeIs(1));
+
+        store.add(piece("sprint"));
+        EXPECT_EQ(store.lastSaveError(), std::nullopt);
+        const auto kept = namesBeginning("manifest.unreadable-");
+        ASSERT_THAT(kept, SizeIs(1));
+        EXPECT_EQ(home.content("Loops/" + kept.front()), text);
+        EXPECT_THAT(listedURLs(), SizeIs(1));
+
+        store.add(piece("sprint", 1));
+        EXPECT_THAT(namesBeginning("manifest.unreadable-"), SizeIs(1)) << "kept once";
+    }
+}
+
+TEST_F(LoopStoreSafetyTests, ManifestThatCannotBeKeptAsideIsNotReplaced) {
+    std::filesystem::create_directories(folder / "manifest.json" / "precious");
+    auto store = open();
+
+    EXPECT_THROW(store.addPersistent(piece("deepcode")), FileError);
+    EXPECT_TRUE(std::filesystem::exists(folder / "manifest.json" / "precious"));
+
+    std::filesystem::remove_all(folder / "manifest.json");
+    store.addPersistent(piece("sprint"));
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
+TEST_F(LoopStoreSafetyTests, ManifestThatIsADeviceOrAFifoOrALinkIsNeitherOpenedNorReplaced) {
+    const auto target = home.putFile("elsewhere.json", "[]");
+    std::filesystem::create_directory(folder);
+    const auto manifest = folder / "manifest.json";
+    const std::function<void()> makers[] = {
+        [&] { ASSERT_EQ(mkfifo(manifest.c_str(), 0600), 0); },
+        [&] { std::filesystem::create_symlink("/dev/zero", manifest); },
+        [&] { std::filesystem::create_symlink(target, manifest); },
+        [&] { std::filesystem::create_symlink("manifest.json", manifest); },
+    };
+    for (std::size_t index = 0; index < std::size(makers); ++index) {
+        SCOPED_TRACE(index);
+        makers[index]();
+        auto store = open();
+        EXPECT_EQ(store.count(), 0U);
+        EXPECT_THROW(store.addPersistent(piece("deepcode")), FileError);
+        EXPECT_FALSE(std::filesystem::is_regular_file(std::filesystem::symlink_status(manifest)));
+        std::filesystem::remove(manifest);
+    }
+    EXPECT_EQ(home.content("elsewhere.json"), "[]");
+}
+
+TEST_F(LoopStoreSafetyTests, DroppedEntryKeepsTheManifestAsFoundOnce) {
+    const auto gone = piece("deepcode");
+    const auto there = piece("sprint");
+    writeManifest({gone, there});
+    const auto before = manifestText();
+    std::filesystem::remove(gone.url.path());
+    auto store = open();
+    EXPECT_THAT(namesBeginning("manifest."), ElementsAre("manifest.json")) << "nothing is replaced yet";
+
+    store.add(there);
+    store.add(there);
+
+    const auto kept = namesBeginning("manifest.before-");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(home.content("Loops/" + kept.front()), before);
+}
+
+TEST_F(LoopStoreSafetyTests, EntryThatTheOrdinarySaveLeavesOutKeepsTheManifestAsFound) {
+    open().addPersistent(artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Elsewhere/a.wav", "RIFF"))));
+    const auto before = manifestText();
+
+    open().add(piece("sprint"));
+
+    const auto kept = namesBeginning("manifest.before-");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(home.content("Loops/" + kept.front()), before);
+}
+
+TEST_F(LoopStoreSafetyTests, ManifestThatSomebodyChangedMeanwhileIsKeptAside) {
+    auto store = open();
+    store.add(piece("deepcode"));
+    writeManifest("a person's own edit");
+
+    store.add(piece("sprint"));
+
+    const auto kept = namesBeginning("manifest.before-");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(home.content("Loops/" + kept.front()), "a person's own edit");
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
+TEST_F(LoopStoreSafetyTests, OrdinaryUseKeepsNoCopies) {
+    {
+        auto store = open();
+        for (std::int64_t seed = 0; seed < 5; ++seed) store.add(piece("deepcode", 2, seed));
+        store.addPersistent(piece("sprint"));
+    }
+    auto store = open();
+    store.add(piece("winddown"));
+
+    EXPECT_EQ(store.count(), 7U);
+    EXPECT_THAT(namesBeginning("manifest"), ElementsAre("manifest.json"));
+}
+
+TEST_F(LoopStoreSafetyTests, OfTheKeptCopiesTheNewestThreeStay) {
+    for (int round = 0; round < 5; ++round) {
+        writeManifest("damage " + std::to_string(round));
+        open().add(piece("deepcode"));
+    }
+
+    std::vector<std::string> kept;
+    for (const auto& name : namesBeginning("manifest.unreadable-")) kept.push_back(home.content("Loops/" + name));
+    EXPECT_THAT(kept, UnorderedElementsAre("damage 2", "damage 3", "damage 4"));
+}
+
+// MARK: entries that point where they should not
+
+struct LoopStoreHostileTests : test::LoopStoreFixture {
+    std::filesystem::path sentinel = home.putFile("Elsewhere/sentinel.wav", "precious");
+
+    [[nodiscard]] static FileURL url(const std::string& text) { return *FileURL::fromText(text); }
+
+    // Everything that removes or moves, on a library whose manifest is this.
+    void removeAllThatCanBe(const std::vector<LoopArtifact>& manifest) {
+        writeManifest(manifest);
+        auto store = open();
+        for (const auto& artifact : manifest) store.discardUnstored(artifact.url);
+        store.trash([](const LoopArtifact&) { return true; });
+        store.prune({});
+        store.add(piece("winddown"));
+    }
+};
+
+TEST_F(LoopStoreHostileTests, NothingOutsideIsTouchedWhateverItsURLLooksLike) {
+    const auto prefixed = home.putFile("Loops-old/sentinel.wav", "precious");
+    std::filesystem::create_directories(folder / "sub");
+    std::filesystem::create_directory_symlink(home.path() / "Elsewhere", folder / "linked");
+    std::filesystem::create_directory_symlink(home.path() / "Elsewhere", folder / "Render-linked");
+    std::filesystem::create_symlink(sentinel, folder / "link.wav");
+    const auto base = "file://" + folder.native();
+    const std::string texts[] = {
+        "file://" + sentinel.native(),
+        base + "/../Elsewhere/sentinel.wav",
+        base + "/%2E%2E/Elsewhere/sentinel.wav",
+        base + "/..%2FElsewhere%2fsentinel.wav",
+        base + "/sub/../../Elsewhere/sentinel.wav",
+        base + "/sub/%2e%2e/%2e%2e/Elsewhere/sentinel.wav",
+        base + "%2F..%2FElsewhere/sentinel.wav",
+        base + "-old/sentinel.wav",
+        base + "/../Loops-old/sentinel.wav",
+        base + "/link.wav",
+        base + "/./link.wav",
+        base + "/linked/sentinel.wav",
+        base + "/linked/../../Elsewhere/sentinel.wav",
+        base + "/Render-linked/sentinel.wav",
+        "FILE://LOCALHOST" + sentinel.native(),
+    };
+    std::vector<LoopArtifact> manifest;
+    std::int64_t seed = 0;
+    for (const auto& text : texts) manifest.push_back(artifactAt(identity("deepcode", 2, ++seed), url(text)));
+
+    removeAllThatCanBe(manifest);
+
+    EXPECT_EQ(home.content("Elsewhere/sentinel.wav"), "precious");
+    EXPECT_EQ(home.content("Loops-old/sentinel.wav"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "link.wav"));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "linked"));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "Render-linked"));
+    EXPECT_THAT(discarded, IsEmpty());
+    EXPECT_TRUE(std::filesystem::exists(prefixed));
+}
+
+TEST_F(LoopStoreHostileTests, PiecesElsewhereAreLoadedAndPlayedButNotCountedInBytes) {
+    std::filesystem::create_directories(folder);
+    std::filesystem::create_symlink(sentinel, folder / "link.wav");
+    const auto outside = artifactAt(identity("deepcode", 2, 1), FileURL::fromPath(sentinel));
+    const auto linked = artifactAt(identity("deepcode", 2, 2), FileURL::fromPath(folder / "link.wav"));
+    writeManifest({outside, linked});
+
+    auto store = open();
+
+    EXPECT_TRUE(store.contains(outside.identity));
+    EXPECT_TRUE(store.contains(linked.identity));
+    EXPECT_THAT(store.playbackPool("deepcode", std::nullopt, {}), SizeIs(2));
+    EXPECT_EQ(store.bytesOnDisk(), 0);
+    EXPECT_EQ(store.prune({}), 0);
+    EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), IsEmpty());
+    EXPECT_EQ(store.count(), 2U);
+}
+
+TEST_F(LoopStoreHostileTests, OnlyRegularFilesCountAsPieces) {
+    std::filesystem::create_directories(folder / "folder.wav");
+    ASSERT_EQ(mkfifo((folder / "fifo.wav").c_str(), 0600), 0);
+    std::filesystem::create_symlink("/dev/zero", folder / "device.wav");
+    std::filesystem::create_symlink("nowhere", folder / "dangling.wav");
+    std::filesystem::create_symlink("loop.wav", folder / "loop.wav");
+    home.putFile("Loops/file.wav", "RIFF");
+    const auto base = "file://" + folder.native();
+    const std::string texts[] = {base + "/folder.wav",
+                                 base + "/fifo.wav",
+                                 base + "/device.wav",
+                                 base + "/dangling.wav",
+                                 base + "/loop.wav",
+                                 base,
+                                 base + "/",
+                                 "file:///dev/null",
+                                 "file:///dev/zero",
+                                 "file:///",
+                                 "http://example.com" + folder.native() + "/file.wav",
+                                 folder.native() + "/file.wav",
+                                 "file.wav",
+                                 base + "/file.wav%00.wav",
+                                 base + "/file.wav/x",
+                                 base + "/" + std::string(300, 'x'),
+                                 base + "/fi%6Ce.wav"};
+    std::vector<LoopArtifact> manifest;
+    for (const auto& text : texts) {
+        manifest.push_back(artifactAt(identity("deepcode", 2, std::ssize(manifest)), url(text)));
+    }
+    writeManifest(manifest);
+
+    const auto store = open();
+
+    EXPECT_EQ(store.count(), 1U);
+    EXPECT_EQ(store.artifact(manifest.back().identity), manifest.back()) << "the text of the URL is kept";
+}
+
+TEST_F(LoopStoreHostileTests, EntriesThatNameTheStoresOwnRecordsCostNothing) {
+    open();  // makes the folder and its lock file
+    const auto copy = home.putFile("Loops/manifest.before-2024-05-01T10-20-30Z.json", "kept");
+    std::vector<LoopArtifact> manifest;
+    for (const auto* name : {"manifest.json", ".lock", "manifest.before-2024-05-01T10-20-30Z.json"}) {
+        manifest.push_back(artifactAt(identity("deepcode", 2, std::ssize(manifest)), FileURL::fromPath(folder / name)));
+    }
+
+    removeAllThatCanBe(manifest);
+
+    EXPECT_EQ(home.content("Loops/manifest.before-2024-05-01T10-20-30Z.json"), "kept");
+    EXPECT_TRUE(std::filesystem::exists(folder / "manifest.json"));
+    EXPECT_TRUE(std::filesystem::exists(folder / ".lock"));
+    EXPECT_THAT(discarded, IsEmpty());
+}
+
+TEST_F(LoopStoreHostileTests, FileThatARecordingUsesOutlivesTheLoopThatClaimsItToo) {
+    const auto kept = piece(recording("deepcode"));
+    const auto thief = artifactAt(identity("deepcode", 2, 5), kept.url);
+    const auto escaped = artifactAt(identity("deepcode", 2, 6),
+                                    url("file://" + folder.native() + "/./" + kept.url.path().filename().native()));
+    writeManifest({kept, thief, escaped});
+    auto store = open();
+    ASSERT_EQ(store.count(), 3U);
+
+    EXPECT_THAT(store.trash([](const LoopArtifact& artifact) { return !artifact.identity.isRecording(); }), IsEmpty());
+    EXPECT_EQ(store.prune({}), 2);
+
+    EXPECT_EQ(store.count(), 1U);
+    EXPECT_TRUE(std::filesystem::exists(kept.url.path()));
+    EXPECT_THAT(discarded, IsEmpty());
+}
+
+TEST_F(LoopStoreHostileTests, LinkPutInAFilesPlaceMeanwhileIsNotFollowed) {
+    auto store = open();
+    const auto first = piece("deepcode", 2, 1);
+    const auto second = piece("deepcode", 2, 2);
+    store.add(first);
+    store.add(second);
+    for (const auto& artifact : {first, second}) {
+        std::filesystem::remove(artifact.url.path());
+        std::filesystem::create_symlink(sentinel, artifact.url.path());
+    }
+
+    EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), IsEmpty());
+    EXPECT_EQ(store.prune({}), 0);
+    EXPECT_EQ(store.bytesOnDisk(), 0);
+
+    EXPECT_THAT(discarded, IsEmpty());
+    EXPECT_EQ(home.content("Elsewhere/sentinel.wav"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(first.url.path()));
+}
+
+TEST_F(LoopStoreHostileTests, FileIsLookedAtAgainWhenItsTurnComes) {
+    std::vector<FileURL> asked;
+    std::vector<LoopArtifact> pieces;
+    LoopStore store(folder, ResourceBundle(home.path() / "App"), [&](const FileURL& gone) {
+        asked.push_back(gone);
+        for (const auto& artifact : pieces) {
+            std::filesystem::remove(artifact.url.path());
+            std::filesystem::create_symlink(sentinel, artifact.url.path());
+        }
+        return true;
+    });
+    pieces = {piece("deepcode", 2, 1), piece("deepcode", 2, 2)};
+    for (const auto& artifact : pieces) store.add(artifact);
+
+    EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), SizeIs(1));
+    EXPECT_THAT(asked, SizeIs(1));
+    EXPECT_EQ(store.count(), 1U);
+}
+
+// MARK: one writer at a time
+
+struct LoopStoreSharingTests : test::LoopStoreFixture {
+    LoopStoreSharingTests() { std::filesystem::create_directory(folder); }
+};
+
+TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsReadButNotWritten) {
+    const auto stored = piece("deepcode");
+    writeManifest({stored});
+    const auto before = manifestText();
+    const test::OtherProcess other(folder / ".lock");
+    auto store = open();
+    EXPECT_EQ(store.artifact(stored.identity), stored);
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+
+    const auto added = piece("sprint");
+    store.add(added);
+    EXPECT_TRUE(store.contains(added.identity));
+    ASSERT_TRUE(store.lastSaveError());
+    EXPECT_THAT(*store.lastSaveError(), HasSubstr(std::to_string(other.id())));
+    try {
+        store.addPersistent(added);
+        ADD_FAILURE() << "saved into a library in use";
+    } catch (const LibraryInUse& error) {
+        EXPECT_EQ(error.folder(), folder);
+        EXPECT_THAT(error.holder(), HasSubstr(std::to_string(other.id())));
+    }
+    EXPECT_THROW(store.setLoudness({.integratedLUFS = -18.0, .peak = 1, .seconds = 1}, stored), LibraryInUse);
+    EXPECT_EQ(manifestText(), before);
+}
+
+TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsNotCleanedPrunedOrTrashed) {
+    const auto stored = piece("deepcode");
+    writeManifest({stored});
+    const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
+    home.putFile("Loops/Render-1/.lock", "");
+    const auto stray = home.putFile("Loops/stray.wav", "RIFF");
+    const auto names = [&] {
+        auto list = namesBeginning("");
+        std::ranges::sort(list);
+        return list;
+    };
+    {
+        const test::OtherProcess other(folder / ".lock");
+        const auto before = names();
+        auto store = open();
+        EXPECT_EQ(store.prune({}), 0);
+        EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), IsEmpty());
+        EXPECT_FALSE(store.discardUnstored(FileURL::fromPath(stray)));
+        EXPECT_EQ(store.count(), 1U);
+        EXPECT_TRUE(store.lastSaveError());
+        EXPECT_EQ(names(), before);
+    }
+    EXPECT_THAT(discarded, IsEmpty());
+}
+
+TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessTakesNoSeeds) {
+    home.putFile("App/Loops/seeds.json", "[{\"file\":\"one\",\"seconds\":1,\"identity\":" +
+                                             encodeJSON(identity("deepcode"), JSONWriter::Form::compact) + "}]");
+    home.putFile("App/Loops/one.m4a", "shipped");
+    {
+        const test::OtherProcess other(folder / ".lock");
+        EXPECT_EQ(open().count(), 0U);
+        EXPECT_THAT(namesBeginning(""), ElementsAre(".lock"));
+    }
+    EXPECT_EQ(open().count(), 1U);
+}
+
+TEST_F(LoopStoreSharingTests, StoreThatCameTooLateStaysReadOnlyUntilOpenedAgain) {
+    const auto mine = piece("deepcode");
+    const auto theirs = piece("sprint");
+    {
+        auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+        auto late = open();
+        writeManifest({theirs});
+        other.reset();
+
+        EXPECT_THROW(late.addPersistent(mine), LibraryInUse);
+        EXPECT_THAT(listedURLs(), ElementsAre(theirs.url.text()));
+    }
+    auto again = open();
+    again.addPersistent(mine);
+    EXPECT_THAT(listedURLs(), UnorderedElementsAre(mine.url.text(), theirs.url.text()));
+}
+
+TEST_F(LoopStoreSharingTests, LockIsFreeAgainWhenTheLastStoreIsClosed) {
+    {
+        const auto first = open();
+        const auto second = open();
+        EXPECT_TRUE(FolderLock::isHeld(folder / ".lock"));
+    }
+    EXPECT_FALSE(FolderLock::isHeld(folder / ".lock"));
+}
+
+TEST_F(LoopStoreSharingTests, StoresOfOneProcessSeeEachOthersPieces) {
+    auto first = open();
+    auto second = open();
+    const auto rain = piece("deepcode");
+    const auto wind = piece("sprint");
+
+    first.add(rain);
+    second.add(wind);
+
+    EXPECT_TRUE(first.contains(wind.identity));
+    EXPECT_TRUE(second.contains(rain.identity));
+    EXPECT_THAT(listedURLs(), UnorderedElementsAre(rain.url.text(), wind.url.text()));
+}
+
+TEST_F(LoopStoreSharingTests, FolderUnderAnotherNameIsTheSameLibrary) {
+    std::filesystem::create_directory_symlink(folder, home.path() / "Alias");
+    auto first = open();
+    LoopStore second(home.path() / "Alias", ResourceBundle(home.path() / "App"));
+    first.add(piece("deepcode"));
+
+    second.add(piece("sprint"));
+
+    EXPECT_EQ(second.directory(), folder);
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
+TEST_F(LoopStoreSharingTests, FolderReachedThroughALinkIsAsGoodAsAnyOther) {
+    std::filesystem::create_directory_symlink(folder, home.path() / "Alias");
+    folder = home.path() / "Alias";
+    auto store = open();
+    auto rain = piece("deepcode");
+    rain = rain.withURL(FileURL::fromPath(folder / rain.url.path().filename()));
+    store.add(rain);
+
+    EXPECT_THAT(listedURLs(), ElementsAre(rain.url.text()));
+    EXPECT_EQ(store.bytesOnDisk(), 4);
+    EXPECT_EQ(store.prune({}), 1);
+    EXPECT_FALSE(std::filesystem::exists(rain.url.path()));
+}
+
+TEST_F(LoopStoreSharingTests, ClosedLibraryIsReadAfresh) {
+    const auto rain = piece("deepcode");
+    open().add(rain);
+    std::filesystem::remove(rain.url.path());
+
+    EXPECT_EQ(open().count(), 0U);
+}
+
+// MARK: leftovers
+
+struct LoopStoreLeftoverTests : test::LoopStoreFixture {
+    [[nodiscard]] std::string temporaryName() const { return ".quillmere-" + UUID::random().text() + ".tmp"; }
+};
+
+TEST_F(LoopStoreLeftoverTests, TemporaryFilesOfDeadProcessesAreRemovedAtOpening) {
+    const auto rain = piece("deepcode");
+    writeManifest({rain});
+    const auto name = temporaryName();
+    ASSERT_TRUE(isTemporaryFileName(name));
+    home.putFile("Loops/" + name, "half");
+    home.putFile("Loops/sub/" + name, "not directly in the folder");
+    home.putFile("Loops/stray.wav", "nobody's, but not provably dead");
+    home.putFile("Loops/.hidden", "somebody's");
+
+    const auto store = open();
+
+    EXPECT_FALSE(std::filesystem::exists(folder / name));
+    EXPECT_TRUE(std::filesystem::exists(folder / "sub" / name));
+    EXPECT_TRUE(std::filesystem::exists(folder / "stray.wav"));
+    EXPECT_TRUE(std::filesystem::exists(folder / ".hidden"));
+    EXPECT_TRUE(store.contains(rain.identity));
+    EXPECT_THAT(discarded, IsEmpty());
+}
+
+TEST_F(LoopStoreLeftoverTests, FileThatAnEntryUsesIsNoLeftover) {
+    const auto name = temporaryName();
+    const auto odd = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Loops/" + name, "RIFF")));
+    const auto work = artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/Render-1/a.wav", "RIFF")));
+    home.putFile("Loops/Render-1/.lock", "");
+    writeManifest({odd, work});
+
+    const auto store = open();
+
+    EXPECT_EQ(store.count(), 2U);
+    EXPECT_TRUE(std::filesystem::exists(folder / name));
+    EXPECT_TRUE(std::filesystem::exists(folder / "Render-1" / "a.wav"));
+}
+
+TEST_F(LoopStoreLeftoverTests, LinkOrFolderUnderATemporaryNameIsLeftAlone) {
+    const auto sentinel = home.putFile("sentinel", "precious");
+    const auto link = temporaryName();
+    const auto sub = temporaryName();
+    std::filesystem::create_directories(folder / sub / "x");
+    std::filesystem::create_symlink(sentinel, folder / link);
+
+    open();
+
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / link));
+    EXPECT_TRUE(std::filesystem::exists(folder / sub / "x"));
+    EXPECT_EQ(home.content("sentinel"), "precious");
+}
+
+TEST_F(LoopStoreLeftoverTests, WorkingFolderIsRemovedOnlyWhenItsLockIsThereAndFree) {
+    home.putFile("Loops/Render-dead/.lock", "");
+    home.putFile("Loops/Render-dead/sub/audio.wav", "half");
+    home.putFile("Loops/Render-live/.lock", "");
+    home.putFile("Loops/Render-live/audio.wav", "half");
+    home.putFile("Loops/Render-strange/audio.wav", "another program's");
+    home.putFile("Loops/Other/.lock", "");
+    home.putFile("Loops/Render-file", "no folder");
+    std::filesystem::create_directories(folder / "Render-odd" / ".lock");
+    home.putFile("Elsewhere/.lock", "");
+    std::filesystem::create_directory_symlink(home.path() / "Elsewhere", folder / "Render-linked");
+    const test::OtherProcess renderer(folder / "Render-live" / ".lock");
+
+    open();
+
+    EXPECT_THAT(namesBeginning("Render-"),
+                UnorderedElementsAre("Render-live", "Render-strange", "Render-file", "Render-odd", "Render-linked"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "Render-live" / "audio.wav"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "Other" / ".lock"));
+    EXPECT_TRUE(std::filesystem::exists(home.path() / "Elsewhere" / ".lock"));
+}
+
+TEST_F(LoopStoreLeftoverTests, WorkingFolderThatThisProcessHoldsIsNotDead) {
+    home.putFile("Loops/Render-live/audio.wav", "half");
+    const auto lock = FolderLock::tryAcquire(folder / "Render-live" / ".lock");
+    ASSERT_TRUE(lock);
+
+    open();
+
+    EXPECT_TRUE(std::filesystem::exists(folder / "Render-live" / "audio.wav"));
+}
+
+TEST_F(LoopStoreLeftoverTests, NothingIsCleanedWhileTheManifestCannotBeRead) {
+    writeManifest("damaged");
+    home.putFile("Loops/Render-dead/.lock", "");
+    const auto name = temporaryName();
+    home.putFile("Loops/" + name, "half");
+
+    open();
+
+    EXPECT_TRUE(std::filesystem::exists(folder / "Render-dead"));
+    EXPECT_TRUE(std::filesystem::exists(folder / name));
+}
+
+TEST_F(LoopStoreLeftoverTests, SecondStoreOfTheProcessCleansNothing) {
+    const auto first = open();
+    const auto name = temporaryName();
+    home.putFile("Loops/" + name, "being written");
+
+    const auto second = open();
+
+    EXPECT_TRUE(std::filesystem::exists(folder / name));
+}
+
+// MARK: threads
+
+TEST_F(LoopStoreSafetyTests, AnyThreadMayCallAnything) {
+    auto store = open();
+    auto alias = open();
+    constexpr int rounds = 12;
+    std::latch start(5);
+    std::vector<LoopArtifact> pieces;
+    for (std::int64_t seed = 0; seed < rounds; ++seed) pieces.push_back(piece("deepcode", seed % 5, seed));
+    const auto run = [&](const std::function<void(std::size_t)>& work) {
+        return std::jthread([&start, work] {
+            start.arrive_and_wait();
+            for (std::size_t round = 0; round < rounds; ++round) work(round);
+        });
+    };
+    {
+        const auto adder = run([&](std::size_t round) { store.add(pieces[round]); });
+        const auto player = run([&](std::size_t) {
+            for (const auto& artifact : alias.playbackPool("deepcode", "sa3_medium_mlx_v2", {})) {
+                EXPECT_EQ(artifact.identity.moodID, "deepcode");
+            }
+            static_cast<void>(alias.nearestCached("deepcode", BlendStep(1)));
+            static_cast<void>(alias.lastSaveError());
+        });
+        const auto keeper = run([&](std::size_t) {
+            for (const auto& artifact : alias.loudnessCandidates()) {
+                alias.setLoudness({.integratedLUFS = -18.0, .peak = 0.5, .seconds = 120.0}, artifact);
+            }
+        });
+        const auto pruner = run([&](std::size_t round) {
+            if (round % 4 == 0) store.prune({pieces[0].id(), pieces[rounds - 1].id()});
+            static_cast<void>(store.bytesOnDisk());
+        });
+        const auto opener = run([&](std::size_t) { EXPECT_EQ(open().directory(), folder); });
+    }
+
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+    EXPECT_EQ(listedURLs().size(), store.count());
+}
+
+}  // namespace
+}  // namespace quillmere
