@@ -23,7 +23,7 @@ struct LoopStoreFixture : testing::Test {
     std::vector<FileURL> discarded;
     bool discards = true;  ///< What `discard` does and answers.
 
-    [[nodiscard]] LoopStore open() {
+    LoopStore open() {
         return LoopStore(folder, ResourceBundle(home.path() / "App"), [this](const FileURL& url) {
             discarded.push_back(url);
             return discards && std::filesystem::remove_all(url.path()) > 0;

@@ -4,6 +4,7 @@
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 
 namespace quillmere {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"

@@ -521,7 +521,7 @@ TEST_F(LoopStoreSeedTests, EveryStoreOnAFolderBringsItsOwnSeeds) {
 // MARK: discardUnstored
 
 struct LoopStoreDiscardTests : test::LoopStoreFixture {
-    [[nodiscard]] FileURL stray(std::string_view name) const {
+    FileURL stray(std::string_view name) const {
         return FileURL::fromPath(home.putFile("Loops/" + std::string(name), "RIFF"));
     }
 };
