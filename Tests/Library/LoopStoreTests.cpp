@@ -346,8 +346,8 @@ struct LoopStoreSeedTests : test::LoopStoreFixture {
                 {"identity", nlohmann::ordered_json::parse(encodeJSON(identity, JSONWriter::Form::compact))},
                 {"seconds", 30}};
     }
-    void ship(const nlohmann::ordered_json& seeds, std::string_view place = "App/Loops/") const {
-        home.putFile(std::string(place) + "seeds.json", seeds.dump());
+    void ship(const std::vector<nlohmann::ordered_json>& seeds, std::string_view place = "App/Loops/") const {
+        home.putFile(std::string(place) + "seeds.json", nlohmann::ordered_json(seeds).dump());
     }
     void shipAudio(std::string_view file, std::string_view content = "shipped") const {
         home.putFile("App/Loops/" + std::string(file) + ".m4a", content);
@@ -386,7 +386,7 @@ TEST_F(LoopStoreSeedTests, ListAndAudioAreAlsoFoundAtTheTopOfTheResources) {
 TEST_F(LoopStoreSeedTests, LoopsFolderOfTheResourcesGoesBeforeTheirTop) {
     const auto id = identity("deepcode");
     ship({seed(id, "one")});
-    ship(nlohmann::ordered_json::array(), "App/");
+    ship({}, "App/");
     shipAudio("one");
     home.putFile("App/one.m4a", "top");
 
