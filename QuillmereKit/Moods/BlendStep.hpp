@@ -31,7 +31,7 @@ public:
     [[nodiscard]] static const std::array<BlendStep, 3>& stops() noexcept;
 
     /// The calm end.
-    constexpr BlendStep() noexcept : index_(0) {}
+    constexpr BlendStep() noexcept = default;
 
     /// Clamped to 0...4.
     explicit constexpr BlendStep(std::int64_t index) noexcept : index_(index < 0 ? 0 : index > 4 ? 4 : index) {}
@@ -70,7 +70,7 @@ public:
     friend constexpr auto operator<=>(const BlendStep&, const BlendStep&) = default;
 
 private:
-    std::int64_t index_;
+    std::int64_t index_ = 0;
 };
 
 inline constexpr BlendStep BlendStep::calm{0};

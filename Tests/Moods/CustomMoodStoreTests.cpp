@@ -1,0 +1,461 @@
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
+#include "Tests/Support/TemporaryFolder.hpp"
+
+namespace quillmere {
+namespace {
+
+MoodSpec mood(std::string id, std::string name = "Mood") {
+    return {
+        .id = std::move(id),
+        .name = std::move(name),
+        .glyph = MoodGlyph::grain,
+        .calm = {{{TagCategory::nature, "rain"}}, "", 60},
+        .energetic = {{}, "driving", std::nullopt},
+        .soundGuide = std::nullopt,
+    };
+}
+
+std::vector<std::string> ids(const CustomMoodStore& store) {
+    std::vector<std::string> ids;
+    for (const auto& spec : store.all()) ids.push_back(spec.id);
+    return ids;
+}
+
+struct CustomMoodStoreTests : testing::Test {
+    test::TemporaryFolder folder;
+    std::filesystem::path file = folder.path() / "Moods.json";
+
+    /// The first of May 2024 at 10:20:30 UTC.
+    static Date now() { return Date(std::chrono::seconds(1714558830)); }
+
+    CustomMoodStore open() const {
+        CustomMoodStore::World world;
+        world.now = &now;
+        return CustomMoodStore(file, std::move(world));
+    }
+};
+
+constexpr const char* asideName = "Moods.unreadable-2024-05-01T10-20-30Z.json";
+
+TEST_F(CustomMoodStoreTests, AMissingFileIsAnEmptyListAndStaysMissing) {
+    const CustomMoodStore store(file);
+
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_EQ(store.spec("my-a"), std::nullopt);
+    EXPECT_EQ(store.url(), file);
+    EXPECT_TRUE(folder.names().empty());
+}
+
+TEST_F(CustomMoodStoreTests, ASavedMoodIsThereAfterReopening) {
+    CustomMoodStore{file}.save(mood("my-a"));
+
+    const CustomMoodStore reopened(file);
+    EXPECT_EQ(reopened.all(), std::vector{mood("my-a")});
+    EXPECT_EQ(reopened.spec("my-a"), mood("my-a"));
+    EXPECT_EQ(reopened.spec("my-A"), std::nullopt);
+}
+
+TEST_F(CustomMoodStoreTests, ANewMoodComesFirstAndAKnownOneKeepsItsPlace) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    store.save(mood("my-b"));
+    store.save(mood("my-c"));
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b", "my-a"}));
+
+    store.save(mood("my-b", "Renamed"));
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b", "my-a"}));
+    EXPECT_EQ(store.spec("my-b")->name, "Renamed");
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, TheFileIsPrettyWithSortedKeysAndVersionOne) {
+    CustomMoodStore store(file);
+    MoodSpec empty = MoodSpec::blank(MoodGlyph::wave);
+    empty.id = "my-b";
+    store.save(mood("my-a"));
+    store.save(empty);
+
+    EXPECT_EQ(folder.content("Moods.json"), R"({
+  "moods" : [
+    {
+      "calm" : {
+        "tags" : [
+
+        ],
+        "text" : ""
+      },
+      "energetic" : {
+        "tags" : [
+
+        ],
+        "text" : ""
+      },
+      "glyph" : "wave",
+      "id" : "my-b",
+      "lively" : false,
+      "name" : "Untitled mood"
+    },
+    {
+      "calm" : {
+        "bpm" : 60,
+        "tags" : [
+          {
+            "category" : "nature",
+            "value" : "rain"
+          }
+        ],
+        "text" : ""
+      },
+      "energetic" : {
+        "tags" : [
+
+        ],
+        "text" : "driving"
+      },
+      "glyph" : "grain",
+      "id" : "my-a",
+      "lively" : false,
+      "name" : "Mood"
+    }
+  ],
+  "version" : 1
+})");
+}
+
+TEST_F(CustomMoodStoreTests, RemovingTakesEveryMoodWithTheIdAndKeepsTheOrder) {
+    {
+        CustomMoodStore store(file);
+        for (const char* id : {"my-c", "my-x", "my-b", "my-y", "my-a"}) store.save(mood(id));
+    }
+    auto text = folder.content("Moods.json");
+    for (const char* other : {"my-x", "my-y"}) text.replace(text.find(other), 4, "my-d");
+    folder.putFile("Moods.json", text);
+    CustomMoodStore store(file);
+    ASSERT_EQ(ids(store), (std::vector<std::string>{"my-a", "my-d", "my-b", "my-d", "my-c"}));
+
+    store.remove("my-d");
+
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-a", "my-b", "my-c"}));
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, OfTwoMoodsWithOneIdTheFirstIsFoundAndReplaced) {
+    {
+        CustomMoodStore store(file);
+        store.save(mood("my-2", "second"));
+        store.save(mood("my-1", "first"));
+    }
+    auto text = folder.content("Moods.json");
+    text.replace(text.find("my-2"), 4, "my-1");
+    folder.putFile("Moods.json", text);
+    CustomMoodStore store(file);
+
+    EXPECT_EQ(store.spec("my-1")->name, "first");
+    store.save(mood("my-1", "changed"));
+    EXPECT_EQ(store.all(), (std::vector{mood("my-1", "changed"), mood("my-1", "second")}));
+}
+
+TEST_F(CustomMoodStoreTests, RemovingAnUnknownIdWritesTheFileAgain) {
+    CustomMoodStore store(file);
+    store.remove("my-nobody");
+
+    EXPECT_EQ(folder.content("Moods.json"), "{\n  \"moods\" : [\n\n  ],\n  \"version\" : 1\n}");
+}
+
+TEST_F(CustomMoodStoreTests, MissingFoldersAreMadeForTheFile) {
+    CustomMoodStore store(folder.path() / "a" / "b" / "Moods.json");
+    EXPECT_TRUE(folder.names().empty());
+    store.save(mood("my-a"));
+
+    EXPECT_EQ(CustomMoodStore(folder.path() / "a" / "b" / "Moods.json").all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, AFileWhereTheFolderShouldBeFailsTheSaveAndKeepsTheList) {
+    CustomMoodStore store(folder.path() / "sub" / "Moods.json");
+    folder.putFile("sub", "a file");
+
+    EXPECT_THROW(store.save(mood("my-a")), FileError);
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_EQ(folder.content("sub"), "a file");
+}
+
+TEST_F(CustomMoodStoreTests, AFailedWriteLeavesListAndFileAsTheyWere) {
+    CustomMoodStore{file}.save(mood("my-a"));
+    const auto before = folder.content("Moods.json");
+    CustomMoodStore::World world;
+    world.write = [](const std::filesystem::path& path, std::string_view) {
+        throw FileError("write", path, make_error_code(std::errc::no_space_on_device));
+    };
+    CustomMoodStore store(file, world);
+
+    try {
+        store.save(mood("my-b"));
+        FAIL() << "saved";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code(), std::errc::no_space_on_device);
+        EXPECT_EQ(error.path(), file);
+    }
+    EXPECT_THROW(store.remove("my-a"), FileError);
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+    EXPECT_EQ(folder.content("Moods.json"), before);
+}
+
+TEST_F(CustomMoodStoreTests, WhereOnlyTheFoldersSyncFailsTheListFollowsTheFileAndTheErrorIsReported) {
+    CustomMoodStore::World world;
+    world.write = [](const std::filesystem::path& path, std::string_view bytes) {
+        writeDurably(path, bytes);
+        throw FileError("sync folder", path, make_error_code(std::errc::io_error)).inPlace();
+    };
+    CustomMoodStore store(file, world);
+
+    EXPECT_THROW(store.save(mood("my-a")), FileError);
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+    EXPECT_THROW(store.remove("my-a"), FileError);
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_TRUE(CustomMoodStore(file).all().empty());
+}
+
+TEST_F(CustomMoodStoreTests, AMoodThatJSONCannotHoldIsRefusedAndNothingChanges) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    const auto before = folder.content("Moods.json");
+
+    EXPECT_THROW(store.save(mood("my-b", "\xff")), EncodingError);
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+    EXPECT_EQ(folder.content("Moods.json"), before);
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+}
+
+TEST_F(CustomMoodStoreTests, AFileThatCouldNotBeReadAgainIsNeverWritten) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    const auto before = folder.content("Moods.json");
+
+    try {
+        store.save(mood("my-b", std::string(CustomMoodStore::mostBytes, 'x')));
+        FAIL() << "saved";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code(), std::errc::file_too_large);
+    }
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+    EXPECT_EQ(folder.content("Moods.json"), before);
+}
+
+TEST_F(CustomMoodStoreTests, ADamagedFileIsMovedAsideAndTheNextSaveMakesAFreshOne) {
+    folder.putFile("Moods.json", "{\"moods\": [");
+    auto store = open();
+
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_EQ(folder.names(), std::vector<std::string>{asideName});
+    EXPECT_EQ(folder.content(asideName), "{\"moods\": [");
+
+    store.save(mood("my-a"));
+    EXPECT_EQ(open().all(), std::vector{mood("my-a")});
+    EXPECT_EQ(folder.content(asideName), "{\"moods\": [");
+}
+
+TEST_F(CustomMoodStoreTests, WhateverIsNoMoodFileIsKeptByteForByte) {
+    const std::string spec =
+        R"({"id":"my-a","name":"A","glyph":"wave","calm":{"tags":[],"text":""},"energetic":{"tags":[],"text":""}})";
+    const std::vector<std::string> texts = {
+        "",
+        "null",
+        "[]",
+        "[" + spec + "]",
+        R"({"moods":[]})",
+        R"({"version":1})",
+        R"({"version":"1","moods":[]})",
+        R"({"version":1.5,"moods":[]})",
+        R"({"version":null,"moods":[]})",
+        R"({"version":1,"moods":null})",
+        R"({"version":1,"moods":{}})",
+        R"({"version":1,"moods":[null]})",
+        R"({"version":1,"moods":[{"id":"my-a"}]})",
+        R"({"version":1,"moods":[)" + spec + R"(,{}]})",
+        R"({"version":1,"moods":[{"id":"my-a","name":"A","glyph":"star","calm":{"tags":[],"text":""},"energetic":{"tags":[],"text":""}}]})",
+        R"({"version":1,"moods":[]} x)",
+        R"({"version":1,"moods":[],})",
+        "{\"version\":1,\"moods\":[],\"x\":\"\xff\"}",
+        R"({"version":1,"moods":[],"x":"\ud800"})",
+        std::string("\0", 1),
+        std::string(100'000, '['),
+    };
+    for (const auto& text : texts) {
+        SCOPED_TRACE(text.substr(0, 100));
+        const test::TemporaryFolder place;
+        place.putFile("Moods.json", text);
+        CustomMoodStore::World world;
+        world.now = &now;
+        const CustomMoodStore store(place.path() / "Moods.json", world);
+
+        EXPECT_TRUE(store.all().empty());
+        EXPECT_EQ(place.names(), std::vector<std::string>{asideName});
+        EXPECT_EQ(place.content(asideName), text);
+    }
+}
+
+TEST_F(CustomMoodStoreTests, AnotherVersionUnknownKeysAndAByteOrderMarkAreReadAllTheSame) {
+    folder.putFile("Moods.json",
+                   "\xef\xbb\xbf{\"future\":[1,{}],\"version\":-7,\"moods\":[{\"id\":\"my-a\",\"name\":\"A\","
+                   "\"glyph\":\"wave\",\"x\":1,\"calm\":{\"tags\":[],\"text\":\"\"},"
+                   "\"energetic\":{\"tags\":[],\"text\":\"\"}}]}");
+    const auto store = open();
+
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+}
+
+TEST_F(CustomMoodStoreTests, AFileBeyondTheLimitIsMovedAsideUnread) {
+    folder.putFile("Moods.json", R"({"version":1,"moods":[]})");
+    std::filesystem::resize_file(file, CustomMoodStore::mostBytes + 1);  // sparse
+    const auto store = open();
+
+    EXPECT_TRUE(store.all().empty());
+    EXPECT_EQ(folder.names(), std::vector<std::string>{asideName});
+    EXPECT_EQ(std::filesystem::file_size(folder.path() / asideName), CustomMoodStore::mostBytes + 1);
+}
+
+TEST_F(CustomMoodStoreTests, AFolderInTheFilesPlaceIsMovedAsideWithAllItHolds) {
+    folder.putFile("Moods.json/inside", "precious");
+    auto store = open();
+
+    EXPECT_EQ(folder.content(std::string(asideName) + "/inside"), "precious");
+    store.save(mood("my-a"));
+    EXPECT_EQ(open().all(), std::vector{mood("my-a")});
+}
+
+TEST_F(CustomMoodStoreTests, AFileKeptEarlierUnderTheSameNameStays) {
+    folder.putFile(asideName, "an earlier one");
+    folder.putFile("Moods.json", "damaged");
+    const auto store = open();
+
+    EXPECT_EQ(folder.content(asideName), "an earlier one");
+    EXPECT_EQ(folder.content("Moods.unreadable-2024-05-01T10-20-30Z-2.json"), "damaged");
+}
+
+TEST_F(CustomMoodStoreTests, ADamagedFileThatCannotBeKeptIsNeverOverwritten) {
+    // So long a name leaves no room for any other name beside it.
+    const std::string name = std::string(245, 'm') + ".json";
+    folder.putFile(name, "damaged");
+    CustomMoodStore store(folder.path() / name);
+    ASSERT_TRUE(store.all().empty());
+
+    EXPECT_THROW(store.save(mood("my-a")), FileError);
+    EXPECT_THROW(store.remove("my-a"), FileError);
+    EXPECT_EQ(folder.content(name), "damaged");
+    EXPECT_TRUE(store.all().empty());
+
+    std::filesystem::remove(folder.path() / name);
+    store.save(mood("my-a"));
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+}
+
+TEST_F(CustomMoodStoreTests, AnUnreadableFileLeftInPlaceIsCopiedAsideBeforeItIsReplaced) {
+    // The names for moving it away are all taken when the store opens, and free again when it saves.
+    folder.putFile("Moods.json", "damaged");
+    for (int number = 1; number <= 1000; ++number) {
+        const std::string suffix = number == 1 ? "" : "-" + std::to_string(number);
+        folder.putFile("Moods.unreadable-2024-05-01T10-20-30Z" + suffix + ".json", "taken");
+    }
+    auto store = open();
+    EXPECT_EQ(folder.content("Moods.json"), "damaged");
+    for (int number = 2; number <= 1000; ++number) {
+        std::filesystem::remove(folder.path() /
+                                ("Moods.unreadable-2024-05-01T10-20-30Z-" + std::to_string(number) + ".json"));
+    }
+
+    store.save(mood("my-a"));
+
+    EXPECT_EQ(folder.content("Moods.unreadable-2024-05-01T10-20-30Z-2.json"), "damaged");
+    EXPECT_EQ(open().all(), std::vector{mood("my-a")});
+    store.save(mood("my-b"));
+    EXPECT_EQ(folder.names().size(), 3U) << "kept more than once";
+}
+
+TEST_F(CustomMoodStoreTests, TheDefaultPlaceIsMoodsInTheApplicationsData) {
+    const auto data = UserFolders::applicationData();
+    ASSERT_TRUE(data);
+    EXPECT_EQ(CustomMoodStore().url(), *data / "Moods.json");
+    EXPECT_TRUE(data->native().ends_with("/Quillmere"));
+}
+
+TEST_F(CustomMoodStoreTests, UnderTheHarnessTheSharedStoreIsATemporaryFileOfThisProcess) {
+    ASSERT_TRUE(UserFolders::isAutomatedHarness());
+    EXPECT_EQ(CustomMoodStore::shared().url(),
+              UserFolders::temporary() / ("quillmere-moods-" + std::to_string(::getpid()) + ".json"));
+    EXPECT_EQ(&CustomMoodStore::shared(), &CustomMoodStore::shared());
+}
+
+TEST_F(CustomMoodStoreTests, ARelativeFileStaysWhereItWasWhenTheWorkingFolderChanges) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path());
+    CustomMoodStore store("Moods.json");
+    std::filesystem::current_path(before);
+    store.save(mood("my-a"));
+
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+}
+
+TEST_F(CustomMoodStoreTests, ChangesFromManyThreadsAreAllKept) {
+    CustomMoodStore store(file);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&store, thread] {
+            for (int i = 0; i < 10; ++i) {
+                const std::string id = "my-" + std::to_string(thread) + "-" + std::to_string(i);
+                store.save(mood(id));
+                if (i % 2 == 1) store.remove(id);
+                (void)store.all();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+
+    const auto found = ids(store);
+    std::set<std::string> expected;
+    for (int thread = 0; thread < 4; ++thread) {
+        for (int i = 0; i < 10; i += 2) expected.insert("my-" + std::to_string(thread) + "-" + std::to_string(i));
+    }
+    EXPECT_EQ(std::set<std::string>(found.begin(), found.end()), expected);
+    EXPECT_EQ(found.size(), expected.size());
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, AReaderNeverSeesWhatIsNotYetOnDisk) {
+    // Reading waits for the update in progress; what it then returns is what the file holds.
+    CustomMoodStore::World world;
+    std::vector<std::string> seen;
+    CustomMoodStore* opened = nullptr;
+    std::thread reader;
+    world.write = [&](const std::filesystem::path& path, std::string_view bytes) {
+        reader = std::thread([&] { seen = ids(*opened); });
+        writeDurably(path, bytes);
+    };
+    CustomMoodStore store(file, world);
+    opened = &store;
+    store.save(mood("my-a"));
+    reader.join();
+
+    EXPECT_EQ(seen, std::vector<std::string>{"my-a"});
+}
+
+}  // namespace
+}  // namespace quillmere
