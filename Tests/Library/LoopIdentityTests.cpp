@@ -104,7 +104,7 @@ TEST_F(LoopIdentityTests, NumbersAreWrittenInPlainDecimal) {
 }
 
 TEST_F(LoopIdentityTests, TextsOfAnyLengthAndContentCount) {
-    for (const std::size_t length : {0, 1, 1900, 1980, 2048, 5000, 300000}) {
+    for (const std::size_t length : {0U, 1U, 1900U, 1980U, 2048U, 5000U, 300000U}) {
         SCOPED_TRACE(length);
         identity.calmPrompt = std::string(length, 'x');
         identity.energeticPrompt = std::string("\0\xff\x1f", 3);
