@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <cstring>
-#include <span>
 #include <string_view>
 
 #include "QuillmereKit/Platform/Hashing.hpp"
@@ -69,7 +68,14 @@ std::string LoopIdentity::fingerprint() const {
     if (audio) parts.separate().add("audio=").add(audioFingerprint);
 
     const auto digest = SHA256::digest(parts.text());
-    return hexadecimal(std::span(digest).first<8>());
+    // Written in place: a general text of hexadecimal digits would cost a twentieth of the whole.
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::array<char, 16> name;
+    for (std::size_t i = 0; i < 8; ++i) {
+        name[2 * i] = digits[digest[i] >> 4];
+        name[2 * i + 1] = digits[digest[i] & 0x0f];
+    }
+    return {name.data(), name.size()};
 }
 
 std::string LoopIdentity::filename() const {
