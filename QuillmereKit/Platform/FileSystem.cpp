@@ -42,7 +42,7 @@ struct AsideName {
     AsideName(const std::filesystem::path& file, std::string_view reason)
         : before(file.stem().native() + "." + std::string(reason) + "-"), after(file.extension().native()) {}
 
-    [[nodiscard]] std::string with(std::string_view stamp, int number) const {
+    [[nodiscard]] std::string with(std::string_view stamp, std::int64_t number) const {
         return before + std::string(stamp) + (number > 1 ? "-" + std::to_string(number) : "") + after;
     }
 
@@ -66,7 +66,8 @@ struct AsideName {
         if (name.empty()) return Age{std::string(stamp), 1};
         if (!name.starts_with('-')) return std::nullopt;
         const auto number = decimalInteger(name.substr(1));
-        if (!number) return std::nullopt;
+        constexpr std::int64_t mostNumber = 1'000'000'000;
+        if (!number || *number > mostNumber) return std::nullopt;
         return Age{std::string(stamp), *number};
     }
 };
@@ -77,20 +78,26 @@ std::string fileNameStamp(Date now) {
     return stamp;
 }
 
-/// Calls `put` with one path after the other until one is free.
+/// Calls `put` with one path after the other until one is free. The numbers of one stamp only rise, also
+/// past those of copies that are gone, so that they tell which is newer.
 std::filesystem::path putAside(const std::filesystem::path& file, std::string_view reason, Date now,
                                const std::function<void(const std::filesystem::path&)>& put) {
     const auto place = placeOf(file, "keep aside");
     const AsideName form(place.name, reason);
     const auto stamp = fileNameStamp(now);
-    constexpr int lastNumber = 1000;
-    for (int number = 1;; ++number) {
+    std::int64_t number = 1;
+    for (const auto& entry : listFolder(place.folder)) {
+        const auto age = form.ageOf(entry.name);
+        if (age && age->stamp == stamp) number = std::max(number, age->number + 1);
+    }
+    for (int attempts = 1;; ++attempts, ++number) {
         const auto aside = file.parent_path() / form.with(stamp, number);
         try {
             put(aside);
             return aside;
         } catch (const FileError& error) {
-            if (error.code() != std::errc::file_exists || number == lastNumber) throw;
+            constexpr int mostAttempts = 100;
+            if (error.code() != std::errc::file_exists || attempts == mostAttempts) throw;
         }
     }
 }

@@ -63,7 +63,7 @@ std::optional<OwnFolder::Location> OwnFolder::locate(const std::filesystem::path
     }
     Descriptor folder;
     try {
-        folder = systemCalls::openFolder(folder_);
+        folder = systemCalls::openFolder(prefix_);
     } catch (const FileError& failure) {
         error = failure.code();
         if (isAbsence(error)) return std::nullopt;

@@ -1,0 +1,273 @@
+// What is left on disk when the system refuses any one call of an operation, or serves it in small pieces.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/OwnFolder.hpp"
+#include "QuillmereKit/Platform/WAVFile.hpp"
+#include "Tests/Support/SystemCallFaults.hpp"
+#include "Tests/Support/TemporaryFolder.hpp"
+
+namespace quillmere::test {
+namespace {
+
+using testing::ElementsAre;
+
+constexpr std::size_t plenty = 1 << 20;
+
+struct Outcome {
+    std::string struck;              ///< The call that failed.
+    std::optional<FileError> error;  ///< What the operation threw.
+};
+
+/// Runs `operation` in a fresh folder once for each of its system calls, with that call failing, and then `check`.
+/// Returns how many calls there were.
+int forEachFailingCall(const std::function<void(const TemporaryFolder& folder)>& prepare,
+                       const std::function<void(const TemporaryFolder& folder)>& operation,
+                       const std::function<void(const TemporaryFolder& folder, const Outcome& outcome)>& check) {
+    for (int failing = 1; failing < 200; ++failing) {
+        const TemporaryFolder folder;
+        prepare(folder);
+        Outcome outcome;
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO});
+            try {
+                operation(folder);
+            } catch (const FileError& error) {
+                outcome.error = error;
+            }
+            outcome.struck = faults.struck();
+        }
+        SCOPED_TRACE("call " + std::to_string(failing) + ", " + outcome.struck);
+        check(folder, outcome);
+        if (outcome.struck.empty()) return failing - 1;
+    }
+    ADD_FAILURE() << "the operation does not end";
+    return 0;
+}
+
+TEST(FileFaults, WriteDurablyHoldsTheOldContentOrTheNewWhateverFails) {
+    const auto calls = forEachFailingCall(
+        [](const TemporaryFolder& folder) { folder.putFile("list.json", "old"); },
+        [](const TemporaryFolder& folder) { writeDurably(folder.path() / "list.json", "new"); },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            // Whether the permissions fit already is asked to save a call; closing the folder changes nothing.
+            const bool mayPass = outcome.struck.empty() || outcome.struck == "fstat" || outcome.struck == "close";
+            EXPECT_TRUE(outcome.error || mayPass);
+            const bool isNew = !outcome.error || outcome.error->isInPlace();
+            EXPECT_EQ(folder.content("list.json"), isNew ? "new" : "old");
+            EXPECT_THAT(folder.names(), ElementsAre("list.json"));
+            if (outcome.error) {
+                EXPECT_EQ(outcome.error->code(), std::errc::io_error);
+            }
+        });
+
+    EXPECT_GE(calls, 8);  // open, look, create, permissions, write, sync, close, rename, sync, close
+}
+
+TEST(FileFaults, AFailedCloseOfTheNewFileIsAFailedWrite) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile("list.json", "old");
+    const SystemCallFaults faults({.failing = 1, .error = ENOSPC, .call = "close"});
+
+    try {
+        writeDurably(file, "new");
+        FAIL() << "no error";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.step(), "close");
+        EXPECT_FALSE(error.isInPlace());
+    }
+    EXPECT_EQ(folder.content("list.json"), "old");
+}
+
+TEST(FileFaults, OnlyTheLastSyncFailingLeavesTheNewContentAndSaysSo) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile("list.json", "old");
+    const SystemCallFaults faults({.failing = 2, .error = EIO, .call = "fsync"});
+
+    try {
+        writeDurably(file, "new");
+        FAIL() << "no error";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.step(), "sync folder");
+        EXPECT_TRUE(error.isInPlace());
+    }
+    EXPECT_EQ(folder.content("list.json"), "new");
+    EXPECT_EQ(faults.count(), 2);  // not tried again
+}
+
+TEST(FileFaults, AFailedSyncIsNeverTriedAgain) {
+    for (const int error : {EIO, ENOSPC, EINTR, EINVAL}) {
+        const TemporaryFolder folder;
+        const auto file = folder.putFile("list.json", "old");
+        const SystemCallFaults faults({.failing = 1, .error = error, .call = "fsync"});
+
+        EXPECT_THROW(writeDurably(file, "new"), FileError);
+
+        EXPECT_EQ(faults.count(), 1);
+        EXPECT_EQ(folder.content("list.json"), "old");
+        EXPECT_THAT(folder.names(), ElementsAre("list.json"));
+    }
+}
+
+TEST(FileFaults, AFileSystemThatCannotSyncFoldersIsNoFailure) {
+    const TemporaryFolder folder;
+    const SystemCallFaults faults({.failing = 2, .error = EINVAL, .call = "fsync"});
+
+    EXPECT_NO_THROW(writeDurably(folder.path() / "list.json", "new"));
+
+    EXPECT_EQ(faults.struck(), "fsync");
+}
+
+TEST(FileFaults, ShortAndInterruptedCallsAreContinued) {
+    const TemporaryFolder folder;
+    const std::string bytes = "twenty-six bytes of a text";
+    const SystemCallFaults faults({.mostBytes = 3, .interrupts = true});
+
+    writeDurably(folder.path() / "list.json", bytes);
+
+    EXPECT_EQ(readFile(folder.path() / "list.json", plenty), bytes);
+    copyFile(folder.path() / "list.json", folder.path() / "copy");
+    EXPECT_EQ(readFile(folder.path() / "copy", bytes.size()), bytes);
+}
+
+TEST(FileFaults, AReadGivesTheWholeContentOrAnError) {
+    const std::string bytes = "some bytes";
+    std::string read;
+    const auto calls = forEachFailingCall(
+        [&](const TemporaryFolder& folder) { folder.putFile("file", bytes); },
+        [&](const TemporaryFolder& folder) {
+            read = "nothing";
+            read = readFile(folder.path() / "file", plenty);
+        },
+        [&](const TemporaryFolder&, const Outcome& outcome) { EXPECT_EQ(read, outcome.error ? "nothing" : bytes); });
+
+    EXPECT_GE(calls, 5);
+}
+
+TEST(FileFaults, ACopyIsWholeOrNotThereAndTheOriginalStays) {
+    const auto calls = forEachFailingCall(
+        [](const TemporaryFolder& folder) { folder.putFile("from", "content"); },
+        [](const TemporaryFolder& folder) { copyFile(folder.path() / "from", folder.path() / "to"); },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            EXPECT_EQ(folder.content("from"), "content");
+            if (!outcome.error || outcome.error->isInPlace()) {
+                EXPECT_EQ(folder.content("to"), "content");
+            } else {
+                EXPECT_THAT(folder.names(), ElementsAre("from"));
+            }
+        });
+
+    EXPECT_GE(calls, 10);
+}
+
+TEST(FileFaults, AMovedFileIsAtOneOfItsTwoPlaces) {
+    forEachFailingCall(
+        [](const TemporaryFolder& folder) {
+            folder.putFile("a/from", "content");
+            folder.putFile("b/other", "other");
+        },
+        [](const TemporaryFolder& folder) { moveFile(folder.path() / "a" / "from", folder.path() / "b" / "to"); },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            const bool isMoved = !outcome.error || outcome.error->isInPlace();
+            EXPECT_EQ(folder.content(isMoved ? "b/to" : "a/from"), "content");
+            EXPECT_NE(fileExists(folder.path() / "a" / "from"), fileExists(folder.path() / "b" / "to"));
+        });
+}
+
+TEST(FileFaults, WithoutTheNoReplaceFlagAMoveStillReplacesNothing) {
+    const TemporaryFolder folder;
+    folder.putFile("from", "content");
+    {
+        const SystemCallFaults faults({.failing = 1, .error = EINVAL, .call = "renameat2"});
+        moveFile(folder.path() / "from", folder.path() / "to");
+        EXPECT_EQ(faults.struck(), "renameat2");
+    }
+    EXPECT_THAT(folder.names(), ElementsAre("to"));
+    folder.putFile("precious", "precious");
+    const SystemCallFaults faults({.failing = 1, .error = EINVAL, .call = "renameat2"});
+
+    EXPECT_THROW(moveFile(folder.path() / "to", folder.path() / "precious"), FileError);
+
+    EXPECT_EQ(folder.content("precious"), "precious");
+    EXPECT_EQ(folder.content("to"), "content");
+}
+
+TEST(FileFaults, AKeptCopyIsWholeOrTheErrorTells) {
+    const Date now(std::chrono::seconds(1'714'558'830));
+    forEachFailingCall(
+        [](const TemporaryFolder& folder) { folder.putFile("manifest.json", "damaged"); },
+        [&](const TemporaryFolder& folder) { keepCopyAside(folder.path() / "manifest.json", "unreadable", now); },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            EXPECT_EQ(folder.content("manifest.json"), "damaged");
+            if (outcome.error && !outcome.error->isInPlace()) return;
+            EXPECT_EQ(folder.content("manifest.unreadable-2024-05-01T10-20-30Z.json"), "damaged");
+        });
+}
+
+TEST(FileFaults, AnOwnFileIsDeletedOrStillThere) {
+    bool wasRemoved = false;
+    forEachFailingCall([](const TemporaryFolder& folder) { folder.putFile("sub/file", "content"); },
+                       [&](const TemporaryFolder& folder) {
+                           wasRemoved = false;
+                           wasRemoved = OwnFolder(folder.path()).remove(folder.path() / "sub" / "file");
+                       },
+                       [&](const TemporaryFolder& folder, const Outcome& outcome) {
+                           const bool isGone = wasRemoved || (outcome.error && outcome.error->isInPlace());
+                           EXPECT_EQ(fileExists(folder.path() / "sub" / "file"), !isGone);
+                       });
+}
+
+TEST(FileFaults, AnOwnFileIsMovedOrStillThere) {
+    forEachFailingCall(
+        [](const TemporaryFolder& folder) { folder.putFile("Render-1/audio.wav", "content"); },
+        [](const TemporaryFolder& folder) {
+            OwnFolder(folder.path()).move(folder.path() / "Render-1" / "audio.wav", folder.path() / "piece.wav");
+        },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            const bool isMoved = !outcome.error || outcome.error->isInPlace();
+            EXPECT_EQ(folder.content(isMoved ? "piece.wav" : "Render-1/audio.wav"), "content");
+        });
+}
+
+TEST(FileFaults, AWAVFileIsFinishedOrAnErrorTells) {
+    const std::vector<std::int16_t> samples(200'000, 7);
+    forEachFailingCall([](const TemporaryFolder&) {},
+                       [&](const TemporaryFolder& folder) {
+                           WAVWriter writer(folder.path() / "audio.wav", 48000, 2);
+                           writer.write(samples);
+                           writer.flushHeader();
+                           writer.write(samples);
+                           writer.finish();
+                       },
+                       [](const TemporaryFolder& folder, const Outcome& outcome) {
+                           if (outcome.error) return;
+                           EXPECT_EQ(WAVFile(folder.path() / "audio.wav").frames(), 200'000);
+                       });
+}
+
+TEST(FileFaults, AudioIsReadWholeInSmallPieces) {
+    const TemporaryFolder folder;
+    std::vector<std::int16_t> samples(1001 * 2);
+    for (std::size_t index = 0; index < samples.size(); ++index) samples[index] = static_cast<std::int16_t>(index * 31);
+    const SystemCallFaults faults({.mostBytes = 7, .interrupts = true});
+    WAVWriter writer(folder.path() / "audio.wav", 48000, 2);
+    writer.write(samples);
+    writer.finish();
+
+    WAVFile file(folder.path() / "audio.wav");
+    std::vector<std::int16_t> read(samples.size());
+    EXPECT_EQ(file.read(read), 1001U);
+
+    EXPECT_EQ(read, samples);
+}
+
+}  // namespace
+}  // namespace quillmere::test
