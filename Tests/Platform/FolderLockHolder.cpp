@@ -1,5 +1,5 @@
-// Takes the lock on the file that its argument names, says "held" or "refused" on its standard output, and keeps it until
-// its standard input ends. With "-" it takes none and only waits.
+// Takes the lock on the file that its argument names, says "held" or "refused" on its standard output, and keeps it
+// until its standard input ends. With "-" it takes none and only waits.
 
 #include <unistd.h>
 
