@@ -29,10 +29,8 @@ constexpr LosslessModule module{
                 return 0;
             });
         },
-    .read =
-        [](LosslessReader* reader, std::int16_t* samples, std::int64_t frames, char* message) {
-            return guarded<std::int64_t>(message, [&] { return reader->read(samples, frames); });
-        },
+    .read = [](LosslessReader* reader, std::int16_t* samples, std::int64_t frames,
+               char* message) { return guarded<std::int64_t>(message, [&] { return reader->read(samples, frames); }); },
     .closeReader = [](LosslessReader* reader) { delete reader; },
     .openWriter =
         [](int descriptor, std::int32_t sampleRate, std::int32_t channels, LosslessWriter** writer, char* message) {

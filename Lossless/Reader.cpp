@@ -100,8 +100,7 @@ std::int64_t LosslessReader::read(std::int16_t* samples, std::int64_t frames) {
         const auto count = std::min<std::int64_t>(frames - done, frame_->nb_samples - offset_);
         std::int16_t* const target = samples + done * channels_;
         for (int channel = 0; channel < channels_; ++channel) {
-            const auto* const source =
-                reinterpret_cast<const std::int16_t*>(frame_->extended_data[channel]) + offset_;
+            const auto* const source = reinterpret_cast<const std::int16_t*>(frame_->extended_data[channel]) + offset_;
             for (std::int64_t i = 0; i < count; ++i) target[i * channels_ + channel] = source[i];
         }
         done += count;

@@ -13,8 +13,8 @@ struct AVPacket;
 
 namespace quillmere {
 
-/// Decodes the first audio stream of an MPEG-4 file, read through a descriptor at positions of its own: no other file is ever
-/// opened, whatever the container refers to. Throws `std::runtime_error`.
+/// Decodes the first audio stream of an MPEG-4 file, read through a descriptor at positions of its own: no other file
+/// is ever opened, whatever the container refers to. Throws `std::runtime_error`.
 struct LosslessReader {
     LosslessReader(int descriptor, LosslessInfo& info);
     ~LosslessReader();

@@ -1,12 +1,11 @@
 #include "QuillmereKit/Library/FileSHA256.hpp"
 
-#include <fcntl.h>
-
 #include <cstddef>
 #include <memory>
 #include <string_view>
 
 #include "QuillmereKit/Platform/Descriptor.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/SHA256.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 
@@ -15,8 +14,7 @@ namespace quillmere::FileSHA256 {
 std::string digest(const FileURL& url) {
     constexpr std::size_t chunk = std::size_t{1} << 20;
     const auto path = url.path();
-    const Descriptor file =
-        systemCalls::openRegularAt(AT_FDCWD, systemCalls::pathText(path, "open"), path, FinalLink::followed);
+    const Descriptor file = openRegularFile(path, FinalLink::followed);
     const auto buffer = std::make_unique_for_overwrite<char[]>(chunk);
     SHA256 hash;
     while (true) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -149,6 +150,27 @@ public:
     /// measurement that is not finite; `FileError` or `LibraryInUse` if the save fails: the measurement then stays in
     /// memory.
     bool setLoudness(const AudioLoudness& loudness, const LoopArtifact& artifact);
+
+    // The lossless migration.
+
+    /// Writes the lossless copy of a WAV file, `source`, to `destination`, where nothing is yet; or throws.
+    using Encode = std::function<void(const FileURL& source, const FileURL& destination)>;
+
+    /// The pieces that can be migrated now, by fingerprint: full tracks of the store's own, 16-bit WAV files as far as
+    /// their names tell, neither seeds nor protected. Asks the disk for each.
+    [[nodiscard]] std::vector<LoopArtifact> losslessMigrationCandidates() const;
+
+    /// Replaces a piece's WAV file by a lossless one, once that is proved to decode to the same samples: encodes beside
+    /// it, compares digest and length, records the new file durably, and only then discards the WAV file. A valid
+    /// lossless file that lies there already is adopted. True: the piece now points at its lossless file.
+    ///
+    /// False, with nothing changed, if the piece has changed, gone, or may not be migrated (any more). Decoding and
+    /// encoding run without the lock; `encode` on the calling thread. Whatever fails, the WAV file is still there, or
+    /// the manifest names the verified copy. Throws `FileError`: `fileReadCorruptFile` if the source is not 16-bit, 48
+    /// kHz stereo linear PCM, `fileWriteUnknown` if the encoded file does not decode to the same samples or the
+    /// manifest cannot be saved, what opening or moving gives; `LibraryInUse`; `CancellationError` when `stop` asks;
+    /// what `encode` throws.
+    bool migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop = {});
 
     /// Why the last save failed, or which pieces it had to leave out, until a save succeeds with all. A sentence for
     /// the user.

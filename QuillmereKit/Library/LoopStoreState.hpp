@@ -33,6 +33,13 @@ private:
     std::unordered_set<std::string> paths_;
 };
 
+/// The files of one lossless migration.
+struct MigrationFiles {
+    std::filesystem::path source;     ///< The WAV file.
+    std::filesystem::path target;     ///< The lossless file that takes its place.
+    std::filesystem::path temporary;  ///< Where it is made.
+};
+
 /// What all stores of this process on one folder share. Everything but `mutex` is guarded by it.
 struct LoopStore::State {
     explicit State(std::filesystem::path directory);
@@ -57,6 +64,18 @@ struct LoopStore::State {
 
     /// Calls `discard`; an exception counts as false.
     [[nodiscard]] static bool tryDiscard(const Discard& discard, const FileURL& url) noexcept;
+
+    /// Discards a file if it is the folder's own at this moment.
+    void discardOwn(const Discard& discard, const std::filesystem::path& file) const noexcept;
+
+    /// Whether a piece may be migrated now: a full track of the store's own, not a seed, not playing, and still a WAV
+    /// file, or a lossless one that a migration left its WAV file beside.
+    [[nodiscard]] bool canMigrate(const StoredLoop& loop) const;
+
+    /// Encodes into the temporary file, has it verified, and gives it the target's name. Takes the lock where it needs
+    /// it, but neither while encoding nor while verifying.
+    void encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files, const Encode& encode,
+                        const std::function<void()>& verify, const std::stop_token& stop);
 
     /// Whether this process may change the folder; notes why not.
     [[nodiscard]] bool mayChangeFiles() noexcept;

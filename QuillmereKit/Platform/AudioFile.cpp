@@ -1,6 +1,5 @@
 #include "QuillmereKit/Platform/AudioFile.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/LosslessModule.hpp"
-#include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
 namespace {
@@ -92,9 +91,7 @@ struct AudioFile::LosslessSource final : Source {
     std::int64_t position = 0;
 };
 
-AudioFile::AudioFile(const std::filesystem::path& file)
-    : AudioFile(systemCalls::openRegularAt(AT_FDCWD, systemCalls::pathText(file, "open"), file, FinalLink::followed),
-                file) {}
+AudioFile::AudioFile(const std::filesystem::path& file) : AudioFile(openRegularFile(file, FinalLink::followed), file) {}
 
 AudioFile::AudioFile(Descriptor opened, const std::filesystem::path& file) {
     if (isMPEG4(opened.number())) {

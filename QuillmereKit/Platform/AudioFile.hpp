@@ -11,8 +11,8 @@
 
 namespace quillmere {
 
-/// Reads any audio file that the library stores: WAV, and Apple Lossless in MPEG-4 through the lossless module, which is
-/// loaded when the first such file is met. What kind of file it is, its first bytes decide, not its name.
+/// Reads any audio file that the library stores: WAV, and Apple Lossless in MPEG-4 through the lossless module, which
+/// is loaded when the first such file is met. What kind of file it is, its first bytes decide, not its name.
 ///
 /// Only regular files are opened. Not thread-safe; each reader owns one. Memory does not grow with the file's length.
 class AudioFile {
@@ -32,7 +32,8 @@ public:
     [[nodiscard]] std::int64_t frames() const noexcept;
 
     /// Reads whole frames of interleaved 16-bit samples, as many as fit; returns the frames read, 0 at the end. Throws
-    /// `FileError` with `fileReadCorruptFile` if the samples are not stored with 16 bits, or cannot be decoded, or the file ends before its frames do.
+    /// `FileError` with `fileReadCorruptFile` if the samples are not stored with 16 bits, or cannot be decoded, or the
+    /// file ends before its frames do.
     [[nodiscard]] std::size_t read(std::span<std::int16_t> samples);
 
 private:

@@ -19,7 +19,8 @@ constexpr const char* moduleName = "QuillmereLossless.so";
 // Where the module may lie, in the order of looking: named by the environment, beside the running program or the shared
 // library, in an installation, in the build tree.
 std::vector<path> places() {
-    if (const char* named = std::getenv("QUILLMERE_LOSSLESS_MODULE"); named != nullptr && *named != '\0') return {named};
+    if (const char* named = std::getenv("QUILLMERE_LOSSLESS_MODULE"); named != nullptr && *named != '\0')
+        return {named};
     std::vector<path> places;
     std::error_code error;
     if (const auto program = std::filesystem::read_symlink("/proc/self/exe", error); !error) {
@@ -44,7 +45,8 @@ const LosslessModule& load() {
         const LosslessModule* const module = function();
         if (module != nullptr && module->version == LosslessModule::currentVersion) return *module;
     }
-    throw FileError("load the lossless codec from", moduleName, std::make_error_code(std::errc::no_such_file_or_directory));
+    throw FileError("load the lossless codec from", moduleName,
+                    std::make_error_code(std::errc::no_such_file_or_directory));
 }
 
 }  // namespace

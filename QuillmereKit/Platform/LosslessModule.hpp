@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 
-// The border between the library and the one component that uses FFmpeg: plain functions in a table, so that neither side
-// sees the other's types, and the component (a module of its own, with a licence of its own) is loaded only when the first
-// lossless file is met. Messages are UTF-8 with a zero at the end, at most `messageSize` bytes.
+// The border between the library and the one component that uses FFmpeg: plain functions in a table, so that neither
+// side sees the other's types, and the component (a module of its own, with a licence of its own) is loaded only when
+// the first lossless file is met. Messages are UTF-8 with a zero at the end, at most `messageSize` bytes.
 
 namespace quillmere {
 
