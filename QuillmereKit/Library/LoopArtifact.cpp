@@ -3,10 +3,14 @@
 #include <utility>
 
 #include "QuillmereKit/Generation/GenerationModel.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
 #include "QuillmereKit/Platform/Hashing.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 namespace quillmere {
+
+bool LoopArtifact::isPlayable() const { return MoodCatalog::isCurrent(identity, CustomMoodStore::shared()); }
 
 bool LoopArtifact::isTrack() const noexcept {
     return identity.isRecording() || cachedModel(identity.model).has_value();
