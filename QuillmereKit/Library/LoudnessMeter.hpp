@@ -19,8 +19,8 @@ namespace quillmere {
 ///     const auto loudness = meter.measurement();
 ///
 /// The result is that of the method's formulas, evaluated in order in double precision, bit for bit, however the audio
-/// is cut into buffers, and also on a thread that flushes subnormal numbers. Audio at another rate must be converted
-/// first; the meter cannot tell.
+/// is cut into buffers; on x86-64 also on a thread that flushes subnormal numbers or rounds otherwise. Audio at another
+/// rate must be converted first; the meter cannot tell.
 ///
 /// A value: a copy goes on by itself. Not thread-safe. Memory grows by 80 bytes a second of audio.
 class LoudnessMeter {
