@@ -26,7 +26,7 @@ TEST(RecipeOrigin, JSONNeedsTheChip) {
 }
 
 TEST(RecipeOrigin, ChipThatIsNotUTF8IsNotWritten) {
-    EXPECT_THROW(encodeJSON(RecipeOrigin{.chip = "\xff"}, JSONWriter::Form::compact), EncodingError);
+    EXPECT_THROW((void)encodeJSON(RecipeOrigin{.chip = "\xff"}, JSONWriter::Form::compact), EncodingError);
 }
 
 TEST(RecipeOrigin, ChipCountsInEqualityAndHash) {
