@@ -10,8 +10,8 @@
 
 namespace quillmere::test {
 
-TemporaryFolder::TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "quillmere-test-XXXXXX").string();
+TemporaryFolder::TemporaryFolder(const std::filesystem::path& parent) {
+    std::string name = (parent / "quillmere-test-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) std::abort();
     path_ = name;
 }

@@ -10,7 +10,8 @@ namespace quillmere::test {
 /// A fresh folder that goes, with all it holds, when the object does.
 class TemporaryFolder {
 public:
-    TemporaryFolder();
+    TemporaryFolder() : TemporaryFolder(std::filesystem::temp_directory_path()) {}
+    explicit TemporaryFolder(const std::filesystem::path& parent);
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
