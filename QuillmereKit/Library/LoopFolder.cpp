@@ -31,11 +31,14 @@ Presence presenceOf(const std::filesystem::path& file) {
     }
 }
 
-// Whether somebody holds a lock file that is there.
-bool isHeld(const std::filesystem::path& lockFile) {
-    const auto facts = factsOf(lockFile);
-    return facts && facts->kind == FileFacts::Kind::regular && FolderLock::isHeld(lockFile);
+bool isRegular(const std::filesystem::path& place) {
+    const auto facts = factsOf(place);
+    return facts && facts->kind == FileFacts::Kind::regular;
 }
+
+// A lock file that is there and held, and one that is there and free: neither says anything without it.
+bool isHeld(const std::filesystem::path& lockFile) { return isRegular(lockFile) && FolderLock::isHeld(lockFile); }
+bool isFree(const std::filesystem::path& lockFile) { return isRegular(lockFile) && !FolderLock::isHeld(lockFile); }
 
 bool isSameFile(const std::optional<FileFacts>& a, const std::optional<FileFacts>& b) {
     if (!a || !b) return !a && !b;
@@ -89,8 +92,7 @@ bool LoopFolder::isRegularFile(const FileURL& url) {
 
 LoopTable::Place LoopFolder::placeOf(const FileURL& url) const {
     if (const auto name = plainName(url)) {
-        const auto facts = factsOf(path() / *name);
-        return {.isInside = true, .isPlain = facts && facts->kind == FileFacts::Kind::regular};
+        return {.isInside = true, .isPlain = isRegular(path() / *name)};
     }
     const auto file = fileOf(url);
     return {.isInside = file && files_.names(*file), .isPlain = false};
@@ -129,7 +131,7 @@ bool LoopFolder::isFinishedWork(const std::filesystem::path& place) const {
     if (!isWork) return false;
     try {
         const auto left = listFolder(place);
-        return left.empty() || (left.size() == 1 && left.front().name == lockName && !isHeld(place / lockName));
+        return left.empty() || (left.size() == 1 && left.front().name == lockName && isFree(place / lockName));
     } catch (const FileError&) {
         return false;
     }
@@ -180,23 +182,23 @@ void LoopFolder::load(LoopTable& table) {
         if (entry.kind == FileFacts::Kind::regular) regular.insert(entry.name);
     }
 
-    std::vector<LoopTable::Item> items;
-    items.reserve(artifacts.size());
-    for (auto& artifact : artifacts) {
+    std::vector<std::optional<LoopTable::Place>> places;
+    places.reserve(artifacts.size());
+    for (const auto& artifact : artifacts) {
         const auto name = plainName(artifact.url);
-        LoopTable::Place place{.isInside = true, .isPlain = true};
-        if (!name || !regular.contains(*name)) {
-            const auto file = fileOf(artifact.url);
-            if (!file || presenceOf(*file) == Presence::absent) continue;
-            place = {.isInside = files_.names(*file), .isPlain = false};
+        if (name && regular.contains(*name)) {
+            places.push_back(LoopTable::Place{.isInside = true, .isPlain = true});
+            continue;
         }
-        items.push_back({std::move(artifact), place});
+        const auto file = fileOf(artifact.url);
+        const bool isDropped = !file || presenceOf(*file) == Presence::absent;
+        places.push_back(isDropped ? std::nullopt
+                                   : std::optional(LoopTable::Place{.isInside = files_.names(*file), .isPlain = false}));
     }
 
     // An entry that was dropped, or that the next ordinary save leaves out, would be gone for good.
-    const bool isAllInside = std::ranges::all_of(items, [](const auto& item) { return item.place.isInside; });
-    table.fill(std::move(items));
-    const bool isWhole = isAllInside && table.count() == artifacts.size();
+    const bool isAllInside = std::ranges::all_of(places, [](const auto& place) { return place && place->isInside; });
+    const bool isWhole = table.fill(std::move(artifacts), places) && isAllInside;
     if (!isWhole && !reasonToKeep_) reasonToKeep_ = "before";
 
     // Without a readable manifest nobody knows what the folder's files are for.
@@ -204,18 +206,14 @@ void LoopFolder::load(LoopTable& table) {
 }
 
 void LoopFolder::cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const {
-    // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
-    const auto isDeadWork = [](const FolderEntry& entry, const std::filesystem::path& place) {
-        const auto lock = factsOf(place / lockName);
-        return entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix) && lock &&
-               lock->kind == FileFacts::Kind::regular && !FolderLock::isHeld(place / lockName);
-    };
     std::vector<std::filesystem::path> files;
     std::vector<std::filesystem::path> folders;
     for (const auto& entry : listing) {
-        const auto place = path() / entry.name;
-        if (entry.kind == FileFacts::Kind::regular && isTemporaryFileName(entry.name)) files.push_back(place);
-        if (isDeadWork(entry, place)) folders.push_back(place);
+        const bool isFile = entry.kind == FileFacts::Kind::regular && isTemporaryFileName(entry.name);
+        const bool isWork = entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix);
+        if (isFile) files.push_back(path() / entry.name);
+        // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
+        if (isWork && isFree(path() / entry.name / lockName)) folders.push_back(path() / entry.name);
     }
     if (files.empty() && folders.empty()) return;
 

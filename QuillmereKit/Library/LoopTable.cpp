@@ -42,18 +42,20 @@ std::vector<const StoredLoop*> LoopTable::inOrder() const {
     return loops;
 }
 
-void LoopTable::fill(std::vector<Item> items) {
-    loops_.reserve(items.size());
-    for (auto& item : items) {
-        const auto key = LoopKey::of(item.artifact.identity);
-        StoredLoop loop(key, std::move(item.artifact), texts_);
-        loop.isInside = item.place.isInside;
-        loop.isPlain = item.place.isPlain;
+bool LoopTable::fill(std::vector<LoopArtifact> artifacts, std::span<const std::optional<Place>> places) {
+    loops_.reserve(artifacts.size());
+    for (std::size_t index = 0; index < artifacts.size(); ++index) {
+        if (!places[index]) continue;
+        const auto key = LoopKey::of(artifacts[index].identity);
+        StoredLoop loop(key, std::move(artifacts[index]), texts_);
+        loop.isInside = places[index]->isInside;
+        loop.isPlain = places[index]->isPlain;
         loops_.insert_or_assign(key, std::move(loop));
     }
     for (auto& [key, loop] : loops_) moods_[*loop.moodID].push_back(&loop);
     for (auto& [moodID, loops] : moods_) std::ranges::sort(loops, byKey);
     isManifestStale_ = !loops_.empty();
+    return loops_.size() == artifacts.size();
 }
 
 void LoopTable::put(Item item) {

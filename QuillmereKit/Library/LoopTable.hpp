@@ -43,9 +43,9 @@ public:
         for (const auto& [key, loop] : loops_) visit(loop);
     }
 
-    /// Fills an empty table; of equal fingerprints the last counts. The items must come from JSON, or be known to
-    /// be encodable.
-    void fill(std::vector<Item> items);
+    /// Fills an empty table with pieces read from JSON, which are known to be encodable; those without a place are left
+    /// out, and of equal fingerprints the last counts. Returns whether all came in.
+    bool fill(std::vector<LoopArtifact> artifacts, std::span<const std::optional<Place>> places);
 
     /// Stores a piece, replacing the one with its fingerprint.
     void put(Item item);
