@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <unordered_map>
+#include <set>
 #include <unordered_set>
 #include <utility>
 
@@ -72,7 +72,7 @@ std::optional<std::filesystem::path> LoopFolder::fileOf(const FileURL& url) {
     return path;
 }
 
-// The name of a file directly in the folder, for the URLs that this library writes itself: one comparison of texts.
+// One comparison of texts, where a path would have to be taken apart.
 std::optional<std::string_view> LoopFolder::plainName(const FileURL& url) const noexcept {
     const std::string_view text = url.text();
     if (!text.starts_with(urlPrefix_)) return std::nullopt;
@@ -103,18 +103,32 @@ std::filesystem::path LoopFolder::fileInside(const StoredLoop& loop) const {
     return standardPath(loop.url.path());
 }
 
-bool LoopFolder::owns(const std::filesystem::path& file) const noexcept {
-    return !isBookkeeping(file) && files_.owns(file);
+// What stands at a standard path inside the folder, if it is the folder's own file. The common case, a file directly in
+// it, is one question: there is no way on which a link could lie.
+std::optional<FileFacts> LoopFolder::factsOfOwn(const std::filesystem::path& file) const noexcept {
+    if (isBookkeeping(file)) return std::nullopt;
+    const auto& folder = path().native();
+    const bool isDirect = file.native().starts_with(folder) && file.native().rfind('/') == folder.size();
+    if (!isDirect) return files_.facts(file);
+    const auto facts = factsOf(file);
+    return facts && facts->kind == FileFacts::Kind::regular ? facts : std::nullopt;
 }
 
+bool LoopFolder::owns(const std::filesystem::path& file) const noexcept { return factsOfOwn(file).has_value(); }
+
 std::uint64_t LoopFolder::sizeOf(const std::filesystem::path& file) const noexcept {
-    if (isBookkeeping(file)) return 0;
-    const auto facts = files_.facts(file);
+    const auto facts = factsOfOwn(file);
     return facts ? facts->size : 0;
 }
 
-void LoopFolder::remove(const std::filesystem::path& file) const {
-    if (!isBookkeeping(file)) files_.remove(file);
+void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
+    std::set<std::filesystem::path> folders;
+    for (const auto& file : files) {
+        ignoringFailure([&] {
+            if (!isBookkeeping(file) && files_.removeUnsynced(file)) folders.insert(file.parent_path());
+        });
+    }
+    for (const auto& folder : folders) ignoringFailure([&] { syncFolder(folder); });
 }
 
 bool LoopFolder::bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const {
@@ -192,8 +206,9 @@ void LoopFolder::load(LoopTable& table) {
         }
         const auto file = fileOf(artifact.url);
         const bool isDropped = !file || presenceOf(*file) == Presence::absent;
-        places.push_back(isDropped ? std::nullopt
-                                   : std::optional(LoopTable::Place{.isInside = files_.names(*file), .isPlain = false}));
+        places.push_back(isDropped
+                             ? std::nullopt
+                             : std::optional(LoopTable::Place{.isInside = files_.names(*file), .isPlain = false}));
     }
 
     // An entry that was dropped, or that the next ordinary save leaves out, would be gone for good.

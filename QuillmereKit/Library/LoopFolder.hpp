@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,6 +37,10 @@ public:
     /// Whether a URL names a regular file that is there, inside the folder or not.
     [[nodiscard]] static bool isRegularFile(const FileURL& url);
 
+    /// The name of a file directly in the folder, where the URL is the one that this library itself would give it;
+    /// nothing for any other URL, wherever it leads. Lives as long as the URL.
+    [[nodiscard]] std::optional<std::string_view> plainName(const FileURL& url) const noexcept;
+
     /// Where a URL leads, as far as the folder is concerned. `isPlain` asks the disk.
     [[nodiscard]] LoopTable::Place placeOf(const FileURL& url) const;
 
@@ -45,14 +50,14 @@ public:
     /// Whether a path lies inside the folder, by text alone.
     [[nodiscard]] bool names(const std::filesystem::path& file) const { return files_.names(file); }
 
-    /// Whether `file` is the folder's own now, and none of the files that the store keeps its books in.
+    /// Whether a standard path names the folder's own file now, and none of those that the store keeps its books in.
     [[nodiscard]] bool owns(const std::filesystem::path& file) const noexcept;
 
     /// The size of a file that the folder owns; 0 for any other.
     [[nodiscard]] std::uint64_t sizeOf(const std::filesystem::path& file) const noexcept;
 
-    /// Deletes `file` if the folder owns it at this moment. Throws `FileError`.
-    void remove(const std::filesystem::path& file) const;
+    /// Deletes each of the files that the folder owns at that moment. What cannot be deleted stays, without a report.
+    void remove(std::span<const std::filesystem::path> files) const;
 
     /// Copies a file durably to `target`, directly in the folder, unless a regular file stands there. Whether one does
     /// now. Throws `FileError`.
@@ -83,7 +88,7 @@ public:
 
 private:
     [[nodiscard]] std::filesystem::path lockFile() const { return path() / lockName; }
-    [[nodiscard]] std::optional<std::string_view> plainName(const FileURL& url) const noexcept;
+    [[nodiscard]] std::optional<FileFacts> factsOfOwn(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] std::vector<LoopArtifact> readManifest();
     void cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const;

@@ -82,7 +82,7 @@ UsedFiles::UsedFiles(const LoopFolder& folder)
 
 void UsedFiles::add(const StoredLoop& loop) {
     if (loop.isPlain) {
-        paths_.insert(folder_.fileInside(loop).native());
+        names_.insert(*folder_.plainName(loop.url));
         return;
     }
     const auto file = LoopFolder::fileOf(loop.url);
@@ -94,6 +94,7 @@ void UsedFiles::add(const StoredLoop& loop) {
 }
 
 bool UsedFiles::contains(const std::filesystem::path& file) const {
+    if (file.parent_path() == folder_.path() && names_.contains(file.filename().native())) return true;
     if (paths_.contains(file.native())) return true;
     return !realFolder_.empty() && paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
 }

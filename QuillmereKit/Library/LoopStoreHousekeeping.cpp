@@ -41,14 +41,9 @@ std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
     }
     if (victims.empty() || !state_->mayChangeFiles()) return 0;
 
-    for (const auto& file : files) {
-        if (used.contains(file)) continue;
-        try {
-            folder.remove(file);
-        } catch (const FileError&) {
-            // The entry goes all the same: what the caller does not want is not offered again.
-        }
-    }
+    // An entry goes even where its file cannot be deleted: what the caller does not want is not offered again.
+    std::erase_if(files, [&](const auto& file) { return used.contains(file); });
+    folder.remove(files);
     state_->table.remove(victims);
     state_->saveIgnoringFailure();
     return static_cast<std::int64_t>(victims.size());

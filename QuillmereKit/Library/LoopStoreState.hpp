@@ -17,7 +17,7 @@
 
 namespace quillmere {
 
-/// The files that some pieces use, whatever their URLs look like.
+/// The files that some pieces use, whatever their URLs look like. Lives no longer than the pieces.
 class UsedFiles {
 public:
     explicit UsedFiles(const LoopFolder& folder);
@@ -29,8 +29,9 @@ public:
 
 private:
     const LoopFolder& folder_;
-    const std::filesystem::path realFolder_;  // the folder without links; empty if it cannot be had
-    std::unordered_set<std::string> paths_;
+    const std::filesystem::path realFolder_;      // the folder without links; empty if it cannot be had
+    std::unordered_set<std::string_view> names_;  // of plain files directly in the folder
+    std::unordered_set<std::string> paths_;       // of all others, as they are spelled and where they really lie
 };
 
 /// The files of one lossless migration.

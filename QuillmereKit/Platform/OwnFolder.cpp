@@ -113,23 +113,32 @@ Descriptor OwnFolder::open(const std::filesystem::path& file) const {
     return systemCalls::openRegularAt(location.folder.number(), location.name.c_str(), file);
 }
 
-bool OwnFolder::remove(const std::filesystem::path& file) const {
+/// Deletes the folder's own file; where it stood, or nothing if nothing was deleted.
+std::optional<OwnFolder::Location> OwnFolder::unlinked(const std::filesystem::path& file) const {
     std::error_code error;
-    const auto location = locate(file, "remove", error);
-    if (!location) return false;
+    auto location = locate(file, "remove", error);
+    if (!location) return std::nullopt;
     struct stat status {};
     error = systemCalls::statusAt(location->folder.number(), location->name.c_str(), status);
-    if (isAbsence(error)) return false;
+    if (isAbsence(error)) return std::nullopt;
     if (error) throw FileError("look at", file, error);
-    if (!S_ISREG(status.st_mode)) return false;
+    if (!S_ISREG(status.st_mode)) return std::nullopt;
 
     if (::unlinkat(location->folder.number(), location->name.c_str(), 0) != 0) {
-        if (errno == ENOENT) return false;
+        if (errno == ENOENT) return std::nullopt;
         throw FileError("remove", file, systemCalls::lastError());
     }
+    return location;
+}
+
+bool OwnFolder::remove(const std::filesystem::path& file) const {
+    const auto location = unlinked(file);
+    if (!location) return false;
     syncAfterTheFact(location->folder, file.parent_path());
     return true;
 }
+
+bool OwnFolder::removeUnsynced(const std::filesystem::path& file) const { return unlinked(file).has_value(); }
 
 void OwnFolder::move(const std::filesystem::path& from, const std::filesystem::path& to) const {
     const auto source = located(from, "move");

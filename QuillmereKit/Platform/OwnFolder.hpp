@@ -42,6 +42,10 @@ public:
     /// if only the sync did, the error's `isInPlace()` is true.
     bool remove(const std::filesystem::path& file) const;
 
+    /// The same without the sync, for many files at once: one `syncFolder` afterwards serves all that stood in a
+    /// folder.
+    bool removeUnsynced(const std::filesystem::path& file) const;
+
     /// Renames the folder's own file `from` to `to`, a free name below the folder in a folder that is there, and syncs
     /// both folders; never over anything that exists. Throws `FileError`, nothing being changed: with
     /// `std::errc::file_exists` if something stands at `to`, with `std::errc::operation_not_permitted` or
@@ -61,6 +65,7 @@ private:
     [[nodiscard]] std::optional<std::filesystem::path> restOf(const std::filesystem::path& file) const;
     [[nodiscard]] std::optional<Location> locate(const std::filesystem::path& file, const char* step,
                                                  std::error_code& error) const;
+    [[nodiscard]] std::optional<Location> unlinked(const std::filesystem::path& file) const;
     [[nodiscard]] Location located(const std::filesystem::path& file, const char* step) const;
 
     std::filesystem::path folder_;

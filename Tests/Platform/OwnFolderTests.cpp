@@ -139,10 +139,18 @@ TEST_F(OwnFolderTests, RemovesItsOwnFiles) {
     EXPECT_FALSE(fileExists(deep));
 }
 
+TEST_F(OwnFolderTests, RemovesItsOwnFilesWithoutASyncToo) {
+    EXPECT_TRUE(own.removeUnsynced(deep));
+
+    EXPECT_FALSE(own.removeUnsynced(deep));
+    EXPECT_FALSE(fileExists(deep));
+}
+
 TEST_F(OwnFolderTests, RemovesNothingThatIsNotItsOwn) {
     for (const auto& stranger : strangers()) {
         SCOPED_TRACE(stranger);
         EXPECT_FALSE(own.remove(stranger));
+        EXPECT_FALSE(own.removeUnsynced(stranger));
     }
     expectNothingIsLost();
 }
