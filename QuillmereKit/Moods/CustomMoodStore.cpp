@@ -51,15 +51,13 @@ std::vector<MoodSpec> decodeFile(std::string_view text) {
 
 }  // namespace
 
-CustomMoodStore::World::World() : now(&std::chrono::system_clock::now), write(&writeDurably) {}
-
 CustomMoodStore& CustomMoodStore::shared() {
     static CustomMoodStore store(sharedFile());
     return store;
 }
 
-CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, World world)
-    : file_(file ? wholePath(*file) : defaultFile()), world_(std::move(world)) {
+CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, std::function<Date()> now)
+    : file_(file ? wholePath(*file) : defaultFile()), now_(std::move(now)) {
     load();
 }
 
@@ -72,7 +70,7 @@ void CustomMoodStore::load() {
         // Nobody could act on it here; the file is kept instead.
     }
     try {
-        moveAside(file_, "unreadable", world_.now());
+        moveAside(file_, "unreadable", now_());
     } catch (const FileError&) {
         isUnreadableInPlace_ = true;
     }
@@ -118,10 +116,10 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
     createFolders(file_.parent_path());
     const std::string text = encodeFile(next);
     if (text.size() > mostBytes) throw FileError("write", file_, make_error_code(std::errc::file_too_large));
-    if (isUnreadableInPlace_ && factsOf(file_)) keepCopyAside(file_, "unreadable", world_.now());
+    if (isUnreadableInPlace_ && factsOf(file_)) keepCopyAside(file_, "unreadable", now_());
     isUnreadableInPlace_ = false;
     try {
-        world_.write(file_, text);
+        writeDurably(file_, text);
     } catch (const FileError& error) {
         if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
         throw;

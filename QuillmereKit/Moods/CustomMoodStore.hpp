@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -22,16 +23,6 @@ namespace quillmere {
 /// Thread-safe: yes; one plain mutex, held for the whole of an update. Blocks on disk: only where a member says so.
 class CustomMoodStore {
 public:
-    /// What the store uses of the world; tests pass others.
-    struct World {
-        std::function<Date()> now;  ///< Dates the name under which an unreadable file is kept.
-        /// Puts a whole file in place; throws as `writeDurably` does, which it is.
-        std::function<void(const std::filesystem::path& file, std::string_view bytes)> write;
-
-        /// The system's clock and the durable write.
-        World();
-    };
-
     /// No mood file may be larger, in bytes: a longer one is not read, nor ever written.
     static constexpr std::size_t mostBytes = std::size_t{16} << 20;
 
@@ -41,7 +32,10 @@ public:
 
     /// Loads the list at `file`, or at "Moods.json" in the application's data folder. Never fails: a missing file is an
     /// empty list, and one that cannot be read is moved aside, never overwritten. Blocks on disk.
-    explicit CustomMoodStore(std::optional<std::filesystem::path> file = std::nullopt, World world = World());
+    ///
+    /// `now` dates the name under which an unreadable file is kept.
+    explicit CustomMoodStore(std::optional<std::filesystem::path> file = std::nullopt,
+                             std::function<Date()> now = &std::chrono::system_clock::now);
 
     /// Where the list is kept; empty, and every update fails, for a user without any home folder.
     [[nodiscard]] const std::filesystem::path& url() const noexcept { return file_; }
@@ -68,7 +62,7 @@ private:
     void update(const std::function<void(std::vector<MoodSpec>&)>& change);
 
     const std::filesystem::path file_;
-    const World world_;
+    const std::function<Date()> now_;
     mutable std::mutex mutex_;
     std::vector<MoodSpec> specs_;       // guarded by mutex_
     bool isUnreadableInPlace_ = false;  // guarded by mutex_; the file must be kept aside before it is replaced

@@ -3,19 +3,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "QuillmereKit/Platform/Errors.hpp"
-#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
+#include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere {
@@ -32,6 +33,8 @@ MoodSpec mood(std::string id, std::string name = "Mood") {
     };
 }
 
+constexpr const char* asideName = "Moods.unreadable-2024-05-01T10-20-30Z.json";
+
 std::vector<std::string> ids(const CustomMoodStore& store) {
     std::vector<std::string> ids;
     for (const auto& spec : store.all()) ids.push_back(spec.id);
@@ -45,14 +48,8 @@ struct CustomMoodStoreTests : testing::Test {
     /// The first of May 2024 at 10:20:30 UTC.
     static Date now() { return Date(std::chrono::seconds(1714558830)); }
 
-    CustomMoodStore open() const {
-        CustomMoodStore::World world;
-        world.now = &now;
-        return CustomMoodStore(file, std::move(world));
-    }
+    CustomMoodStore open() const { return CustomMoodStore(file, &now); }
 };
-
-constexpr const char* asideName = "Moods.unreadable-2024-05-01T10-20-30Z.json";
 
 TEST_F(CustomMoodStoreTests, AMissingFileIsAnEmptyListAndStaysMissing) {
     const CustomMoodStore store(file);
@@ -197,40 +194,97 @@ TEST_F(CustomMoodStoreTests, AFileWhereTheFolderShouldBeFailsTheSaveAndKeepsTheL
 }
 
 TEST_F(CustomMoodStoreTests, AFailedWriteLeavesListAndFileAsTheyWere) {
-    CustomMoodStore{file}.save(mood("my-a"));
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
     const auto before = folder.content("Moods.json");
-    CustomMoodStore::World world;
-    world.write = [](const std::filesystem::path& path, std::string_view) {
-        throw FileError("write", path, make_error_code(std::errc::no_space_on_device));
-    };
-    CustomMoodStore store(file, world);
 
     try {
+        const test::SystemCallFaults faults({.failing = 1, .error = ENOSPC, .call = "write"});
         store.save(mood("my-b"));
         FAIL() << "saved";
     } catch (const FileError& error) {
         EXPECT_EQ(error.code(), std::errc::no_space_on_device);
         EXPECT_EQ(error.path(), file);
+        EXPECT_FALSE(error.isInPlace());
     }
-    EXPECT_THROW(store.remove("my-a"), FileError);
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "fsync"});
+        EXPECT_THROW(store.remove("my-a"), FileError);
+    }
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
     EXPECT_EQ(folder.content("Moods.json"), before);
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, WhereOnlyTheFoldersSyncFailsTheListFollowsTheFileAndTheErrorIsReported) {
-    CustomMoodStore::World world;
-    world.write = [](const std::filesystem::path& path, std::string_view bytes) {
-        writeDurably(path, bytes);
-        throw FileError("sync folder", path, make_error_code(std::errc::io_error)).inPlace();
+    CustomMoodStore store(file);
+    const auto failsAtTheFolder = [](const auto& change) {
+        // The first sync is the file's, the second its folder's.
+        const test::SystemCallFaults faults({.failing = 2, .error = EIO, .call = "fsync"});
+        try {
+            change();
+        } catch (const FileError& error) {
+            return error.isInPlace();
+        }
+        return false;
     };
-    CustomMoodStore store(file, world);
 
-    EXPECT_THROW(store.save(mood("my-a")), FileError);
+    EXPECT_TRUE(failsAtTheFolder([&] { store.save(mood("my-a")); }));
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
     EXPECT_EQ(CustomMoodStore(file).all(), store.all());
-    EXPECT_THROW(store.remove("my-a"), FileError);
+    EXPECT_TRUE(failsAtTheFolder([&] { store.remove("my-a"); }));
     EXPECT_TRUE(store.all().empty());
     EXPECT_TRUE(CustomMoodStore(file).all().empty());
+}
+
+TEST_F(CustomMoodStoreTests, WhicheverSystemCallFailsListAndFileAgreeAndTheErrorIsReported) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        const test::TemporaryFolder place;
+        const auto nested = place.path() / "a" / "Moods.json";
+        CustomMoodStore store(nested);
+        bool isReported = false;
+        std::string struck;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            try {
+                store.save(mood("my-a"));
+            } catch (const FileError& error) {
+                isReported = true;
+                EXPECT_EQ(ids(store).size(), error.isInPlace() ? 1U : 0U);
+            }
+            struck = faults.struck();
+        }
+        EXPECT_EQ(CustomMoodStore(nested).all(), store.all()) << struck;
+        if (struck.empty()) {
+            EXPECT_FALSE(isReported);
+            EXPECT_GT(failing, 8);
+            break;
+        }
+        if (!isReported) {
+            EXPECT_EQ(ids(store).size(), 1U) << struck << " was survived, but the mood is not there";
+        }
+    }
+}
+
+TEST_F(CustomMoodStoreTests, WhicheverSystemCallFailsWhileADamagedFileIsMovedAsideItsContentIsKept) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        const test::TemporaryFolder place;
+        place.putFile("Moods.json", "damaged");
+        std::string struck;
+        std::optional<CustomMoodStore> store;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            store.emplace(place.path() / "Moods.json", &now);
+            struck = faults.struck();
+        }
+        EXPECT_TRUE(store->all().empty());
+        store->save(mood("my-a"));
+        EXPECT_EQ(place.content(asideName), "damaged") << struck;
+        EXPECT_EQ(CustomMoodStore(place.path() / "Moods.json").all(), store->all());
+        if (struck.empty()) break;
+    }
 }
 
 TEST_F(CustomMoodStoreTests, AMoodThatJSONCannotHoldIsRefusedAndNothingChanges) {
@@ -302,9 +356,7 @@ TEST_F(CustomMoodStoreTests, WhateverIsNoMoodFileIsKeptByteForByte) {
         SCOPED_TRACE(text.substr(0, 100));
         const test::TemporaryFolder place;
         place.putFile("Moods.json", text);
-        CustomMoodStore::World world;
-        world.now = &now;
-        const CustomMoodStore store(place.path() / "Moods.json", world);
+        const CustomMoodStore store(place.path() / "Moods.json", &now);
 
         EXPECT_TRUE(store.all().empty());
         EXPECT_EQ(place.names(), std::vector<std::string>{asideName});
@@ -368,26 +420,21 @@ TEST_F(CustomMoodStoreTests, ADamagedFileThatCannotBeKeptIsNeverOverwritten) {
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
 }
 
-TEST_F(CustomMoodStoreTests, AnUnreadableFileLeftInPlaceIsCopiedAsideBeforeItIsReplaced) {
-    // The names for moving it away are all taken when the store opens, and free again when it saves.
+TEST_F(CustomMoodStoreTests, AnUnreadableFileLeftInPlaceIsCopiedAsideOnceBeforeItIsReplaced) {
     folder.putFile("Moods.json", "damaged");
-    for (int number = 1; number <= 1000; ++number) {
-        const std::string suffix = number == 1 ? "" : "-" + std::to_string(number);
-        folder.putFile("Moods.unreadable-2024-05-01T10-20-30Z" + suffix + ".json", "taken");
+    std::optional<CustomMoodStore> store;
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "renameat2"});
+        store.emplace(file, &now);
     }
-    auto store = open();
-    EXPECT_EQ(folder.content("Moods.json"), "damaged");
-    for (int number = 2; number <= 1000; ++number) {
-        std::filesystem::remove(folder.path() /
-                                ("Moods.unreadable-2024-05-01T10-20-30Z-" + std::to_string(number) + ".json"));
-    }
+    ASSERT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    ASSERT_EQ(folder.content("Moods.json"), "damaged");
 
-    store.save(mood("my-a"));
-
-    EXPECT_EQ(folder.content("Moods.unreadable-2024-05-01T10-20-30Z-2.json"), "damaged");
-    EXPECT_EQ(open().all(), std::vector{mood("my-a")});
-    store.save(mood("my-b"));
-    EXPECT_EQ(folder.names().size(), 3U) << "kept more than once";
+    store->save(mood("my-a"));
+    EXPECT_EQ(folder.content(asideName), "damaged");
+    EXPECT_EQ(CustomMoodStore(file).all(), std::vector{mood("my-a")});
+    store->save(mood("my-b"));
+    EXPECT_EQ(folder.names(), (std::vector<std::string>{"Moods.json", asideName}));
 }
 
 TEST_F(CustomMoodStoreTests, TheDefaultPlaceIsMoodsInTheApplicationsData) {
@@ -437,24 +484,6 @@ TEST_F(CustomMoodStoreTests, ChangesFromManyThreadsAreAllKept) {
     EXPECT_EQ(std::set<std::string>(found.begin(), found.end()), expected);
     EXPECT_EQ(found.size(), expected.size());
     EXPECT_EQ(CustomMoodStore(file).all(), store.all());
-}
-
-TEST_F(CustomMoodStoreTests, AReaderNeverSeesWhatIsNotYetOnDisk) {
-    // Reading waits for the update in progress; what it then returns is what the file holds.
-    CustomMoodStore::World world;
-    std::vector<std::string> seen;
-    CustomMoodStore* opened = nullptr;
-    std::thread reader;
-    world.write = [&](const std::filesystem::path& path, std::string_view bytes) {
-        reader = std::thread([&] { seen = ids(*opened); });
-        writeDurably(path, bytes);
-    };
-    CustomMoodStore store(file, world);
-    opened = &store;
-    store.save(mood("my-a"));
-    reader.join();
-
-    EXPECT_EQ(seen, std::vector<std::string>{"my-a"});
 }
 
 }  // namespace
