@@ -22,12 +22,17 @@ public:
     struct Running {
         friend bool operator==(const Running&, const Running&) = default;
     };
+    /// The cases, in order.
     using Value = std::variant<Waiting, Loading, Running>;
 
+    /// It rests.
     GenerationActivity(Waiting value) : value_(value) {}  // NOLINT: converts on purpose
+    /// It loads model files.
     GenerationActivity(Loading value) : value_(value) {}  // NOLINT
+    /// It computes.
     GenerationActivity(Running value) : value_(value) {}  // NOLINT
 
+    /// Whether it rests.
     [[nodiscard]] bool isWaiting() const noexcept { return std::holds_alternative<Waiting>(value_); }
 
     /// One line for the user interface.

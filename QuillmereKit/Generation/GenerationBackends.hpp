@@ -20,6 +20,7 @@ namespace quillmere {
 /// while it renders lives until that render ends.
 class GenerationBackends : public GenerationService {
 public:
+    /// A service for each engine that has one.
     using Services = std::map<GenerationEngine, std::shared_ptr<GenerationService>>;
 
     /// Why no renderer could be asked; `what()` is the user's text.
@@ -27,16 +28,18 @@ public:
     public:
         /// No engine has this identity-model string.
         struct UnsupportedIdentity {
-            std::string model;
+            std::string model;  ///< The identity-model string.
             friend bool operator==(const UnsupportedIdentity&, const UnsupportedIdentity&) = default;
         };
         /// The engine has no service.
         struct Unavailable {
-            GenerationEngine engine;
+            GenerationEngine engine;  ///< The engine.
             friend bool operator==(const Unavailable&, const Unavailable&) = default;
         };
+        /// The cases, in order.
         using Value = std::variant<UnsupportedIdentity, Unavailable>;
 
+        /// A failure of one of the cases.
         explicit Failure(Value value);
 
         /// The case with its payload.

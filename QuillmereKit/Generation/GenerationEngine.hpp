@@ -16,12 +16,12 @@ enum class GenerationEngine { mlx, stableAudioCoreML };
 
 /// One row of the engines' table.
 struct GenerationEngineRow {
-    GenerationEngine value;
-    std::string_view raw;
-    std::string_view shortLabel;
-    std::string_view detail;
-    std::string_view unavailableReason;
-    std::string_view identityModelSuffix;
+    GenerationEngine value;                ///< The case.
+    std::string_view raw;                  ///< Its raw value.
+    std::string_view shortLabel;           ///< The name shown to the user.
+    std::string_view detail;               ///< One line that explains it.
+    std::string_view unavailableReason;    ///< What the user is told without it.
+    std::string_view identityModelSuffix;  ///< How its identity-model strings end.
 };
 template <>
 inline constexpr auto enumTable<GenerationEngine> = EnumTable<GenerationEngineRow, 2>{{{

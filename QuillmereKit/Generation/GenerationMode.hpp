@@ -14,9 +14,9 @@ enum class GenerationMode { background, manual, scheduled };
 
 /// A row of the table of modes.
 struct GenerationModeRow {
-    GenerationMode value;
-    std::string_view raw;
-    std::string_view label;
+    GenerationMode value;    ///< The case.
+    std::string_view raw;    ///< Its raw value.
+    std::string_view label;  ///< The name shown to the user.
 };
 template <>
 inline constexpr auto enumTable<GenerationMode> = EnumTable<GenerationModeRow, 3>{{{

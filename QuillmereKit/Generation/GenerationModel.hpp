@@ -14,13 +14,13 @@ enum class GenerationModel { medium, smallMusic };
 
 /// One row of the models' table.
 struct GenerationModelRow {
-    GenerationModel value;
-    std::string_view raw;
-    std::string_view label;
-    std::string_view engineName;
-    std::string_view detail;
-    std::string_view dit;
-    std::string_view identityModel;
+    GenerationModel value;           ///< The case.
+    std::string_view raw;            ///< Its raw value.
+    std::string_view label;          ///< The name shown to the user.
+    std::string_view engineName;     ///< The name in the engine settings.
+    std::string_view detail;         ///< One line that explains it.
+    std::string_view dit;            ///< The name of the weights.
+    std::string_view identityModel;  ///< Its standard identity-model string.
 };
 template <>
 inline constexpr auto enumTable<GenerationModel> = EnumTable<GenerationModelRow, 2>{{{

@@ -22,13 +22,13 @@ enum class ProcessQualityOfService { background = 9, standard = -1, userInitiate
 
 /// A row of the table of paces.
 struct GenerationPaceRow {
-    GenerationPace value;
-    std::string_view raw;
-    std::string_view label;
-    std::string_view detail;
-    ProcessQualityOfService quality;
-    double interval;
-    double dutyCycle;
+    GenerationPace value;             ///< The case.
+    std::string_view raw;             ///< Its raw value.
+    std::string_view label;           ///< The name shown to the user.
+    std::string_view detail;          ///< One line that explains it.
+    ProcessQualityOfService quality;  ///< The rank of the process.
+    double interval;                  ///< Break between two tracks, in seconds.
+    double dutyCycle;                 ///< Share of wall time for rendering.
 };
 template <>
 inline constexpr auto enumTable<GenerationPace> = EnumTable<GenerationPaceRow, 3>{{{

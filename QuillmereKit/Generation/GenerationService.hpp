@@ -23,8 +23,11 @@ namespace quillmere {
 /// `engineBuild` while a render runs.
 class GenerationService {
 public:
+    /// Hears of audio written so far, and its length in seconds.
     using PartialHandler = std::function<void(const FileURL& url, double seconds)>;
+    /// Hears of audio written so far.
     using AudioHandler = std::function<void(const GenerationAudio& audio)>;
+    /// Hears of each new stage.
     using StageHandler = std::function<void(const GenerationStage& stage)>;
 
     virtual ~GenerationService() = default;

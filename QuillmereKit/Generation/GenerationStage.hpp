@@ -17,25 +17,33 @@ class GenerationStage {
 public:
     /// Diffusion step `step` of `total`, without block detail.
     struct Sampling {
-        std::int64_t step = 0, total = 0;
+        std::int64_t step = 0;   ///< The present step, from 1.
+        std::int64_t total = 0;  ///< Of how many.
         friend bool operator==(const Sampling&, const Sampling&) = default;
     };
     /// Encoding block `block` of `total`.
     struct EncodingBlock {
-        std::int64_t block = 0, total = 0;
-        GenerationActivity activity;
+        std::int64_t block = 0;       ///< The present block, from 1.
+        std::int64_t total = 0;       ///< Of how many.
+        GenerationActivity activity;  ///< What the renderer is doing.
         friend bool operator==(const EncodingBlock&, const EncodingBlock&) = default;
     };
     /// Diffusion step `step` of `total` within block `block` of `blocks`.
     struct SamplingBlock {
-        std::int64_t step = 0, total = 0, block = 0, blocks = 0;
-        GenerationActivity activity;
+        std::int64_t step = 0;        ///< The present step, from 1.
+        std::int64_t total = 0;       ///< Of how many.
+        std::int64_t block = 0;       ///< The present block, from 1.
+        std::int64_t blocks = 0;      ///< Of how many.
+        GenerationActivity activity;  ///< What the renderer is doing.
         friend bool operator==(const SamplingBlock&, const SamplingBlock&) = default;
     };
     /// Decoding window `window` of `windows` within block `block` of `blocks`.
     struct DecodingBlock {
-        std::int64_t window = 0, windows = 0, block = 0, blocks = 0;
-        GenerationActivity activity;
+        std::int64_t window = 0;      ///< The present window, from 1.
+        std::int64_t windows = 0;     ///< Of how many.
+        std::int64_t block = 0;       ///< The present block, from 1.
+        std::int64_t blocks = 0;      ///< Of how many.
+        GenerationActivity activity;  ///< What the renderer is doing.
         friend bool operator==(const DecodingBlock&, const DecodingBlock&) = default;
     };
     /// The model is being set up.
@@ -54,9 +62,11 @@ public:
     struct Processing {
         friend bool operator==(const Processing&, const Processing&) = default;
     };
+    /// The cases, in order.
     using Value =
         std::variant<Sampling, EncodingBlock, SamplingBlock, DecodingBlock, Preparing, Encoding, Decoding, Processing>;
 
+    /// The stage of one of the cases.
     template <class Case>
     requires std::is_constructible_v<Value, Case> GenerationStage(Case value)
         : value_(std::move(value)) {}  // NOLINT: converts on purpose

@@ -40,12 +40,12 @@ public:
 
     /// A piece that ships with the application: one element of the resource "seeds.json".
     struct BundledSeed {
-        std::string file;  ///< Name of the audio resource, without its extension "m4a".
-        LoopIdentity identity;
-        double seconds = 0;
-        std::optional<double> seamDB;
-        std::optional<LoopQuality> quality;
-        std::optional<double> leadIn;
+        std::string file;                                  ///< Name of the audio resource, without its extension "m4a".
+        LoopIdentity identity;                             ///< What the piece was generated from.
+        double seconds = 0;                                ///< Length of the audio.
+        std::optional<double> seamDB;                      ///< As in `LoopArtifact`.
+        std::optional<LoopQuality> quality;                ///< As in `LoopArtifact`.
+        std::optional<double> leadIn;                      ///< As in `LoopArtifact`.
         std::optional<std::vector<std::string>> replaces;  ///< Fingerprints of pieces that this one takes the place of.
 
         friend bool operator==(const BundledSeed&, const BundledSeed&) = default;
@@ -74,8 +74,11 @@ public:
 
     /// The stored piece with this identity's fingerprint.
     [[nodiscard]] std::optional<LoopArtifact> artifact(const LoopIdentity& identity) const;
+    /// Whether a piece with this identity's fingerprint is stored.
     [[nodiscard]] bool contains(const LoopIdentity& identity) const;
+    /// How many pieces are stored.
     [[nodiscard]] std::size_t count() const;
+    /// How many pieces of exactly this mood are stored.
     [[nodiscard]] std::size_t count(std::string_view moodID) const;
 
     /// Stores a piece, replacing the one with its fingerprint, and saves the manifest with all pieces whose files lie

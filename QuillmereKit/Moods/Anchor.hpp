@@ -13,9 +13,9 @@ enum class Anchor { calm, energetic };
 
 /// One row of the anchors' table.
 struct AnchorRow {
-    Anchor value;
-    std::string_view raw;
-    std::string_view label;
+    Anchor value;            ///< The case.
+    std::string_view raw;    ///< Its raw value.
+    std::string_view label;  ///< The name shown to the user.
 };
 template <>
 inline constexpr auto enumTable<Anchor> = EnumTable<AnchorRow, 2>{{{

@@ -15,9 +15,9 @@ struct AudioUse {
     /// What the guide stands for.
     enum class Kind { song, recording };
 
-    SoundGuide guide;
+    SoundGuide guide;         ///< The guide used.
     std::int64_t offset = 0;  ///< Start within the guide, in latent frames of 4,096 samples.
-    Kind kind = Kind::song;
+    Kind kind = Kind::song;   ///< As what it was used.
 
     /// Lower-case hexadecimal SHA-256 of the JSON form with sorted keys; "invalid-audio-input" if it cannot be encoded.
     [[nodiscard]] std::string fingerprint() const;
@@ -27,8 +27,8 @@ struct AudioUse {
 
 /// One row of the kinds' table.
 struct AudioUseKindRow {
-    AudioUse::Kind value;
-    std::string_view raw;
+    AudioUse::Kind value;  ///< The case.
+    std::string_view raw;  ///< Its raw value.
 };
 template <>
 inline constexpr auto enumTable<AudioUse::Kind> = EnumTable<AudioUseKindRow, 2>{{{

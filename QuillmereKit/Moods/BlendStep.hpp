@@ -47,6 +47,7 @@ public:
         return step;
     }
 
+    /// The position: 0 is the calm end, 4 the energetic end.
     [[nodiscard]] constexpr std::int64_t index() const noexcept { return index_; }
 
     /// The position of the nearest stop of the coarse control: 0.0, 0.5 or 1.0.

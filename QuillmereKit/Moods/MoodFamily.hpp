@@ -13,9 +13,9 @@ enum class MoodFamily { mine, focus, ambient, low };
 
 /// One row of the families' table.
 struct MoodFamilyRow {
-    MoodFamily value;
-    std::string_view raw;
-    std::string_view title;
+    MoodFamily value;        ///< The case.
+    std::string_view raw;    ///< Its raw value.
+    std::string_view title;  ///< The heading shown to the user.
 };
 template <>
 inline constexpr auto enumTable<MoodFamily> = EnumTable<MoodFamilyRow, 4>{{{

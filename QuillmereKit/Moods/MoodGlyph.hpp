@@ -13,8 +13,8 @@ enum class MoodGlyph { wave, descend, bolt, pulse, arc, grain, ring, step };
 
 /// One row of the glyphs' table.
 struct MoodGlyphRow {
-    MoodGlyph value;
-    std::string_view raw;
+    MoodGlyph value;       ///< The case.
+    std::string_view raw;  ///< Its raw value.
 };
 template <>
 inline constexpr auto enumTable<MoodGlyph> = EnumTable<MoodGlyphRow, 8>{{{

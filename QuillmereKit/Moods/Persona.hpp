@@ -42,13 +42,16 @@ public:
     /// The resource is not as it must be, although it can be read.
     class CatalogError : public Error {
     public:
+        /// What is wrong with the resource.
         enum class Reason {
             missing,  ///< The bundle has no such resource.
             empty,    ///< The file holds no persona.
         };
 
+        /// The error with its sentence.
         explicit CatalogError(Reason reason);
 
+        /// What is wrong.
         [[nodiscard]] Reason reason() const noexcept { return reason_; }
 
     private:

@@ -13,8 +13,8 @@ class JSONWriter;
 
 /// One tag of a prompt. A plain value.
 struct PromptTag {
-    TagCategory category = TagCategory::genre;
-    std::string value;  ///< The tag's text, used verbatim in the prompt.
+    TagCategory category = TagCategory::genre;  ///< Which kind of tag.
+    std::string value;                          ///< The tag's text, used verbatim in the prompt.
 
     friend bool operator==(const PromptTag&, const PromptTag&) = default;
 };

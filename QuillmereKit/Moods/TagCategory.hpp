@@ -13,9 +13,9 @@ enum class TagCategory { genre, moods, instruments, tempo, texture, nature };
 
 /// One row of the categories' table.
 struct TagCategoryRow {
-    TagCategory value;
-    std::string_view raw;
-    std::string_view title;
+    TagCategory value;       ///< The case.
+    std::string_view raw;    ///< Its raw value.
+    std::string_view title;  ///< The heading shown to the user.
 };
 template <>
 inline constexpr auto enumTable<TagCategory> = EnumTable<TagCategoryRow, 6>{{{

@@ -25,8 +25,8 @@ struct TagVocabulary {
 
     /// The suggestions of one category.
     struct Section {
-        TagCategory category = TagCategory::genre;
-        std::vector<Entry> tags;  ///< In the file's order.
+        TagCategory category = TagCategory::genre;  ///< Of all tags in the section.
+        std::vector<Entry> tags;                    ///< In the file's order.
 
         friend bool operator==(const Section&, const Section&) = default;
     };

@@ -18,8 +18,8 @@ class Calendar {
 public:
     /// Hour and minute of the day, as a clock on the wall shows them.
     struct TimeOfDay {
-        int hour = 0;
-        int minute = 0;
+        int hour = 0;    ///< 0...23.
+        int minute = 0;  ///< 0...59.
     };
 
     /// The calendar of a zone by its IANA name, such as "Europe/Berlin"; nothing if the system does not know it.
@@ -28,6 +28,7 @@ public:
     /// The user's zone: what `TZ` names if it names one, else the system's, else UTC.
     [[nodiscard]] static Calendar current();
 
+    /// What a clock in the zone shows at `date`.
     [[nodiscard]] TimeOfDay timeOfDay(Date date) const;
 
     /// The next moment strictly after `date` at which the clock shows `hour`:`minute`:00. A time that the

@@ -17,6 +17,7 @@ public:
 
     /// The number for system calls; -1 if nothing is open.
     [[nodiscard]] int number() const noexcept { return number_; }
+    /// Whether a descriptor is held.
     [[nodiscard]] bool isOpen() const noexcept { return number_ >= 0; }
 
     /// Gives the descriptor away without closing it.

@@ -21,13 +21,17 @@ namespace quillmere {
 /// Cases are numbered from 0 in row order; a static_assert on `isInCaseOrder()` holds that.
 template <class Row, std::size_t Count>
 struct EnumTable {
+    /// The enumeration.
     using Case = decltype(Row::value);
 
+    /// The rows, in case order.
     std::array<Row, Count> rows;
 
+    /// The row of a case.
     [[nodiscard]] constexpr const Row& operator[](Case value) const noexcept {
         return rows[static_cast<std::size_t>(value)];
     }
+    /// Whether each row stands at its case's place.
     [[nodiscard]] constexpr bool isInCaseOrder() const noexcept {
         for (std::size_t i = 0; i < Count; ++i) {
             if (static_cast<std::size_t>(rows[i].value) != i) return false;

@@ -37,13 +37,17 @@ public:
     /// `step` is what was tried, as a verb: "open", "write", "fsync", "rename", "sync folder", ...
     FileError(std::string step, std::filesystem::path path, std::error_code code);
 
+    /// What was tried.
     [[nodiscard]] const std::string& step() const noexcept { return step_; }
+    /// The file.
     [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+    /// The cause.
     [[nodiscard]] const std::error_code& code() const noexcept { return code_; }
 
     /// True when a durable write failed only in its last step, the folder's sync: the file already
     /// holds the new content, but may lose it in a power cut. Memory must follow the file.
     [[nodiscard]] bool isInPlace() const noexcept { return isInPlace_; }
+    /// A copy whose `isInPlace()` is true.
     [[nodiscard]] FileError inPlace() const {
         FileError copy = *this;
         copy.isInPlace_ = true;
@@ -69,11 +73,14 @@ public:
     /// `path` names the place, such as "recipes[3].identity.seed"; empty for the whole text.
     explicit JSONError(std::string reason, std::string path = {});
 
+    /// What is wrong, without the place.
     [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
+    /// The place of the value, from the outermost level seen so far.
     [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
     /// The same error, seen from one level further out.
     [[nodiscard]] JSONError inMember(std::string_view key) const;
+    /// The same for an element of an array.
     [[nodiscard]] JSONError inElement(std::size_t index) const;
 
 private:

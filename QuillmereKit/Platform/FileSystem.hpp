@@ -17,12 +17,13 @@ namespace quillmere {
 
 /// What stands at a path, links not followed.
 struct FileFacts {
+    /// What stands there.
     enum class Kind { regular, folder, link, other };
-    Kind kind = Kind::other;
-    std::uint64_t size = 0;  ///< Bytes; of a regular file.
-    Date modified;
-    std::uint64_t device = 0;
-    std::uint64_t inode = 0;
+    Kind kind = Kind::other;   ///< What it is.
+    std::uint64_t size = 0;    ///< Bytes; of a regular file.
+    Date modified;             ///< When its content last changed.
+    std::uint64_t device = 0;  ///< The file system it is on.
+    std::uint64_t inode = 0;   ///< Its number there; with `device`, the file's identity.
 };
 
 /// Whether a path whose last component is a symbolic link names what the link points to. Links above the last
@@ -34,8 +35,8 @@ enum class FinalLink {
 
 /// One entry of a folder.
 struct FolderEntry {
-    std::string name;
-    FileFacts::Kind kind = FileFacts::Kind::other;
+    std::string name;                               ///< Its name in the folder.
+    FileFacts::Kind kind = FileFacts::Kind::other;  ///< What it is.
 };
 
 // All functions are thread-safe, block on disk, retry interrupted calls and throw `FileError` with the

@@ -12,8 +12,10 @@ namespace quillmere {
 /// A folder that this process wants to change is held by another one.
 class LibraryInUse : public Error {
 public:
+    /// The folder and who holds it, as far as known.
     LibraryInUse(std::filesystem::path folder, std::string holder);
 
+    /// The folder.
     [[nodiscard]] const std::filesystem::path& folder() const noexcept { return folder_; }
     /// Who holds it, as far as known: program and process id ("quillmere, process 4711").
     [[nodiscard]] const std::string& holder() const noexcept { return holder_; }

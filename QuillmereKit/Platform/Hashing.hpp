@@ -12,6 +12,7 @@ namespace quillmere {
 ///     return Hasher{}.add(tag.category).add(tag.value).value();
 class Hasher {
 public:
+    /// One value, through `std::hash`.
     template <class T>
     constexpr Hasher& add(const T& value) {
         return mix(std::hash<T>{}(value));
@@ -22,12 +23,14 @@ public:
         mix(value.has_value() ? 1 : 0);
         return value ? add(*value) : *this;
     }
+    /// The values and how many they are.
     template <class T>
     constexpr Hasher& add(const std::vector<T>& values) {
         mix(values.size());
         for (const auto& value : values) add(value);
         return *this;
     }
+    /// The hash of everything added.
     [[nodiscard]] constexpr std::size_t value() const noexcept { return state_; }
 
 private:

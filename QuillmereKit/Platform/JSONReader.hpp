@@ -40,13 +40,20 @@ std::string decode<std::string>(const JSONValue& value);
 /// its range will do. Of a key given twice the first counts. Not bound to a thread.
 class JSONValue {
 public:
+    /// Whether the value is null.
     [[nodiscard]] bool isNull() const noexcept;
+    /// Whether the value is an object.
     [[nodiscard]] bool isObject() const noexcept;
+    /// Whether the value is an array.
     [[nodiscard]] bool isArray() const noexcept;
+    /// Whether the value is a text.
     [[nodiscard]] bool isString() const noexcept;
 
+    /// The truth value.
     [[nodiscard]] bool boolean() const;
+    /// The number, which must be whole and within 64 bits.
     [[nodiscard]] std::int64_t integer() const;
+    /// The number, rounded to the nearest double.
     [[nodiscard]] double number() const;
     /// The text, valid UTF-8, may hold U+0000; lives as long as the document.
     [[nodiscard]] std::string_view string() const;
@@ -112,6 +119,7 @@ public:
     JSONDocument& operator=(JSONDocument&&) noexcept;
     ~JSONDocument();
 
+    /// The whole text's value.
     [[nodiscard]] JSONValue root() const noexcept;
 
 private:

@@ -34,17 +34,23 @@ inline constexpr std::string_view omitLegacyMusicFields = "Quillmere.omitLegacyM
 /// `EncodingError` leaves the writer as it was before.
 class JSONWriter {
 public:
+    /// How keys are ordered and lines broken.
     enum class Form {
         compact,  ///< No blanks, keys in the order they are written.
         sorted,   ///< No blanks, keys in byte order at every level.
         pretty,   ///< Keys in byte order, a line for each member and element, two blanks a level, `"key" : value`.
     };
 
+    /// An empty writer; `userInfo` travels with it to the types that look for settings.
     explicit JSONWriter(Form form, JSONUserInfo userInfo = {});
 
+    /// Begins an object as the next value.
     void beginObject();
+    /// Ends the innermost object.
     void endObject();
+    /// Begins an array as the next value.
     void beginArray();
+    /// Ends the innermost array.
     void endArray();
 
     /// The key of the next value of the object. Throws `EncodingError` if it is not UTF-8.
@@ -52,10 +58,13 @@ public:
 
     /// Throws `EncodingError` if `text` is not UTF-8.
     void string(std::string_view text);
+    /// A whole number.
     void integer(std::int64_t value);
+    /// A whole number that is not negative.
     void unsignedInteger(std::uint64_t value);
     /// Throws `EncodingError` if `value` is not finite.
     void number(double value);
+    /// A truth value.
     void boolean(bool value);
 
     /// A value that is already JSON in this writer's form, at the writer's present level.

@@ -22,6 +22,7 @@ public:
     /// A relative `folder` is taken from the current one, now.
     explicit OwnFolder(std::filesystem::path folder);
 
+    /// The folder's standard path.
     [[nodiscard]] const std::filesystem::path& path() const noexcept { return folder_; }
 
     /// Whether `file`'s standard path lies below the folder's, by text alone. Does not touch the disk.

@@ -9,6 +9,7 @@ namespace quillmere {
 /// A folder of files that ship with a program or with this library. A value; thread-safe; touches the disk on look-up.
 class ResourceBundle {
 public:
+    /// The bundle of the files in `folder`, which need not be there.
     explicit ResourceBundle(std::filesystem::path folder);
 
     /// The application's own resources: the folder that `QUILLMERE_RESOURCES` names, else `../share/quillmere` beside
@@ -26,6 +27,7 @@ public:
     [[nodiscard]] std::optional<std::filesystem::path> resource(std::string_view name, std::string_view extension,
                                                                 std::string_view subfolder = {}) const;
 
+    /// The bundle's folder.
     [[nodiscard]] const std::filesystem::path& folder() const noexcept { return folder_; }
 
 private:

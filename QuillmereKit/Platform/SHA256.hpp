@@ -13,6 +13,7 @@ namespace quillmere {
 /// An incremental SHA-256 digest (FIPS 180-4). Not thread-safe; each computation owns one.
 class SHA256 {
 public:
+    /// The 32 bytes of a digest.
     using Digest = std::array<std::uint8_t, 32>;
 
     SHA256();
@@ -20,7 +21,9 @@ public:
     SHA256& operator=(SHA256&&) noexcept;
     ~SHA256();
 
+    /// Adds bytes to what is digested.
     void update(std::span<const std::byte> bytes);
+    /// Adds the bytes of a text.
     void update(std::string_view text);
 
     /// The digest of all bytes so far; the state then starts afresh.

@@ -13,7 +13,7 @@ namespace quillmere {
 
 /// A universally unique identifier (RFC 9562). A plain value; the default is all zeros.
 struct UUID {
-    std::array<std::uint8_t, 16> bytes{};
+    std::array<std::uint8_t, 16> bytes{};  ///< The bits, most significant first.
 
     /// A fresh random identifier, version 4. Thread-safe.
     [[nodiscard]] static UUID random();

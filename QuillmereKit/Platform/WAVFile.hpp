@@ -14,11 +14,12 @@ namespace quillmere {
 
 /// How the samples of an audio file are stored.
 struct AudioFormat {
+    /// The coding of the samples.
     enum class Codec { linearPCM, floatPCM, alac, other };
-    Codec codec = Codec::other;
-    int bitsPerChannel = 0;
-    double sampleRate = 0;  ///< Frames per second.
-    int channels = 0;
+    Codec codec = Codec::other;  ///< The coding.
+    int bitsPerChannel = 0;      ///< Of a stored sample.
+    double sampleRate = 0;       ///< Frames per second.
+    int channels = 0;            ///< Interleaved.
     friend bool operator==(const AudioFormat&, const AudioFormat&) = default;
 };
 
@@ -38,6 +39,7 @@ public:
     WAVFile& operator=(WAVFile&&) noexcept;
     ~WAVFile();
 
+    /// How the samples are stored.
     [[nodiscard]] const AudioFormat& format() const noexcept;
 
     /// The number of whole frames that the header promises and the file holds; at least 1.

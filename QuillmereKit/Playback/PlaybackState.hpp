@@ -26,10 +26,14 @@ public:
             friend bool operator==(const Fatal&, const Fatal&) = default;
         };
 
+        /// A failure that the user may try to overcome.
         Failure(Recoverable value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
-        Failure(Fatal value) : value_(std::move(value)) {}        // NOLINT: converts on purpose
+        /// A failure that ends it.
+        Failure(Fatal value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
 
+        /// Whether playing may be tried again.
         [[nodiscard]] bool isRecoverable() const noexcept { return std::holds_alternative<Recoverable>(value_); }
+        /// The text for the user.
         [[nodiscard]] const std::string& message() const noexcept;
         friend bool operator==(const Failure&, const Failure&) = default;
 
@@ -70,12 +74,15 @@ public:
     /// The cases, in order.
     using Value = std::variant<DownloadingModel, Error, Cold, WarmingUp, Ready, Playing, Paused>;
 
+    /// The state of one of the cases.
     PlaybackState(Value value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
 
+    /// The case with its payload.
     [[nodiscard]] const Value& value() const noexcept { return value_; }
 
     /// The icon in the menu bar.
     [[nodiscard]] MenuBarIcon icon() const noexcept;
+    /// Whether music is playing.
     [[nodiscard]] bool isPlaying() const noexcept { return std::holds_alternative<Playing>(value_); }
     /// Whether the play control is enabled.
     [[nodiscard]] bool canToggle() const noexcept;

@@ -32,7 +32,9 @@ public:
     /// The generator that shuffles.
     [[nodiscard]] const SeededGenerator& rng() const noexcept { return rng_; }
 
+    /// Whether there is no piece.
     [[nodiscard]] bool isEmpty() const noexcept { return segments_.empty(); }
+    /// How many pieces there are.
     [[nodiscard]] std::size_t count() const noexcept { return segments_.size(); }
 
     /// The length of all pieces together, in seconds.

@@ -36,10 +36,13 @@ public:
         struct RefusedLastMood {
             friend bool operator==(const RefusedLastMood&, const RefusedLastMood&) = default;
         };
+        /// The cases, in order.
         using Value = std::variant<Added, Removed, RefusedLastMood>;
 
+        /// The result of one of the cases.
         ToggleResult(Value value) : value_(std::move(value)) {}  // NOLINT: converts on purpose
 
+        /// The case with its payload.
         [[nodiscard]] const Value& value() const noexcept { return value_; }
         friend bool operator==(const ToggleResult&, const ToggleResult&) = default;
 
@@ -57,7 +60,9 @@ public:
     /// The mood on air now; normally one of `moodIDs`.
     [[nodiscard]] const std::string& onAir() const noexcept { return onAir_; }
 
+    /// How many moods there are, duplicates counted.
     [[nodiscard]] std::size_t count() const noexcept { return moodIDs_.size(); }
+    /// Whether a mood is in the list.
     [[nodiscard]] bool contains(std::string_view moodID) const noexcept;
 
     /// Removes the mood where it is in the radio (the next one, or the new last one, goes on air in its stead), else

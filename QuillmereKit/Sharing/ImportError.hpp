@@ -64,8 +64,10 @@ public:
         std::variant<UnsupportedSchema, FingerprintMismatch, UnknownMood, UnsupportedRecipe, UnavailableModel,
                      InvalidMood, EngineBuildMismatch, MissingEngineBuild, InvalidInputs, RequiresAudioExport>;
 
+    /// The error of one of the cases.
     explicit ImportError(Value value);
 
+    /// The case with its payload.
     [[nodiscard]] const Value& value() const noexcept { return value_; }
 
     /// The case's name: "fingerprintMismatch".

@@ -20,6 +20,7 @@ inline constexpr std::size_t recipeFileLimit = std::size_t{16} * 1024 * 1024;
 
 /// One piece as a small file from which another installation regenerates it. A plain value.
 struct LoopRecipe {
+    /// Why a recipe was refused.
     using ImportError = quillmere::ImportError;
 
     static constexpr std::string_view currentSchema = "quillmere.recipe/2";  ///< Of every recipe written.

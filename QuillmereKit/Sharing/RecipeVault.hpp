@@ -45,7 +45,9 @@ public:
 
     /// The recipes, oldest first.
     [[nodiscard]] std::vector<LoopRecipe> saved() const;
+    /// How many recipes are held.
     [[nodiscard]] std::size_t count() const;
+    /// Whether a recipe with this fingerprint is held.
     [[nodiscard]] bool contains(std::string_view fingerprint) const;
 
     /// Appends a recipe, unless one with its fingerprint is held. Returns whether it was new.
