@@ -1,0 +1,66 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "Renderers/Tonebed/Block.hpp"
+#include "Renderers/Tonebed/Score.hpp"
+
+namespace quillmere::tonebed {
+
+/// One struck or plucked note: a few partials, each a decaying sine of its own.
+///
+/// A partial is a complex number that turns by a fixed angle and shrinks by a fixed factor each frame; eight frames
+/// are turned at once. As with every voice, all is a function of the note's age.
+class ModalVoice {
+public:
+    /// One partial of an instrument.
+    struct Partial {
+        double ratio = 1;      ///< Frequency in multiples of the fundamental.
+        double amplitude = 1;
+        double seconds = 2;    ///< Time in which it fades by 60 dB.
+        double detune = 0;     ///< Hertz added to the frequency: pairs of partials beat.
+    };
+
+    /// How one note of an instrument sounds.
+    struct Settings {
+        std::vector<Partial> partials;
+        double gain = 1;
+        double attack = 0.002;  ///< Seconds.
+        double release = 0.3;   ///< Seconds from the note's end until it is silent.
+        double width = 0.25;    ///< How much of the partials' pairs differs between left and right.
+    };
+
+    ModalVoice(const Settings& settings, const Note& note);
+
+    /// Adds the frames `from` to `to` of a block. False once the note has ended.
+    bool render(Block& bus, std::size_t from, std::size_t to) noexcept;
+
+private:
+    static constexpr std::size_t lanes = 8;
+
+    struct Mode {
+        std::array<float, lanes> real{};       // of the next eight frames
+        std::array<float, lanes> imaginary{};  // what is heard
+        float turnReal = 1;                    // by eight frames
+        float turnImaginary = 0;
+        std::int64_t frames = 0;               // until it cannot be heard
+        float left = 1;
+        float right = 1;
+    };
+
+    [[nodiscard]] double level(std::int64_t age) const noexcept;
+
+    std::vector<Mode> modes_;
+    std::int64_t age_ = 0;
+    std::int64_t length_ = 0;
+    std::int64_t end_ = 0;
+    double attack_ = 0;   // frames
+    double release_ = 0;  // frames
+    double level_ = 0;
+    std::array<float, 2> pan_{};
+};
+
+}  // namespace quillmere::tonebed
