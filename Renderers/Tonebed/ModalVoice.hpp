@@ -18,10 +18,10 @@ class ModalVoice {
 public:
     /// One partial of an instrument.
     struct Partial {
-        double ratio = 1;      ///< Frequency in multiples of the fundamental.
+        double ratio = 1;  ///< Frequency in multiples of the fundamental.
         double amplitude = 1;
-        double seconds = 2;    ///< Time in which it fades by 60 dB.
-        double detune = 0;     ///< Hertz added to the frequency: pairs of partials beat.
+        double seconds = 2;  ///< Time in which it fades by 60 dB.
+        double detune = 0;   ///< Hertz added to the frequency: pairs of partials beat.
     };
 
     /// How one note of an instrument sounds.
@@ -46,7 +46,7 @@ private:
         std::array<float, lanes> imaginary{};  // what is heard
         float turnReal = 1;                    // by eight frames
         float turnImaginary = 0;
-        std::int64_t frames = 0;               // until it cannot be heard
+        std::int64_t frames = 0;  // until it cannot be heard
         float left = 1;
         float right = 1;
     };

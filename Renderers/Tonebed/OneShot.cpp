@@ -40,14 +40,16 @@ OneShot make(double seconds, const std::function<std::array<double, 2>(double se
 /// Noise through a band, a little different on both sides.
 OneShot noiseHit(double seconds, double low, double high, double attack, double half, double gain, Random random) {
     std::array<OnePole, 2> lows{OnePole(high), OnePole(high)};
-    std::array<OnePole, 2> lower{OnePole(high), OnePole(high)};
+    std::array<StateVariable, 2> lower;
+    for (StateVariable& filter : lower) filter.tune(high * 1.3, 1.4);
     std::array<OnePole, 2> highs{OnePole(low), OnePole(low)};
     return make(seconds, [&](double time) {
         const double shared = random.between(-1, 1);
         std::array<double, 2> values{};
         for (std::size_t side = 0; side < 2; ++side) {
             const double own = random.between(-1, 1);
-            const double smooth = lower[side].lowpass(lows[side].lowpass(0.6 * shared + 0.7 * own));
+            const double mild = lows[side].lowpass(0.6 * shared + 0.7 * own);
+            const auto smooth = static_cast<double>(lower[side].lowpass(static_cast<float>(mild)));
             values[side] = gain * highs[side].highpass(smooth) * envelope(time, attack, half);
         }
         return values;
@@ -134,22 +136,22 @@ std::vector<OneShot> oneShots(Voice voice, double brightness, std::uint64_t seed
             break;
         case Voice::brush:
             for (int i = 0; i < 4; ++i) {
-                sounds.push_back(noiseHit(0.3, 900, 2600 + 4000 * brightness, 0.012, 0.05, 1.6, streamOf()));
+                sounds.push_back(noiseHit(0.3, 500, 1500 + 2200 * brightness, 0.012, 0.05, 1.6, streamOf()));
             }
             break;
         case Voice::sweep:
             for (int i = 0; i < 4; ++i) {
-                sounds.push_back(noiseHit(0.55, 1500, 2600 + 4000 * brightness, 0.16, 0.1, 1.2, streamOf()));
+                sounds.push_back(noiseHit(0.55, 900, 1600 + 2200 * brightness, 0.16, 0.1, 1.0, streamOf()));
             }
             break;
         case Voice::hat:
             for (int i = 0; i < 4; ++i) {
-                sounds.push_back(noiseHit(0.11, 6500, 8000 + 7000 * brightness, 0.0012, 0.013, 2.2, streamOf()));
+                sounds.push_back(noiseHit(0.11, 6000, 6000 + 5000 * brightness, 0.0012, 0.013, 1.7, streamOf()));
             }
             break;
         case Voice::shaker:
             for (int i = 0; i < 4; ++i) {
-                sounds.push_back(noiseHit(0.15, 4500, 6000 + 6000 * brightness, 0.022, 0.02, 2.0, streamOf()));
+                sounds.push_back(noiseHit(0.15, 3800, 4200 + 4000 * brightness, 0.022, 0.02, 1.6, streamOf()));
             }
             break;
         case Voice::droplet:

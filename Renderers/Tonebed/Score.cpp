@@ -94,7 +94,8 @@ private:
 
     void chooseBars() {
         const double seconds = static_cast<double>(score_.frames) / static_cast<double>(sampleRate);
-        const Meter meter = fittingMeter(seconds * style_.tempo / 60, style_.beatsPerBar);
+        const double liking = style_.hasExplicitTempo ? 1 : Random(seed_, "tempo").between(0.95, 1.05);
+        const Meter meter = fittingMeter(seconds * style_.tempo * liking / 60, style_.beatsPerBar);
         score_.bars = meter.bars;
         score_.beatsPerBar = meter.beatsPerBar;
         score_.tempo = static_cast<double>(score_.beats()) * 60 / seconds;
@@ -172,7 +173,8 @@ private:
         }
         std::ranges::sort(order);
         const double seconds = result.bars * score_.beatsPerBar * 60 / score_.tempo;
-        const auto wished = static_cast<std::size_t>(std::max<std::int64_t>(0, nearest(rate * seconds)));
+        const double liking = random.between(0.85, 1.15);
+        const auto wished = static_cast<std::size_t>(std::max<std::int64_t>(0, nearest(rate * liking * seconds)));
         for (std::size_t i = 0; i < std::min(wished, size); ++i) result.sounds[order[i].second] = true;
         return result;
     }
@@ -408,7 +410,7 @@ private:
 
     /// The voice of the melody: the most wanted instrument that can carry one.
     [[nodiscard]] std::pair<Voice, double> melodyVoice() const {
-        std::pair<Voice, double> best = {Voice::glow, 0.34};
+        std::pair<Voice, double> best = {Voice::glow, 0.36};
         for (const auto& [feature, voice] :
              {std::pair{flute, Voice::flute}, std::pair{mallets, Voice::mallet}, std::pair{piano, Voice::piano},
               std::pair{electricPiano, Voice::electricPiano}, std::pair{bells, Voice::bell}}) {
@@ -418,7 +420,7 @@ private:
             Random taste(seed_, "melody voice");
             constexpr std::array<Voice, 4> soft = {Voice::glow, Voice::glow, Voice::electricPiano, Voice::bell};
             best.first = soft[taste.below(soft.size())];
-            best.second = mixed(0.26, 0.5, energy_);
+            best.second = mixed(0.32, 0.55, energy_);
         }
         return best;
     }
@@ -525,12 +527,12 @@ private:
              });
         hits("snare", energy_ < 0.45 ? Voice::rim : Voice::snare, 2, (0.3 + 0.75 * energy_) * busy, full * 0.6, 0.08,
              backBeats);
-        hits("hat", Voice::hat, energy_ > 0.6 ? 4 : 2, (0.7 + 5.2 * energy_) * busy, full * 0.5, 0.35,
+        hits("hat", Voice::hat, energy_ > 0.6 ? 4 : 2, (0.7 + 5.2 * energy_) * busy, full * 0.34, 0.35,
              [](int, int slot) { return slot == 0 ? 0.25 : (slot == 2 ? 0.2 : 0.5); });
-        hits("brush", Voice::brush, 2, (0.35 + 0.9 * energy_) * busy, soft * 0.75, -0.1, backBeats);
-        hits("sweep", Voice::sweep, 1, (0.3 + 0.8 * energy_) * busy, soft * 0.5, 0.15,
+        hits("brush", Voice::brush, 2, (0.35 + 0.9 * energy_) * busy, soft * 0.6, -0.1, backBeats);
+        hits("sweep", Voice::sweep, 1, (0.3 + 0.8 * energy_) * busy, soft * 0.4, 0.15,
              [=](int beat, int) { return backBeat(beat) ? 0.5 : 0.0; });
-        hits("shaker", Voice::shaker, energy_ > 0.6 ? 4 : 2, (0.6 + 4.2 * energy_) * busy, soft * 0.4, -0.4,
+        hits("shaker", Voice::shaker, energy_ > 0.6 ? 4 : 2, (0.6 + 4.2 * energy_) * busy, soft * 0.26, -0.4,
              [](int, int slot) { return slot == 0 ? 0.3 : (slot == 2 ? 0.2 : 0.5); });
     }
 
@@ -567,7 +569,7 @@ private:
             const double strength = random.between(0.25, 0.8);
             for (std::size_t call = 0; call < calls; ++call) {
                 const double bend = random.between(-1.5, 1.5);
-                add(Voice::chirp, beat, 0.1, pitch + bend, loudness * strength, pan, random, {}, false);
+                add(Voice::chirp, beat, 0.1, pitch + bend, 0.45 * loudness * strength, pan, random, {}, false);
                 beat += gap;
             }
         }

@@ -76,9 +76,9 @@ bool WaveVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
     for (std::size_t o = 0; o < settings_.oscillators; ++o) {
         Oscillator& oscillator = oscillators_[o];
         std::uint32_t phase = oscillator.phase;
-        const std::uint32_t step =
-            settings_.vibrato > 0 ? static_cast<std::uint32_t>(static_cast<double>(oscillator.step) * bend)
-                                  : oscillator.step;
+        const std::uint32_t step = settings_.vibrato > 0
+                                       ? static_cast<std::uint32_t>(static_cast<double>(oscillator.step) * bend)
+                                       : oscillator.step;
         if (oscillator.bright != nullptr && nextBrightness > 0.004) {
             float share = shareStart;
             for (std::size_t i = 0; i < count; ++i) {
