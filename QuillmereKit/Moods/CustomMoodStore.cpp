@@ -49,6 +49,15 @@ std::vector<MoodSpec> decodeFile(std::string_view text) {
     return document.root().member<std::vector<MoodSpec>>("moods");
 }
 
+/// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
+void keepAside(const std::filesystem::path& file, Date now) {
+    try {
+        keepCopyAside(file, "unreadable", now);
+    } catch (const FileError& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) throw;
+    }
+}
+
 }  // namespace
 
 CustomMoodStore& CustomMoodStore::shared() {
@@ -113,10 +122,14 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
     if (file_.empty()) {
         throw FileError("find the user's data folder", file_, make_error_code(std::errc::no_such_file_or_directory));
     }
-    createFolders(file_.parent_path());
     const std::string text = encodeFile(next);
     if (text.size() > mostBytes) throw FileError("write", file_, make_error_code(std::errc::file_too_large));
-    if (isUnreadableInPlace_ && factsOf(file_)) keepCopyAside(file_, "unreadable", now_());
+    try {
+        createFolders(file_.parent_path());
+        if (isUnreadableInPlace_) keepAside(file_, now_());
+    } catch (const FileError& error) {
+        throw FileError(error.step(), error.path(), error.code());  // whatever is in place here, the list is not
+    }
     isUnreadableInPlace_ = false;
     try {
         writeDurably(file_, text);

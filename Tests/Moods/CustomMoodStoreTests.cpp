@@ -437,6 +437,35 @@ TEST_F(CustomMoodStoreTests, AnUnreadableFileLeftInPlaceIsCopiedAsideOnceBeforeI
     EXPECT_EQ(folder.names(), (std::vector<std::string>{"Moods.json", asideName}));
 }
 
+TEST_F(CustomMoodStoreTests, WhicheverSystemCallFailsWhileADamagedFileIsReplacedItsContentIsKept) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        const test::TemporaryFolder place;
+        place.putFile("Moods.json", "damaged");
+        std::optional<CustomMoodStore> store;
+        {
+            const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "renameat2"});
+            store.emplace(place.path() / "Moods.json", &now);
+        }
+        ASSERT_EQ(place.content("Moods.json"), "damaged");
+        std::string struck;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            try {
+                store->save(mood("my-a"));
+            } catch (const FileError& error) {
+                EXPECT_EQ(store->all().size(), error.isInPlace() ? 1U : 0U);
+                EXPECT_EQ(place.content("Moods.json") == "damaged", !error.isInPlace());
+            }
+            struck = faults.struck();
+        }
+        store->save(mood("my-b"));
+        EXPECT_EQ(place.content(asideName), "damaged") << struck;
+        EXPECT_EQ(CustomMoodStore(place.path() / "Moods.json").all(), store->all());
+        if (struck.empty()) break;
+    }
+}
+
 TEST_F(CustomMoodStoreTests, TheDefaultPlaceIsMoodsInTheApplicationsData) {
     const auto data = UserFolders::applicationData();
     ASSERT_TRUE(data);
