@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -70,8 +71,9 @@ bool isNumber(std::string_view text) {
 /// a double, and forgets the sign of "-0".
 bool isOddNumber(std::string_view token, simdjson::dom::parser& parser) {
     if (token == "-0") return true;
-    constexpr std::size_t mostSafeDigits = 18;  // shorter whole numbers and decimals fit whatever they are
-    if (token.size() <= mostSafeDigits && token.find_first_of("eE") == std::string_view::npos) return false;
+    constexpr std::size_t mostSafeDigits = 18;  // before the point; without an exponent
+    const std::size_t digits = std::min(token.find_first_of(".eE"), token.size());
+    if (digits <= mostSafeDigits && token.find_first_of("eE") == std::string_view::npos) return false;
     return isNumber(token) && parser.parse(token.data(), token.size()).error() == simdjson::NUMBER_ERROR;
 }
 
@@ -105,6 +107,28 @@ bool mayHoldNegativeZero(std::string_view text) {
     return false;
 }
 
+/// The place behind the quote that ends a string, `place` being in it.
+std::size_t endOfString(std::string_view text, std::size_t place) {
+    while (place < text.size()) {
+#if defined(__SSE2__)
+        constexpr std::size_t blockSize = 16;
+        if (place + blockSize <= text.size()) {
+            const auto block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + place));
+            const auto found = _mm_movemask_epi8(
+                _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')), _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'))));
+            if (found == 0) {
+                place += blockSize;
+                continue;
+            }
+            place += static_cast<std::size_t>(std::countr_zero(static_cast<unsigned>(found)));
+        }
+#endif
+        if (text[place] == '"') return place + 1;
+        place += text[place] == '\\' ? 2 : 1;
+    }
+    return text.size();
+}
+
 /// A number that the parser would not take, and which of the text's numbers it is.
 struct OddNumber {
     std::size_t ordinal;
@@ -120,10 +144,7 @@ std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
     for (std::size_t place = 0; place < size;) {
         const char character = text[place];
         if (character == '"') {
-            for (++place; place < size && text[place] != '"'; ++place) {
-                if (text[place] == '\\') ++place;
-            }
-            ++place;
+            place = endOfString(std::string_view(text, size), place + 1);
         } else if (character == '-' || isDigit(character)) {
             const std::size_t begin = place;
             while (place < size && isInNumber(text[place])) ++place;

@@ -18,7 +18,9 @@ namespace quillmere {
 namespace {
 
 constexpr std::size_t firstCapacity = 1024;
+constexpr std::size_t step = std::size_t{16} * 1024;
 constexpr std::size_t blanksPerLevel = 2;
+constexpr std::size_t roomBehind = 8;      // for what follows a text: at most " : "
 constexpr std::size_t longestNumber = 32;  // "-2.2250738585072014e-308" has 24 characters
 
 constexpr std::string_view notUTF8 = "A text cannot be written as JSON: it is not valid UTF-8.";
@@ -63,32 +65,101 @@ std::size_t sequenceLength(const unsigned char* place, std::size_t left) noexcep
     return 0;
 }
 
-#if defined(__SSE2__)
 constexpr std::size_t blockSize = 16;
 
-/// Copies a block; returns how many bytes at its start stand for themselves.
-std::size_t copySafe(char* out, const char* in) noexcept {
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
-    // Signed, so that bytes from 0x80 count as below the blank, too.
-    const __m128i low = _mm_cmplt_epi8(bytes, _mm_set1_epi8(' '));
-    const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
-    const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
-    const __m128i slash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('/'));
-    const __m128i special = _mm_or_si128(_mm_or_si128(low, quote), _mm_or_si128(backslash, slash));
-    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(special));
-    return static_cast<std::size_t>(std::countr_zero(mask | 1U << blockSize));
+#if defined(__SSE2__)
+using Block = __m128i;
+
+Block blockOf(std::uint64_t low, std::uint64_t high) noexcept {
+    return _mm_set_epi64x(static_cast<std::int64_t>(high), static_cast<std::int64_t>(low));
+}
+
+/// A bit for each byte of a block that does not stand for itself.
+unsigned specials(Block block) noexcept {
+    // Compared as signed bytes, those from 0x80 are below the blank, too.
+    const Block low = _mm_cmplt_epi8(block, _mm_set1_epi8(' '));
+    const Block quote = _mm_cmpeq_epi8(block, _mm_set1_epi8('"'));
+    const Block backslash = _mm_cmpeq_epi8(block, _mm_set1_epi8('\\'));
+    const Block slash = _mm_cmpeq_epi8(block, _mm_set1_epi8('/'));
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(low, quote), _mm_or_si128(backslash, slash))));
 }
 #else
-constexpr std::size_t blockSize = 8;
+using Block = std::array<unsigned char, blockSize>;
 
-std::size_t copySafe(char* out, const char* in) noexcept {
-    std::memcpy(out, in, blockSize);
-    std::size_t count = 0;
-    while (count < blockSize && escapes[static_cast<unsigned char>(in[count])] == 0) ++count;
-    return count;
+Block blockOf(std::uint64_t low, std::uint64_t high) noexcept {
+    return std::bit_cast<Block>(std::array<std::uint64_t, 2>{low, high});
+}
+
+unsigned specials(const Block& block) noexcept {
+    unsigned mask = 0;
+    for (std::size_t index = 0; index < blockSize; ++index) mask |= (escapes[block[index]] != 0 ? 1U : 0U) << index;
+    return mask;
 }
 #endif
+
+template <class T>
+T load(const char* place) noexcept {
+    T value;
+    std::memcpy(&value, place, sizeof(T));
+    return value;
+}
+template <class T>
+void store(char* place, const T& value) noexcept {
+    std::memcpy(place, &value, sizeof(T));
+}
+
+/// Copies a block; returns how many bytes at its start stand for themselves.
+std::size_t copyBlock(char* out, const char* in) noexcept {
+    const auto block = load<Block>(in);
+    store(out, block);
+    return static_cast<std::size_t>(std::countr_zero(specials(block) | 1U << blockSize));
+}
+
+/// Copies 4 to 15 bytes if all stand for themselves, as two halves that may overlap: a copy of variable length would
+/// cost more than all the rest.
+bool copyShort(char* out, const char* in, std::size_t count) noexcept {
+    if (count >= sizeof(std::uint64_t)) {
+        const auto first = load<std::uint64_t>(in);
+        const auto last = load<std::uint64_t>(in + count - sizeof(first));
+        if (specials(blockOf(first, last)) != 0) return false;
+        store(out, first);
+        store(out + count - sizeof(last), last);
+        return true;
+    }
+    if (count >= sizeof(std::uint32_t)) {
+        const auto first = load<std::uint32_t>(in);
+        const auto last = load<std::uint32_t>(in + count - sizeof(first));
+        const auto both = first | std::uint64_t{last} << 32;
+        if (specials(blockOf(both, both)) != 0) return false;
+        store(out, first);
+        store(out + count - sizeof(last), last);
+        return true;
+    }
+    return false;
+}
+
+/// Writes a number that is a decimal of at most six places, as most are that somebody rounded; null for any other.
+///
+/// A decimal of at most 15 digits is the only one of so few that a double reads back from, so it is the shortest, and
+/// a quotient of two exact doubles is the double nearest to it.
+char* appendShortDecimal(char* out, double size) noexcept {
+    constexpr double scale = 1e6;
+    constexpr double most = 1e9;
+    constexpr double least = 1e-4;
+    if (size < least || size >= most) return nullptr;
+    const auto scaled = static_cast<std::int64_t>(size * scale + 0.5);
+    if (static_cast<double>(scaled) / scale != size) return nullptr;
+    constexpr std::int64_t unit = 1000000;
+    auto places = static_cast<std::uint32_t>(scaled % unit);
+    out = std::to_chars(out, out + longestNumber, scaled / unit).ptr;
+    *out++ = '.';
+    for (std::uint32_t power = unit / 10; places > 0; power /= 10) {
+        *out++ = static_cast<char>('0' + places / power);
+        places %= power;
+    }
+    return out;
+}
 
 }  // namespace
 
@@ -110,9 +181,19 @@ std::string JSONWriter::take() {
 }
 
 inline char* JSONWriter::reserve(std::size_t count) {
-    if (text_.size() - size_ < count) text_.resize(std::max({firstCapacity, 2 * text_.size(), size_ + count}));
+    if (text_.size() - size_ < count) [[unlikely]] {
+        grow(count);
+    }
     return text_.data() + size_;
 }
+
+void JSONWriter::grow(std::size_t count) {
+    const std::size_t needed = size_ + count;
+    if (needed > text_.capacity()) text_.reserve(std::max({firstCapacity, 2 * text_.capacity(), needed}));
+    text_.resize(std::min(text_.capacity(), needed + step));  // not all at once: pages never written to cost nothing
+}
+
+void JSONWriter::reserveFor(std::size_t bytes) { text_.reserve(size_ + bytes); }
 
 inline void JSONWriter::append(std::string_view text) {
     std::memcpy(reserve(text.size()), text.data(), text.size());
@@ -187,13 +268,18 @@ void JSONWriter::key(std::string_view key) {
     const bool wasEmpty = levels_.back().isEmpty;
     separate();
     const std::size_t start = size_;
+    char* out = nullptr;
     try {
-        appendQuoted(key, form_ == Form::pretty ? " : " : ":");
+        out = quote(key);
     } catch (const EncodingError&) {
         size_ = size;
         levels_.back().isEmpty = wasEmpty;
         throw;
     }
+    if (form_ == Form::pretty) *out++ = ' ';
+    *out++ = ':';
+    if (form_ == Form::pretty) *out++ = ' ';
+    size_ = static_cast<std::size_t>(out - text_.data());
     if (form_ != Form::compact) {
         members_.push_back({keys_.size(), key.size(), start, start});
         keys_ += key;
@@ -206,7 +292,7 @@ void JSONWriter::string(std::string_view text) {
     const bool wasEmpty = levels_.empty() || levels_.back().isEmpty;
     beginValue();
     try {
-        appendQuoted(text, {});
+        size_ = static_cast<std::size_t>(quote(text) - text_.data());
     } catch (const EncodingError&) {
         size_ = size;
         if (!levels_.empty()) levels_.back().isEmpty = wasEmpty;
@@ -215,19 +301,34 @@ void JSONWriter::string(std::string_view text) {
     endValue();
 }
 
-void JSONWriter::appendQuoted(std::string_view text, std::string_view behind) {
+/// Writes a text in quotes, without counting it as written yet, and returns its end; `roomBehind` bytes may follow.
+char* JSONWriter::quote(std::string_view text) {
     constexpr std::size_t longestEscape = 6;
+    constexpr std::size_t slack = longestEscape + blockSize + roomBehind;  // what one step may write beyond its due
     const char* in = text.data();
     std::size_t left = text.size();
-    char* out = reserve(left + longestEscape + 2 * blockSize);
-    const char* limit = text_.data() + text_.size() - longestEscape - blockSize;
+    char* out = reserve(left + blockSize + slack);
     *out++ = '"';
 
-    /// Writes what does not stand for itself, and sees that there is room for the next step.
-    const auto writeSpecial = [&] {
+    while (left > 0) {
+        if (left >= blockSize) {
+            const std::size_t safe = copyBlock(out, in);
+            out += safe;
+            in += safe;
+            left -= safe;
+            if (safe == blockSize) continue;
+        } else if (copyShort(out, in, left)) {
+            out += left;
+            break;
+        }
+
         const auto byte = static_cast<unsigned char>(*in);
         const char escape = escapes[byte];
-        if (escape == 1) {
+        if (escape == 0) {  // near the end, something special behind
+            do {
+                *out++ = *in++;
+            } while (--left > 0 && escapes[static_cast<unsigned char>(*in)] == 0);
+        } else if (escape == 1) {
             const std::size_t length = sequenceLength(reinterpret_cast<const unsigned char*>(in), left);
             if (length == 0) throw EncodingError(std::string(notUTF8));
             std::memcpy(out, in, length);
@@ -239,42 +340,18 @@ void JSONWriter::appendQuoted(std::string_view text, std::string_view behind) {
             *out++ = escape;
             if (escape == 'u') {
                 constexpr std::string_view digits = "0123456789abcdef";
-                const std::array<char, 4> code{'0', '0', digits[byte >> 4], digits[byte & 0x0F]};
-                std::memcpy(out, code.data(), code.size());
-                out += code.size();
+                store(out, std::array<char, 4>{'0', '0', digits[byte >> 4], digits[byte & 0x0F]});
+                out += 4;
             }
             ++in;
             --left;
-        }
-        if (out + left > limit) {
+            // It was longer than the byte: see that there is room for the rest.
             const auto written = static_cast<std::size_t>(out - (text_.data() + size_));
-            size_ += written;
-            out = reserve(2 * left + longestEscape + 2 * blockSize);
-            size_ -= written;
-            limit = text_.data() + text_.size() - longestEscape - blockSize;
+            if (text_.size() - size_ < written + left + slack) out = reserve(written + 2 * left + slack) + written;
         }
-    };
-
-    while (left >= blockSize) {
-        const std::size_t safe = copySafe(out, in);
-        out += safe;
-        in += safe;
-        left -= safe;
-        if (safe < blockSize) writeSpecial();
-    }
-    while (left > 0) {
-        std::array<char, blockSize> block{};  // its zeros are special, so they end the run
-        std::memcpy(block.data(), in, left);
-        const std::size_t safe = copySafe(out, block.data());
-        out += safe;
-        in += safe;
-        left -= safe;
-        if (left > 0) writeSpecial();
     }
     *out++ = '"';
-    std::memcpy(out, behind.data(), behind.size());
-    out += behind.size();
-    size_ = static_cast<std::size_t>(out - text_.data());
+    return out;
 }
 
 void JSONWriter::integer(std::int64_t value) {
@@ -302,6 +379,8 @@ void JSONWriter::number(double value) {
     if (std::signbit(value)) *out++ = '-';
     if (size <= mostPlain && size == std::trunc(size)) {
         out = std::to_chars(out, start + longestNumber, static_cast<std::uint64_t>(size)).ptr;
+    } else if (char* const end = appendShortDecimal(out, size)) {
+        out = end;
     } else {
         const bool isPlain = size >= leastPlain && size <= mostPlain;
         const auto format = isPlain ? std::chars_format::fixed : std::chars_format::scientific;

@@ -1,6 +1,5 @@
 #include <bit>
 #include <charconv>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -8,28 +7,11 @@
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
+#include "Tests/Platform/UTF8.hpp"
 #include "Tests/Support/Vectors.hpp"
 
 namespace quillmere::test {
 namespace {
-
-std::string utf8(const std::vector<std::uint32_t>& scalars) {
-    std::string text;
-    const auto put = [&](std::uint32_t byte) { text += static_cast<char>(byte); };
-    for (const auto scalar : scalars) {
-        if (scalar < 0x80) {
-            put(scalar);
-        } else if (scalar < 0x800) {
-            put(0xC0 | scalar >> 6), put(0x80 | (scalar & 0x3F));
-        } else if (scalar < 0x10000) {
-            put(0xE0 | scalar >> 12), put(0x80 | (scalar >> 6 & 0x3F)), put(0x80 | (scalar & 0x3F));
-        } else {
-            put(0xF0 | scalar >> 18), put(0x80 | (scalar >> 12 & 0x3F));
-            put(0x80 | (scalar >> 6 & 0x3F)), put(0x80 | (scalar & 0x3F));
-        }
-    }
-    return text;
-}
 
 QUILLMERE_VECTOR_TEST(JSONDoubles, "json-doubles") {
     const auto digits = vector["bits"].get<std::string>();
