@@ -88,7 +88,7 @@ void writeHolder(const Descriptor& file) noexcept {
 }  // namespace
 
 LibraryInUse::LibraryInUse(std::filesystem::path folder, std::string holder)
-    : Error("The folder \u201c" + folder.string() + "\u201d is in use by " + holder + "."),
+    : Error("The folder \"" + folder.string() + "\" is in use by " + holder + "."),
       folder_(std::move(folder)),
       holder_(std::move(holder)) {}
 

@@ -33,6 +33,15 @@ void unlink(int folder, const char* name, int flags, const std::filesystem::path
     if (::unlinkat(folder, name, flags) != 0 && errno != ENOENT) throw FileError("remove", shown, lastError());
 }
 
+/// A file's time, which may lie centuries outside what a `Date` can hold: then the nearest that it can.
+Date dateFrom(const timespec& time) noexcept {
+    using std::chrono::duration_cast;
+    using std::chrono::seconds;
+    if (time.tv_sec >= duration_cast<seconds>(Date::max().time_since_epoch()).count()) return Date::max();
+    if (time.tv_sec <= duration_cast<seconds>(Date::min().time_since_epoch()).count()) return Date::min();
+    return Date(duration_cast<Date::duration>(seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec)));
+}
+
 }  // namespace
 
 std::string freshTemporaryName() {
@@ -78,12 +87,10 @@ std::error_code statusAt(int folder, const char* name, struct stat& status, Fina
 }
 
 FileFacts factsFrom(const struct stat& status) noexcept {
-    const auto sinceEpoch =
-        std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec);
     FileFacts facts;
     facts.kind = kindOf(status.st_mode);
     facts.size = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
-    facts.modified = Date(std::chrono::duration_cast<Date::duration>(sinceEpoch));
+    facts.modified = dateFrom(status.st_mtim);
     facts.device = status.st_dev;
     facts.inode = status.st_ino;
     return facts;

@@ -276,7 +276,12 @@ WAVWriter::WAVWriter(const std::filesystem::path& file, int sampleRate, int chan
     const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     state_->descriptor = Descriptor(::open(systemCalls::pathText(file, "create"), flags, mode));
     if (!state_->descriptor.isOpen()) throw FileError("create", file, systemCalls::lastError());
-    state_->writeHeader();
+    try {
+        state_->writeHeader();
+    } catch (const FileError&) {
+        ::unlink(file.c_str());  // just made, and nobody will finish it
+        throw;
+    }
 }
 
 WAVWriter::~WAVWriter() = default;

@@ -253,6 +253,43 @@ TEST(FileFaults, AWAVFileIsFinishedOrAnErrorTells) {
                        });
 }
 
+TEST(FileFaults, AWAVFileThatCannotBeBegunLeavesNothing) {
+    const TemporaryFolder folder;
+    const SystemCallFaults faults({.failing = 1, .error = ENOSPC, .call = "pwrite"});
+
+    EXPECT_THROW(WAVWriter(folder.path() / "audio.wav", 48000, 2), FileError);
+
+    EXPECT_EQ(faults.struck(), "pwrite");
+    EXPECT_THAT(folder.names(), testing::IsEmpty());
+}
+
+TEST(FileFaults, FoldersAreMadeOrTheErrorTells) {
+    const auto calls =
+        forEachFailingCall([](const TemporaryFolder&) {},
+                           [](const TemporaryFolder& folder) { createFolders(folder.path() / "a" / "b" / "c"); },
+                           [](const TemporaryFolder& folder, const Outcome& outcome) {
+                               const bool isThere = fileExists(folder.path() / "a" / "b" / "c");
+                               EXPECT_TRUE(isThere || outcome.error);
+                           });
+
+    EXPECT_GE(calls, 12);  // each of the three: make, open the parent, sync it, close it
+}
+
+TEST(FileFaults, AFolderIsRemovedOrTheErrorTellsAndTheNextTryRemovesIt) {
+    forEachFailingCall(
+        [](const TemporaryFolder& folder) {
+            folder.putFile("work/a/b/file", "");
+            folder.putFile("work/file", "");
+        },
+        [](const TemporaryFolder& folder) { removeFolder(folder.path() / "work"); },
+        [](const TemporaryFolder& folder, const Outcome& outcome) {
+            if (outcome.error) {
+                removeFolder(folder.path() / "work");
+            }
+            EXPECT_THAT(folder.names(), testing::IsEmpty());
+        });
+}
+
 TEST(FileFaults, AudioIsReadWholeInSmallPieces) {
     const TemporaryFolder folder;
     std::vector<std::int16_t> samples(1001 * 2);

@@ -106,7 +106,7 @@ TEST_F(WriteDurablyTests, NewFileGetsTheUsualPermissionsLessTheMask) {
 }
 
 TEST_F(WriteDurablyTests, ReplacedFileKeepsItsPermissionsWhateverTheMask) {
-    for (const mode_t mode : {0600, 0666, 0440, 0755}) {
+    for (const mode_t mode : {0600U, 0666U, 0440U, 0755U}) {
         writeDurably(file, "old");
         ASSERT_EQ(::chmod(file.c_str(), mode), 0);
 
@@ -468,6 +468,14 @@ TEST_F(FolderTests, FactsHaveTheTimeOfTheLastChange) {
     ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
 
     EXPECT_EQ(factsOf(file)->modified.time_since_epoch(), std::chrono::milliseconds(1'714'558'830'500));
+}
+
+TEST_F(FolderTests, ATimeThatNoDateCanHoldIsTheNearestOne) {
+    const auto file = folder.putFile("file", "");
+    const timespec times[2] = {{1, 0}, {15'000'000'000, 0}};  // in the year 2445
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+
+    EXPECT_EQ(factsOf(file)->modified, Date::max());
 }
 
 TEST_F(FolderTests, FilesAndFoldersAreSynced) {

@@ -243,7 +243,7 @@ TEST_F(FolderLockTests, TheErrorNamesFolderAndHolder) {
 
     EXPECT_EQ(error.folder(), "/music/Loops");
     EXPECT_EQ(error.holder(), "quillmere, process 4711");
-    EXPECT_STREQ(error.what(), "The folder “/music/Loops” is in use by quillmere, process 4711.");
+    EXPECT_STREQ(error.what(), "The folder \"/music/Loops\" is in use by quillmere, process 4711.");
 }
 
 }  // namespace

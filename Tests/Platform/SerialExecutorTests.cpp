@@ -31,8 +31,8 @@ TEST(SerialExecutor, RunsOneTaskAtATimeAndKeepsEachThreadsOrder) {
     constexpr int rounds = 2000;
     std::vector<std::pair<int, int>> order;  // only the executor's thread touches it: the thread sanitizer watches
     {
-        SerialExecutor executor;
         std::latch start(threadCount);
+        SerialExecutor executor;
         std::vector<std::jthread> threads;
         for (int thread = 0; thread < threadCount; ++thread) {
             threads.emplace_back([&, thread] {
@@ -77,8 +77,8 @@ TEST(SerialExecutor, RunMayBeCalledFromManyThreadsAtOnce) {
 TEST(SerialExecutor, ATaskPostedByATaskRunsAfterTheOnesThatWait) {
     std::vector<int> order;
     {
-        SerialExecutor executor;
         std::latch isPosted(1);
+        SerialExecutor executor;
         executor.post([&] {
             isPosted.wait();
             order.push_back(1);
@@ -94,8 +94,8 @@ TEST(SerialExecutor, ATaskPostedByATaskRunsAfterTheOnesThatWait) {
 TEST(SerialExecutor, DestroyingItRunsEverythingPostedSoFar) {
     int count = 0;
     {
-        SerialExecutor executor;
         std::latch isPosted(1);
+        SerialExecutor executor;
         executor.post([&] { isPosted.wait(); });
         for (int index = 0; index < 100; ++index) executor.post([&] { ++count; });
         isPosted.count_down();
