@@ -96,7 +96,9 @@ public:
         auto backends = std::make_shared<GenerationBackends>();
         auto command = options.engine.empty() ? defaultEngineCommand() : splitCommand(options.engine);
         if (command.empty()) throw Error("The engine command is empty.");
-        auto renderer = std::make_shared<ProcessRenderer>(std::move(command), store_);
+        ProcessRendererOptions rendering;
+        if (auto chip = processorName(); !chip.empty()) rendering.origin = RecipeOrigin{std::move(chip)};
+        auto renderer = std::make_shared<ProcessRenderer>(std::move(command), store_, std::move(rendering));
         for (const GenerationEngine engine : allCases<GenerationEngine>()) backends->registerService(renderer, engine);
         queue_ = std::make_unique<GenerationQueue>(backends, store_, options.seconds);
     }

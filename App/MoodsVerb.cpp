@@ -30,7 +30,7 @@ void listAsJSON(const std::vector<Mood>& moods) {
         writer.endObject();
     }
     writer.endArray();
-    std::printf("%s\n", writer.text().c_str());
+    std::printf("%s\n", writer.take().c_str());
 }
 
 void listAsText(const std::vector<Mood>& moods) {
