@@ -36,7 +36,7 @@ int run(int argumentCount, char** arguments) {
     } catch (const std::exception& error) {
         host.fail(ExitCode::failure, error.what());
     }
-    if (std::fflush(stdout) != 0 && host.exitCode == ExitCode::success) {
+    if ((std::fflush(stdout) != 0 || std::ferror(stdout) != 0) && host.exitCode == ExitCode::success) {
         host.fail(ExitCode::failure, "Standard output could not be written.");
     }
     return static_cast<int>(host.exitCode);
