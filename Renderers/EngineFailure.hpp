@@ -10,6 +10,7 @@ namespace quillmere {
 /// engine wrote to its standard error where that can help.
 class EngineFailure : public Error {
 public:
+    /// What went wrong.
     enum class Reason {
         unusableRequest,  ///< The request cannot be rendered by any engine; nothing was started.
         notStarted,       ///< The engine, or the supervisor program that it runs under, could not be started.
@@ -26,8 +27,10 @@ public:
         lost,             ///< The supervisor was killed, and the engine with it.
     };
 
+    /// A failure with its sentence for the user.
     EngineFailure(Reason reason, const std::string& text) : Error(text), reason_(reason) {}
 
+    /// What went wrong.
     [[nodiscard]] Reason reason() const noexcept { return reason_; }
 
 private:

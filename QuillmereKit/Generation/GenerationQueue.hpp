@@ -46,13 +46,13 @@ public:
     public:
         /// The current render has come to this stage.
         struct Stage {
-            LoopIdentity identity;
-            GenerationStage stage;
+            LoopIdentity identity;  ///< The piece asked for.
+            GenerationStage stage;  ///< Where it is.
             friend bool operator==(const Stage&, const Stage&) = default;
         };
         /// A request was accepted (`seconds` 0, nothing else), or the current render has written this much audio.
         struct Rendering {
-            LoopIdentity identity;
+            LoopIdentity identity;                  ///< The piece asked for.
             double seconds = 0;                     ///< Length of the audio so far.
             std::optional<FileURL> audio;           ///< Where it lies.
             std::optional<AudioLoudness> loudness;  ///< Absent when the renderer did not measure it.
@@ -60,13 +60,13 @@ public:
         };
         /// The piece is in the library: just stored, or there already when it was asked for.
         struct Finished {
-            LoopArtifact piece;
+            LoopArtifact piece;  ///< The stored piece.
             friend bool operator==(const Finished&, const Finished&) = default;
         };
         /// The render failed, for another reason than cancellation.
         struct Failed {
-            LoopIdentity identity;
-            std::string message;  ///< The user's text.
+            LoopIdentity identity;  ///< The piece asked for.
+            std::string message;    ///< The user's text.
             friend bool operator==(const Failed&, const Failed&) = default;
         };
         /// Nothing is rendering or winding down any more.
@@ -77,8 +77,10 @@ public:
         struct Stopping {
             friend bool operator==(const Stopping&, const Stopping&) = default;
         };
+        /// The cases, in order.
         using Value = std::variant<Stage, Rendering, Finished, Failed, Idle, Stopping>;
 
+        /// The progress of one of the cases.
         template <class Case>
         requires std::is_constructible_v<Value, Case> Progress(Case value)
             : value_(std::move(value)) {}  // NOLINT: converts on purpose
@@ -94,13 +96,15 @@ public:
 
     /// A progress with its number and the token of the request that it answers.
     struct Event {
-        Progress progress;
-        std::optional<UUID> requestToken;
-        std::uint64_t sequence = 0;  ///< 1 for the queue's first event, one more for each after it.
+        Progress progress;                 ///< What happened.
+        std::optional<UUID> requestToken;  ///< Of the request that the event answers.
+        std::uint64_t sequence = 0;        ///< 1 for the queue's first event, one more for each after it.
         friend bool operator==(const Event&, const Event&) = default;
     };
 
+    /// Hears of each progress.
     using ProgressHandler = std::function<void(const Progress& progress)>;
+    /// Hears of each event.
     using EventHandler = std::function<void(const Event& event)>;
 
     /// A queue that asks `service` for renders of `seconds` seconds and files them in `store`. Neither may be null.
@@ -149,8 +153,8 @@ private:
     struct Current {
         LoopIdentity identity;
         GenerationPace pace;
-        UUID attempt;  // accepts this render's reports, and no other's
-        std::optional<UUID> requestToken;
+        UUID attempt;                      // accepts this render's reports, and no other's
+        std::optional<UUID> requestToken;  ///< Of the request that the event answers.
         std::stop_source stop;
     };
     struct Cancelled {};

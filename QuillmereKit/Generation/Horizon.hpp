@@ -20,10 +20,10 @@ public:
     /// Size of one minute of 48 kHz, two-channel, 16-bit audio in units of 2^20 bytes.
     static constexpr double megabytesPerMinute = 10.986328125;
 
-    static const Horizon twentyMinutes;
-    static const Horizon oneHour;
-    static const Horizon threeHours;
-    static const Horizon unlimited;
+    static const Horizon twentyMinutes;  ///< 20 minutes.
+    static const Horizon oneHour;        ///< 60 minutes.
+    static const Horizon threeHours;     ///< 180 minutes.
+    static const Horizon unlimited;      ///< No limit.
 
     /// What the settings offer, in their order: 5, 10, 20, 30, 60, 120, 180 minutes, unlimited.
     [[nodiscard]] static const std::array<Horizon, 8>& allCases() noexcept;

@@ -8,9 +8,9 @@ namespace quillmere {
 
 /// How much music the library holds, as one line beside the player. A plain value.
 struct MaterialStatus {
-    double seconds = 0;  ///< Total length of the saved music; finite.
-    Horizon horizon;     ///< How much music the user wants kept.
-    bool isPlaying = false;
+    double seconds = 0;      ///< Total length of the saved music; finite.
+    Horizon horizon;         ///< How much music the user wants kept.
+    bool isPlaying = false;  ///< Playback is running.
     bool isWriting = false;  ///< New music is being generated and saved.
 
     /// The line, such as "10:00 of 20:00 saved · adding more…". While paused it does not say that music is being

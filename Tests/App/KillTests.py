@@ -19,9 +19,13 @@ class KillTests(HostTest):
 
         kept = set()
         for kill in range(int(os.environ.get("QUILLMERE_KILLS", "20"))):
-            process = self.start("generate", "--mood", "designflow", "--count", "1000", "--seconds", "8",
+            process = self.start("generate", "--mood", "designflow", "--count", "1000", "--seconds", "3", "--json",
                                  "--seed", str(kill * 1000))
-            time.sleep(dice.uniform(0.0, 0.6))
+            # Some kills come while the program starts, the others at some moment of a later piece.
+            for _ in range(dice.randint(0, 2)):
+                while '"event":"finished"' not in process.stdout.readline():
+                    pass
+            time.sleep(dice.uniform(0.0, 0.4))
             process.kill()
             process.communicate()
 
