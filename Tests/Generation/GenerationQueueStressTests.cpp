@@ -30,21 +30,9 @@ using Event = GenerationQueue::Event;
 using Progress = GenerationQueue::Progress;
 using Render = ScriptedRenderer::Render;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool isSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-constexpr bool isSanitized = true;
-#else
-constexpr bool isSanitized = false;
-#endif
-#else
-constexpr bool isSanitized = false;
-#endif
-
-constexpr int interleavings = isSanitized ? 1'500 : 10'000;
+constexpr int interleavings = 10'000;
 constexpr int interleavingsPerStore = 50;
-constexpr int freeRuns = isSanitized ? 30 : 100;
+constexpr int freeRuns = 100;
 
 // Ten thousand runs sync many files: in memory where that can be had.
 std::filesystem::path fastFolder() {
