@@ -13,6 +13,10 @@ namespace {
 
 constexpr std::size_t manifestLimit = std::size_t{1} << 30;
 
+// Why a manifest is kept aside; part of the copy's name.
+constexpr std::string_view unreadable = "unreadable";
+constexpr std::string_view before = "before";
+
 // What is known of an entry's file. Only certain absence drops an entry: a disk that cannot answer proves nothing.
 enum class Presence { regular, absent, unknown };
 
@@ -50,7 +54,8 @@ template <class Action>
 void ignoringFailure(const Action& action) {
     try {
         action();
-    } catch (const FileError&) {
+    } catch (const std::exception&) {
+        return;
     }
 }
 
@@ -62,7 +67,6 @@ LoopFolder::LoopFolder(std::filesystem::path path)
       urlPrefix_(FileURL::fromPath(files_.path()).text() + "/") {
     ignoringFailure([&] { createFolders(this->path()); });
     lock_ = FolderLock::tryAcquire(lockFile());
-    if (!lock_ && isHeld(lockFile())) holder_ = FolderLock::holder(lockFile());
 }
 
 std::optional<std::filesystem::path> LoopFolder::fileOf(const FileURL& url) {
@@ -123,10 +127,9 @@ std::uint64_t LoopFolder::sizeOf(const std::filesystem::path& file) const noexce
 
 void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
     std::set<std::filesystem::path> folders;
+    for (const auto& file : files) folders.insert(file.parent_path());
     for (const auto& file : files) {
-        ignoringFailure([&] {
-            if (!isBookkeeping(file) && files_.removeUnsynced(file)) folders.insert(file.parent_path());
-        });
+        if (!isBookkeeping(file)) ignoringFailure([&] { files_.removeUnsynced(file); });
     }
     for (const auto& folder : folders) ignoringFailure([&] { syncFolder(folder); });
 }
@@ -175,18 +178,19 @@ bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept
 
 std::vector<LoopArtifact> LoopFolder::readManifest() {
     manifest_ = factsOf(manifestFile_);
+    reasonToKeep_.reset();
     try {
         const auto text = readFileIfPresent(manifestFile_, manifestLimit);
         if (text) return JSONDocument::parse(*text).root().elements<LoopArtifact>();
     } catch (const FileError&) {
-        reasonToKeep_ = "unreadable";
+        reasonToKeep_ = unreadable;
     } catch (const JSONError&) {
-        reasonToKeep_ = "unreadable";
+        reasonToKeep_ = unreadable;
     }
     return {};
 }
 
-void LoopFolder::load(LoopTable& table) {
+bool LoopFolder::load(LoopTable& table) {
     auto artifacts = readManifest();
     std::vector<FolderEntry> listing;
     ignoringFailure([&] { listing = listFolder(path()); });
@@ -214,10 +218,12 @@ void LoopFolder::load(LoopTable& table) {
     // An entry that was dropped, or that the next ordinary save leaves out, would be gone for good.
     const bool isAllInside = std::ranges::all_of(places, [](const auto& place) { return place && place->isInside; });
     const bool isWhole = table.fill(std::move(artifacts), places) && isAllInside;
-    if (!isWhole && !reasonToKeep_) reasonToKeep_ = "before";
+    if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
 
     // Without a readable manifest nobody knows what the folder's files are for.
-    if (lock_ && reasonToKeep_ != "unreadable") cleanLeftovers(listing, table);
+    const bool isReadable = reasonToKeep_ != unreadable;
+    if (lock_ && isReadable) cleanLeftovers(listing, table);
+    return isReadable;
 }
 
 void LoopFolder::cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const {
@@ -245,32 +251,25 @@ void LoopFolder::cleanLeftovers(const std::vector<FolderEntry>& listing, const L
     for (const auto& folder : folders) ignoringFailure([&] { files_.removeFolder(folder); });
 }
 
-void LoopFolder::requireLock() {
-    if (!holder_.empty()) throw LibraryInUse(path(), holder_);
-    if (lock_ && lock_->isInForce()) return;
-
-    // The lock could not be made at first, or the folder was replaced under the running program. What another process
-    // may have written meanwhile must not be overwritten with what this one remembers.
+void LoopFolder::takeLock() {
     createFolders(path());
     lock_.reset();
     lock_ = FolderLock::tryAcquire(lockFile());
-    if (!lock_ && !isHeld(lockFile())) {
-        throw FileError("lock", lockFile(), std::make_error_code(std::errc::permission_denied));
-    }
-    if (!lock_ || (!isNothingAt(manifestFile_) && !isSameFile(manifest_, factsOf(manifestFile_)))) {
-        holder_ = lock_ ? "another process" : FolderLock::holder(lockFile());
-        lock_.reset();
-        throw LibraryInUse(path(), holder_);
-    }
+    if (lock_) return;
+    if (isHeld(lockFile())) throw LibraryInUse(path(), FolderLock::holder(lockFile()));
+    throw FileError("lock", lockFile(), std::make_error_code(std::errc::permission_denied));
+}
+
+bool LoopFolder::isManifestForeign() const noexcept {
+    return !isNothingAt(manifestFile_) && !isSameFile(manifest_, factsOf(manifestFile_));
 }
 
 void LoopFolder::save(std::string_view manifest) {
-    requireLock();
     if (manifest.size() > manifestLimit) {
         throw FileError("write", manifestFile_, std::make_error_code(std::errc::file_too_large));
     }
     // A manifest that somebody else put there since is not ours to lose.
-    if (!isSameFile(manifest_, factsOf(manifestFile_)) && !reasonToKeep_) reasonToKeep_ = "before";
+    if (isManifestForeign() && !reasonToKeep_) reasonToKeep_ = before;
     if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
         keepCopyAside(manifestFile_, *reasonToKeep_,
                       std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));

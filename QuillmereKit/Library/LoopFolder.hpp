@@ -74,16 +74,23 @@ public:
     void sync(const FileURL& url) const;
 
     /// Fills an empty table with the entries of the manifest whose files exist as regular files, and removes what dead
-    /// processes left in the folder. Never fails: a manifest that cannot be read, or not be kept whole, is kept aside
-    /// before the first save.
-    void load(LoopTable& table);
+    /// processes left in the folder if this one may write in it. Returns whether the manifest could be read; a missing
+    /// one is an empty one. A manifest that cannot be read, or not be kept whole, is kept aside before the next save.
+    bool load(LoopTable& table);
 
-    /// Makes sure that this process may write in the folder. Throws `LibraryInUse`, or `FileError` if the lock
-    /// cannot be made.
-    void requireLock();
+    /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
+    [[nodiscard]] bool hasLock() const noexcept { return lock_ && lock_->isInForce(); }
 
-    /// Writes the manifest durably, keeping aside what must not be lost by it. Throws `FileError` or `LibraryInUse`;
-    /// the manifest is then as it was, unless the error says that it is in place.
+    /// Takes the lock, anew if the folder was replaced under the running program. Throws `LibraryInUse`, or `FileError`
+    /// if the lock file cannot be made.
+    void takeLock();
+    void giveUpLock() noexcept { lock_.reset(); }
+
+    /// Whether the manifest is there and another than this process last read or wrote.
+    [[nodiscard]] bool isManifestForeign() const noexcept;
+
+    /// Writes the manifest durably, keeping aside what must not be lost by it. For the holder of the lock only. Throws
+    /// `FileError`; the manifest is then as it was, unless the error says that it is in place.
     void save(std::string_view manifest);
 
 private:
@@ -97,8 +104,7 @@ private:
     const std::filesystem::path manifestFile_;
     const std::string urlPrefix_;  // the text of the folder's URL and "/"
     std::shared_ptr<FolderLock> lock_;
-    std::string holder_;                 // who held the lock when this process wanted it; empty if nobody did
-    std::optional<FileFacts> manifest_;  // the manifest as this process last read or wrote it
+    std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
 };
 

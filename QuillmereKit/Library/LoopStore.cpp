@@ -121,36 +121,58 @@ std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::
 }
 
 void LoopStore::State::put(LoopArtifact artifact) {
+    const auto key = LoopKey::of(artifact.identity);
     const auto place = folder.placeOf(artifact.url);
+    unsaved.insert(key);
     table.put({std::move(artifact), place});
 }
 
-void LoopStore::State::write(const std::string& manifest) {
-    folder.requireLock();
-    while (!unsynced.empty()) {
-        folder.sync(unsynced.back());
-        unsynced.pop_back();
+void LoopStore::State::requireLock() {
+    if (folder.hasLock()) return;
+    folder.takeLock();
+    try {
+        if (folder.isManifestForeign()) catchUp();
+    } catch (...) {
+        folder.giveUpLock();  // what this process remembers must not be written over what others wrote
+        throw;
     }
-    folder.save(manifest);
+}
+
+// The library as it is on disk, with what this process has stored and could not save.
+void LoopStore::State::catchUp() {
+    LoopTable present;
+    if (!folder.load(present)) return;  // it is kept aside before the next save, and what is remembered is all there is
+    table.forEach([&](const StoredLoop& loop) {
+        const bool isOnlyHere = unsaved.contains(loop.key) || (!loop.isInside && present.find(loop.key) == nullptr);
+        if (!isOnlyHere || !LoopFolder::isRegularFile(loop.url)) return;
+        present.put({loop.artifact(), folder.placeOf(loop.url)});
+    });
+    table = std::move(present);
+}
+
+template <class MakeText>
+void LoopStore::State::write(const MakeText& makeText) {
+    try {
+        requireLock();
+        // Audio is durable before the manifest names it.
+        for (const auto key : unsaved) {
+            if (const auto* loop = table.find(key)) folder.sync(loop->url);
+        }
+        folder.save(makeText());
+    } catch (...) {
+        saveFailure = std::current_exception();
+        throw;
+    }
+    unsaved.clear();
     saveFailure = nullptr;
 }
 
 void LoopStore::State::save() {
-    try {
-        write(table.manifest());
-    } catch (...) {
-        saveFailure = std::current_exception();
-        throw;
-    }
+    write([&]() -> const std::string& { return table.manifest(); });
 }
 
 void LoopStore::State::savePretty() {
-    try {
-        write(table.prettyManifest());
-    } catch (...) {
-        saveFailure = std::current_exception();
-        throw;
-    }
+    write([&] { return table.prettyManifest(); });
 }
 
 void LoopStore::State::saveIgnoringFailure() noexcept {
@@ -169,9 +191,18 @@ bool LoopStore::State::tryDiscard(const Discard& discard, const FileURL& url) no
     }
 }
 
+bool LoopStore::State::tryDiscard(const Discard& discard, const std::filesystem::path& file,
+                                  const FileURL& url) noexcept {
+    try {
+        return discard(url.path() == file ? url : FileURL::fromPath(file));
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 bool LoopStore::State::mayChangeFiles() noexcept {
     try {
-        folder.requireLock();
+        requireLock();
         return true;
     } catch (const std::exception&) {
         saveFailure = std::current_exception();
@@ -263,7 +294,6 @@ std::size_t LoopStore::count(std::string_view moodID) const {
 
 void LoopStore::add(LoopArtifact artifact) {
     const std::lock_guard lock(state_->mutex);
-    state_->unsynced.push_back(artifact.url);
     state_->put(std::move(artifact));
     state_->saveIgnoringFailure();
 }
@@ -271,7 +301,6 @@ void LoopStore::add(LoopArtifact artifact) {
 void LoopStore::addPersistent(LoopArtifact artifact) {
     const std::lock_guard lock(state_->mutex);
     const auto key = LoopKey::of(artifact.identity);
-    state_->unsynced.push_back(artifact.url);
     state_->put(std::move(artifact));
     state_->savePretty();
     // The others are saved even if this piece cannot be; its caller has to know.
@@ -283,14 +312,14 @@ bool LoopStore::discardUnstored(const FileURL& url) {
     const std::lock_guard lock(state_->mutex);
     const auto& folder = state_->folder;
     const auto file = LoopFolder::fileOf(url);
-    if (!file || !folder.names(*file)) return false;
+    if (!file || !folder.names(*file) || !state_->mayChangeFiles()) return false;
     const auto place = standardPath(*file);
     UsedFiles used(folder);
     state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
-    if (used.contains(place) || !state_->mayChangeFiles()) return false;
+    if (used.contains(place)) return false;
 
     bool isRemoved = false;
-    if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place == *file ? url : FileURL::fromPath(place));
+    if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place, url);
     const auto parent = place.parent_path();
     if (folder.isFinishedWork(parent)) isRemoved = State::tryDiscard(discard_, FileURL::fromPath(parent)) || isRemoved;
     return isRemoved;

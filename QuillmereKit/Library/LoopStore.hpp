@@ -27,8 +27,9 @@ namespace quillmere {
 /// cannot be read, or of which entries were dropped, is kept beside the new one before the first save.
 ///
 /// One process writes: it holds a lock on ".lock" in the folder as long as any store is open on it. In another process
-/// the store loads, answers and plays, but removes nothing, and its saves fail with `LibraryInUse` until it is opened
-/// again. Stores of one process on one folder are views of the same library: what one adds, all see.
+/// the store loads, answers and plays, but removes nothing, and its saves fail with `LibraryInUse`; once the lock is
+/// free, the next change first takes in what the other process wrote, and keeps what this one could not save. Stores
+/// of one process on one folder are views of the same library: what one adds, all see.
 ///
 /// Thread-safe: one plain mutex for each folder, held for the whole of each operation. Two kinds of callables run under
 /// it and must not call back into a store: `discard`, and the predicate of `trash`.

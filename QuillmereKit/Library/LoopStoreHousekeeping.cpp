@@ -21,6 +21,7 @@ std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
     }
 
     const std::lock_guard lock(state_->mutex);
+    if (!state_->mayChangeFiles()) return 0;
     const auto& folder = state_->folder;
     std::vector<LoopKey> victims;
     std::vector<std::filesystem::path> files;
@@ -39,7 +40,7 @@ std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
             used.add(*loop);
         }
     }
-    if (victims.empty() || !state_->mayChangeFiles()) return 0;
+    if (victims.empty()) return 0;
 
     // An entry goes even where its file cannot be deleted: what the caller does not want is not offered again.
     std::erase_if(files, [&](const auto& file) { return used.contains(file); });
@@ -54,35 +55,38 @@ std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopAr
         LoopKey key;
         LoopArtifact artifact;
         std::filesystem::path file;
+        bool* isGone;
+        bool isUsed = false;  // by a piece that stays
     };
 
     const std::lock_guard lock(state_->mutex);
+    if (!state_->mayChangeFiles()) return {};
     const auto& folder = state_->folder;
     std::vector<Candidate> candidates;
+    std::unordered_map<std::string, bool> gone;  // by file: two pieces may share one
     UsedFiles used(folder);
     for (const auto* loop : state_->table.inOrder()) {
         auto artifact = loop->artifact();
         if (loop->isInside && predicate(artifact)) {
-            candidates.push_back({loop->key, std::move(artifact), folder.fileInside(*loop)});
+            auto file = folder.fileInside(*loop);
+            bool* isGone = &gone.try_emplace(file.native(), false).first->second;
+            candidates.push_back({loop->key, std::move(artifact), std::move(file), isGone});
         } else {
             used.add(*loop);
         }
     }
-    if (candidates.empty() || !state_->mayChangeFiles()) return {};
-
+    for (auto& candidate : candidates) candidate.isUsed = used.contains(candidate.file);
     std::vector<LoopKey> keys;
     std::vector<LoopArtifact> trashed;
     keys.reserve(candidates.size());
     trashed.reserve(candidates.size());
-    std::unordered_map<std::string, bool> gone;  // by file: two pieces may share one
+
+    // From the first file that moves on nothing can throw: its piece must not stay behind in the table.
     for (auto& candidate : candidates) {
-        const auto [outcome, isNew] = gone.try_emplace(candidate.file.native(), false);
-        if (isNew && !used.contains(candidate.file) && folder.owns(candidate.file)) {
-            const auto& url = candidate.artifact.url;
-            outcome->second =
-                State::tryDiscard(discard_, url.path() == candidate.file ? url : FileURL::fromPath(candidate.file));
+        if (!*candidate.isGone && !candidate.isUsed && folder.owns(candidate.file)) {
+            *candidate.isGone = State::tryDiscard(discard_, candidate.file, candidate.artifact.url);
         }
-        if (!outcome->second) continue;
+        if (!*candidate.isGone) continue;
         keys.push_back(candidate.key);
         trashed.push_back(std::move(candidate.artifact));
     }

@@ -145,7 +145,8 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     {
         const std::lock_guard lock(state.mutex);
         if (!isStillThere()) return false;
-        state.folder.requireLock();
+        state.requireLock();
+        if (!isStillThere()) return false;
         files = filesOf(state.folder.fileInside(*state.table.find(key)));
     }
 

@@ -66,6 +66,10 @@ struct LoopStore::State {
     /// Calls `discard`; an exception counts as false.
     [[nodiscard]] static bool tryDiscard(const Discard& discard, const FileURL& url) noexcept;
 
+    /// The same for a file at a standard path, named by `url` as far as that spells out the same path.
+    [[nodiscard]] static bool tryDiscard(const Discard& discard, const std::filesystem::path& file,
+                                         const FileURL& url) noexcept;
+
     /// Discards a file if it is the folder's own at this moment.
     void discardOwn(const Discard& discard, const std::filesystem::path& file) const noexcept;
 
@@ -78,7 +82,11 @@ struct LoopStore::State {
     void encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files, const Encode& encode,
                         const std::function<void()>& verify, const std::stop_token& stop);
 
-    /// Whether this process may change the folder; notes why not.
+    /// Makes sure that this process may change the folder. Where it could not until now, it first takes in what others
+    /// have written meanwhile: the table may be another one afterwards. Throws `LibraryInUse` or `FileError`.
+    void requireLock();
+
+    /// The same where the caller only wants to know; notes why not.
     [[nodiscard]] bool mayChangeFiles() noexcept;
 
     std::mutex mutex;
@@ -86,12 +94,14 @@ struct LoopStore::State {
     LoopTable table;
     std::unordered_set<LoopKey> bundledIDs;     // all seeds of the application's resources, imported now or earlier
     std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
-    std::vector<FileURL> unsynced;              // audio that could not be made durable yet, and must be before a save
+    std::set<LoopKey> unsaved;                  // pieces stored since the last save that succeeded
     std::exception_ptr saveFailure;             // of the last save; null if it succeeded
 
 private:
     bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);
-    void write(const std::string& manifest);
+    void catchUp();
+    template <class MakeText>
+    void write(const MakeText& makeText);
 };
 
 }  // namespace quillmere

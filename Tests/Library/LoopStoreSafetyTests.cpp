@@ -404,6 +404,10 @@ TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsNotCleanedPrunedOrTra
         EXPECT_EQ(names(), before);
     }
     EXPECT_THAT(discarded, IsEmpty());
+
+    open();
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    EXPECT_FALSE(std::filesystem::exists(folder / "Render-1"));
 }
 
 TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessTakesNoSeeds) {
@@ -418,21 +422,90 @@ TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessTakesNoSeeds) {
     EXPECT_EQ(open().count(), 1U);
 }
 
-TEST_F(LoopStoreSharingTests, StoreThatCameTooLateStaysReadOnlyUntilOpenedAgain) {
-    const auto mine = piece("deepcode");
+TEST_F(LoopStoreSharingTests, StoreThatCameLateTakesInWhatTheOtherProcessWrote) {
+    const auto both = piece("deepcode", 2, 1);
+    const auto pruned = piece("deepcode", 2, 2);
+    const auto mine = piece("deepcode", 2, 3);
     const auto theirs = piece("sprint");
-    {
-        auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
-        auto late = open();
-        writeManifest({theirs});
-        other.reset();
+    writeManifest({both, pruned});
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    late.add(mine);
+    ASSERT_TRUE(late.lastSaveError());
+    writeManifest({both, theirs});
+    std::filesystem::remove(pruned.url.path());
+    other.reset();
 
-        EXPECT_THROW(late.addPersistent(mine), LibraryInUse);
-        EXPECT_THAT(listedURLs(), ElementsAre(theirs.url.text()));
-    }
-    auto again = open();
-    again.addPersistent(mine);
-    EXPECT_THAT(listedURLs(), UnorderedElementsAre(mine.url.text(), theirs.url.text()));
+    const auto added = piece("winddown");
+    late.addPersistent(added);
+
+    EXPECT_THAT(listedURLs(),
+                UnorderedElementsAre(both.url.text(), mine.url.text(), theirs.url.text(), added.url.text()));
+    EXPECT_TRUE(late.contains(theirs.identity));
+    EXPECT_FALSE(late.contains(pruned.identity));
+    EXPECT_EQ(late.lastSaveError(), std::nullopt);
+    EXPECT_THAT(namesBeginning("manifest"), ElementsAre("manifest.json"));
+}
+
+TEST_F(LoopStoreSharingTests, StoreThatCameLateNeitherPrunesNorTrashesWhatItHasNotSeen) {
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    const auto theirs = piece("sprint");
+    const auto taken = piece(recording("sprint"));
+    writeManifest({theirs, taken});
+    other.reset();
+
+    EXPECT_EQ(late.prune({}), 1);
+
+    EXPECT_THAT(late.pool("sprint"), ElementsAre(taken));
+    EXPECT_THAT(listedURLs(), ElementsAre(taken.url.text()));
+}
+
+TEST_F(LoopStoreSharingTests, DamageThatTheOtherProcessLeftIsKeptAside) {
+    const auto stored = piece("deepcode");
+    writeManifest({stored});
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    writeManifest("damage");
+    other.reset();
+
+    late.addPersistent(piece("sprint"));
+
+    EXPECT_THAT(listedURLs(), SizeIs(2)) << "what this process remembers is all there is";
+    const auto kept = namesBeginning("manifest.unreadable-");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(home.content("Loops/" + kept.front()), "damage");
+}
+
+TEST_F(LoopStoreSharingTests, FolderReplacedByAnotherLibraryIsNotOverwrittenWithWhatIsRemembered) {
+    auto store = open();
+    store.add(piece("deepcode"));
+    std::filesystem::rename(folder, home.path() / "Old");
+    const auto theirs = piece("sprint");
+    writeManifest({theirs});
+    const auto added = piece("winddown");
+
+    store.addPersistent(added);
+
+    EXPECT_THAT(listedURLs(), UnorderedElementsAre(theirs.url.text(), added.url.text()));
+    EXPECT_EQ(store.count(), 2U);
+}
+
+TEST_F(LoopStoreSharingTests, LibraryWhoseLockFileCannotBeMadeIsReadAndItsSavesFail) {
+    const auto stored = piece("deepcode");
+    writeManifest({stored});
+    const auto before = manifestText();
+    std::filesystem::create_directory(folder / ".lock");
+    auto store = open();
+
+    EXPECT_TRUE(store.contains(stored.identity));
+    EXPECT_THROW(store.addPersistent(piece("sprint")), FileError);
+    EXPECT_EQ(store.prune({}), 0);
+    EXPECT_EQ(manifestText(), before);
+
+    std::filesystem::remove(folder / ".lock");
+    store.addPersistent(piece("sprint", 1));
+    EXPECT_THAT(listedURLs(), SizeIs(3));
 }
 
 TEST_F(LoopStoreSharingTests, LockIsFreeAgainWhenTheLastStoreIsClosed) {
