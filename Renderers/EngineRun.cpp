@@ -29,7 +29,7 @@ using Reason = EngineFailure::Reason;
 constexpr std::size_t errorTailBytes = 4096;
 
 /// The first words of a message, then the end of what the engine wrote to its standard error.
-std::string withTail(std::string text, const std::string& tail) {
+std::string withTail(const std::string& text, const std::string& tail) {
     return tail.empty() ? text + "." : text + ": " + tail;
 }
 
@@ -265,7 +265,7 @@ void EngineRun::readOutput(EngineListener& listener) {
     const auto bytes = readSome(output_, buffer_);
     if (!bytes) return;
     if (bytes->empty()) {
-        output_.close();
+        output_ = {};
         if (!lastLine_) lastLine_ = Clock::now();
         return;
     }
@@ -278,7 +278,7 @@ void EngineRun::readErrors() {
     const auto bytes = readSome(errorOutput_, buffer_);
     if (!bytes) return;
     if (bytes->empty()) {
-        errorOutput_.close();
+        errorOutput_ = {};
         return;
     }
     errors_.append(*bytes);
@@ -292,7 +292,7 @@ void EngineRun::readNotices() {
         if (size < 0 && errno == EINTR) continue;
         if (size < 0 && errno == EAGAIN) return;
         if (size != sizeof notice) {
-            control_.close();
+            control_ = {};
             return;
         }
         if (notice.kind == supervisor::Notice::Kind::started) {
@@ -380,7 +380,7 @@ void EngineRun::stop() noexcept {
     if (isStopping_) return;
     isStopping_ = true;
     request_ = {};
-    input_.close();
+    input_ = {};
     if (control_.isOpen()) ::shutdown(control_.number(), SHUT_WR);
 }
 

@@ -94,7 +94,7 @@ public:
         auto report = engineProtocol::report(line);
         if (!report) return Heard::nothing;
         if (auto* stage = std::get_if<GenerationStage>(&*report)) {
-            stage_ = std::move(*stage);
+            stage_ = *stage;
         } else if (auto* audio = std::get_if<engineProtocol::AudioLine>(&*report)) {
             audio_ = std::move(audio->json);
         } else {
@@ -361,7 +361,7 @@ LoopArtifact ProcessRenderer::render(const LoopIdentity& identity, double second
                           .url = FileURL::fromPath(store_->directory() / name),
                           .seconds = static_cast<double>(frames) / engineProtocol::sampleRate,
                           .seamDB = result.seamDB,
-                          .quality = std::move(quality),
+                          .quality = quality,
                           .leadIn = result.leadIn,
                           .engineBuild = std::move(engine),
                           .origin = options_.origin};

@@ -93,7 +93,7 @@ RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCa
 
 RenderFolder::~RenderFolder() {
     try {
-        for (auto& spare : spare_) spare.close();
+        spare_ = {};
         const auto path = presentPath(folder_).value_or(path_);
         Descriptor elsewhere;
         if (path.parent_path() != presentPath(store_)) elsewhere = systemCalls::openFolder(path.parent_path());
@@ -102,7 +102,7 @@ RenderFolder::~RenderFolder() {
         const std::string name = path.filename().string();
         if (systemCalls::statusAt(parent.number(), name.c_str(), present)) return;  // an engine removed it
         if (!isSameFile(present, statusOf(folder_, path))) return;
-        folder_.close();
+        folder_ = {};
         systemCalls::removeFolderAt(parent.number(), name.c_str(), path);
     } catch (const std::exception&) {
         // Nobody could act on it. What is left is a dead run's, and removed at the next start.
