@@ -414,7 +414,10 @@ void JSONWriter::sortMembers() {
         scratch_.assign(text_, start, size_ - start);
         const std::size_t gap = first->end - start;  // all gaps between two members are alike
         const std::string_view separator = std::string_view(scratch_).substr(gap, (first + 1)->start - first->end);
-        std::ranges::stable_sort(first, members_.end(), {}, keyOf);
+        std::sort(first, members_.end(), [&](const Member& a, const Member& b) {
+            const int order = keyOf(a).compare(keyOf(b));
+            return order != 0 ? order < 0 : a.start < b.start;
+        });
         size_ = start;
         for (auto member = first; member != members_.end(); ++member) {
             if (member != first) append(separator);

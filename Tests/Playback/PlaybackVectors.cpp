@@ -25,7 +25,7 @@ nlohmann::json numberOf(const LoopArtifact* artifact) {
 QUILLMERE_VECTOR_TEST(SeededGenerator, "generator") {
     SeededGenerator generator{std::stoull(vector["state"].get<std::string>())};
 
-    for (const auto& draw : vector["draws"]) EXPECT_EQ(std::to_string(generator.next()), draw);
+    for (const auto& draw : vector["draws"]) EXPECT_EQ(std::to_string(generator.next()), draw.get<std::string>());
 }
 
 QUILLMERE_VECTOR_TEST(Playlist, "playlists") {
@@ -40,10 +40,10 @@ QUILLMERE_VECTOR_TEST(Playlist, "playlists") {
         if (vector["appendAfterStep"] == step) playlist.append(segment(count));
     }
 
-    EXPECT_EQ(playlist.rounds(), vector["rounds"]);
+    EXPECT_EQ(playlist.rounds(), vector["rounds"].get<std::int64_t>());
     EXPECT_EQ(nlohmann::json(playlist.order()), vector["order"]);
-    EXPECT_EQ(playlist.cursor(), vector["cursor"]);
-    EXPECT_EQ(std::to_string(playlist.rng().state), vector["state"]);
+    EXPECT_EQ(playlist.cursor(), vector["cursor"].get<std::size_t>());
+    EXPECT_EQ(std::to_string(playlist.rng().state), vector["state"].get<std::string>());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <map>
 #include <numeric>
 
@@ -144,7 +145,7 @@ TEST(PlaylistTests, UpcomingAtTheEndOfARoundNamesTheFirstOfThePresentOne) {
 
 TEST(SeededGeneratorTests, BoundedDrawsStayBelowTheBoundAndReachEveryValue) {
     SeededGenerator generator{5};
-    for (const std::uint64_t bound : {1, 2, 3, 10}) {
+    for (const std::uint64_t bound : std::initializer_list<std::uint64_t>{1, 2, 3, 10}) {
         std::vector<int> counts(bound);
         for (int i = 0; i < 4000; ++i) ++counts.at(generator.below(bound));
         for (const int count : counts) EXPECT_NEAR(count, 4000.0 / static_cast<double>(bound), 200);
