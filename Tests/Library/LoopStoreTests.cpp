@@ -558,8 +558,9 @@ TEST_F(LoopStoreDiscardTests, FileOfAPieceIsRefusedHoweverItIsSpelled) {
     std::filesystem::create_directory(folder / "sub");
 
     std::string escaped;
-    for (const unsigned char c : name) {
+    for (const char character : name) {
         constexpr auto digits = "0123456789abcdef";
+        const auto c = static_cast<unsigned char>(character);
         escaped += {'%', digits[c >> 4], digits[c & 15]};
     }
     const auto base = "file://" + folder.native() + "/";
