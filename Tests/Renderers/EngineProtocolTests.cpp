@@ -92,9 +92,10 @@ TEST(EngineProtocolTests, NullIsAbsence) {
 TEST(EngineProtocolTests, ABuildIsAShortTextOnOneLine) {
     EXPECT_EQ(decodeJSON<Build>(R"({"engineBuild":"tonebed-1"})").text, "tonebed-1");
     EXPECT_EQ(decodeJSON<Build>(R"({"engineBuild":")" + std::string(200, 'x') + R"("})").text, std::string(200, 'x'));
-    EXPECT_THROW(decodeJSON<Build>(R"({"engineBuild":")" + std::string(201, 'x') + R"("})"), JSONError);
-    EXPECT_THROW(decodeJSON<Build>(R"({"engineBuild":"a\u0000"})"), JSONError);
-    EXPECT_THROW(decodeJSON<Build>(R"({"engineBuild":"a\u007f"})"), JSONError);
+    EXPECT_THROW(static_cast<void>(decodeJSON<Build>(R"({"engineBuild":")" + std::string(201, 'x') + R"("})")),
+                 JSONError);
+    EXPECT_THROW(static_cast<void>(decodeJSON<Build>(R"({"engineBuild":"a\u0000"})")), JSONError);
+    EXPECT_THROW(static_cast<void>(decodeJSON<Build>(R"({"engineBuild":"a\u007f"})")), JSONError);
 }
 
 }  // namespace
