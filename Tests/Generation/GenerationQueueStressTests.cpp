@@ -614,7 +614,8 @@ TEST(GenerationQueueStressTests, FreelyRunningCallersNeverBreakTheRules) {
         const auto renderer = std::make_shared<CapriciousRenderer>(static_cast<std::uint32_t>(run), store);
         EventLog log;
         {
-            std::mt19937 handlersRandom(static_cast<std::uint32_t>(run));  // outlives the queue, which calls the handler
+            std::mt19937 handlersRandom(
+                static_cast<std::uint32_t>(run));  // outlives the queue, which calls the handler
             GenerationQueue queue(renderer, store, 120);
             queue.observeEvents([&](const Event& event) {
                 log.add(event);
