@@ -276,6 +276,22 @@ std::optional<LoopArtifact> LoopStore::artifact(const LoopIdentity& identity) co
     return loop ? std::optional(loop->artifact()) : std::nullopt;
 }
 
+std::optional<LoopArtifact> LoopStore::artifact(std::string_view fingerprint) const {
+    const auto key = LoopKey::fromText(fingerprint);
+    if (!key) return std::nullopt;
+    const std::lock_guard lock(state_->mutex);
+    const auto* loop = state_->table.find(*key);
+    return loop ? std::optional(loop->artifact()) : std::nullopt;
+}
+
+std::vector<LoopArtifact> LoopStore::all() const {
+    const std::lock_guard lock(state_->mutex);
+    std::vector<LoopArtifact> pieces;
+    pieces.reserve(state_->table.count());
+    for (const auto* loop : state_->table.inOrder()) pieces.push_back(loop->artifact());
+    return pieces;
+}
+
 bool LoopStore::contains(const LoopIdentity& identity) const {
     const auto key = LoopKey::of(identity);
     const std::lock_guard lock(state_->mutex);

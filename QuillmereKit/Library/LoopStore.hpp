@@ -75,6 +75,10 @@ public:
 
     /// The stored piece with this identity's fingerprint.
     [[nodiscard]] std::optional<LoopArtifact> artifact(const LoopIdentity& identity) const;
+    /// The stored piece with exactly this fingerprint.
+    [[nodiscard]] std::optional<LoopArtifact> artifact(std::string_view fingerprint) const;
+    /// All stored pieces, sorted by fingerprint, ascending.
+    [[nodiscard]] std::vector<LoopArtifact> all() const;
     /// Whether a piece with this identity's fingerprint is stored.
     [[nodiscard]] bool contains(const LoopIdentity& identity) const;
     /// How many pieces are stored.

@@ -68,6 +68,26 @@ TEST_F(LoopStoreTests, AddedPieceIsFoundByItsIdentity) {
     EXPECT_EQ(store.lastSaveError(), std::nullopt);
 }
 
+TEST_F(LoopStoreTests, PieceIsFoundByItsExactFingerprint) {
+    auto store = open();
+    const auto rain = piece("deepcode");
+    store.add(rain);
+
+    EXPECT_EQ(store.artifact(rain.id()), rain);
+    EXPECT_EQ(store.artifact(rain.id().substr(0, 15)), std::nullopt);
+    EXPECT_EQ(store.artifact(rain.id() + " "), std::nullopt);
+    EXPECT_EQ(store.artifact(identity("deepcode", 2, 2).fingerprint()), std::nullopt);
+}
+
+TEST_F(LoopStoreTests, AllPiecesComeByFingerprintWhateverTheirMood) {
+    auto store = open();
+    EXPECT_THAT(store.all(), IsEmpty());
+    std::vector<LoopArtifact> pieces = {piece("deepcode", 0), piece("my-unknown", 1), piece("sprint", 2)};
+    for (const auto& one : pieces) store.add(one);
+
+    EXPECT_EQ(store.all(), byFingerprint(pieces));
+}
+
 TEST_F(LoopStoreTests, CountsPiecesOfAMoodByItsExactName) {
     auto store = open();
     store.add(piece("deepcode", 0));
