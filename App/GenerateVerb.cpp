@@ -1,18 +1,12 @@
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <array>
+#include <atomic>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <map>
-#include <mutex>
 
+#include "App/EndOfWork.hpp"
 #include "App/EngineCommand.hpp"
 #include "App/EventText.hpp"
 #include "App/Host.hpp"
@@ -35,56 +29,15 @@ struct GenerateOptions {
     std::int64_t count = 1;
     std::optional<std::int64_t> seed;
     double seconds = trackSeconds;
-    GenerationModel model = GenerationModel::medium;
+    std::optional<GenerationModel> model;
     GenerationEngine runtime = GenerationEngine::mlx;
-    GenerationPace pace = GenerationPace::fast;
+    std::optional<GenerationPace> pace;
+    std::optional<double> breakSeconds;
     std::string engine;
 };
 
-// A wake-up that any thread can give and one waits for, together with the signals that ask the program to end.
-class EndOfWork {
-public:
-    EndOfWork() {
-        // Blocked before any thread is started, so that every thread inherits it and only this descriptor hears them.
-        sigset_t signals;
-        sigemptyset(&signals);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        signals_ = signalfd(-1, &signals, SFD_CLOEXEC);
-        wake_ = eventfd(0, EFD_CLOEXEC);
-        if (signals_ < 0 || wake_ < 0) throw Error("The system gave no descriptor: " + std::string(strerror(errno)));
-    }
-    ~EndOfWork() {
-        close(signals_);
-        close(wake_);
-    }
-    EndOfWork(const EndOfWork&) = delete;
-    EndOfWork& operator=(const EndOfWork&) = delete;
-
-    void announce() const {
-        const std::uint64_t one = 1;
-        while (write(wake_, &one, sizeof one) < 0 && errno == EINTR) {
-        }
-    }
-
-    /// Waits for `announce` (true) or for a signal (false).
-    [[nodiscard]] bool wait() const {
-        std::array<pollfd, 2> waits{{{wake_, POLLIN, 0}, {signals_, POLLIN, 0}}};
-        while (poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
-        }
-        if ((waits[0].revents & POLLIN) != 0) return true;
-        signalfd_siginfo taken{};
-        while (read(signals_, &taken, sizeof taken) < 0 && errno == EINTR) {
-        }
-        return false;
-    }
-
-private:
-    int signals_ = -1;
-    int wake_ = -1;
-};
-
-// Generates the asked pieces one after another; each is asked for from inside the event that ends the one before.
+// Generates the asked pieces one after another. Without a break between them each is asked for from inside the event
+// that ends the one before; else when the break is over.
 class Generation {
 public:
     Generation(const GenerateOptions& options, const Mood& mood, Host& host)
@@ -92,6 +45,9 @@ public:
           mood_(mood),
           host_(host),
           store_(host.writableStore()),
+          model_(options.model.value_or(host.settingsFile().settings().model)),
+          pace_(options.pace.value_or(host.settingsFile().settings().pace)),
+          breakSeconds_(options.breakSeconds.value_or(interval(pace_))),
           seed_(options.seed.value_or(randomSeed())) {
         auto backends = std::make_shared<GenerationBackends>();
         auto command = options.engine.empty() ? defaultEngineCommand() : splitCommand(options.engine);
@@ -106,10 +62,20 @@ public:
     void run() {
         queue_->observeEvents([this](const GenerationQueue::Event& event) { take(event); });
         requestNext();
-        while (!end_.wait()) {
-            isInterrupted_ = true;
-            line_.clear();
-            queue_->cancelAll();
+        while (!isOver_ && !(isInterrupted_ && isBreak_)) {
+            const auto longest = isBreak_ ? std::optional(breakTime()) : std::nullopt;
+            switch (end_.wait(longest)) {
+                case EndOfWork::Reason::announced: break;
+                case EndOfWork::Reason::timeout:
+                    isBreak_ = false;
+                    requestNext();
+                    break;
+                case EndOfWork::Reason::signal:
+                    isInterrupted_ = true;
+                    line_.clear();
+                    if (!isBreak_) queue_->cancelAll();
+                    break;
+            }
         }
         queue_.reset();
         line_.clear();
@@ -125,10 +91,10 @@ private:
     }
 
     void requestNext() {
-        const auto model = identityModel(options_.runtime, options_.model);
+        const auto model = identityModel(options_.runtime, model_);
         const auto identity = mood_.identity(BlendStep(options_.blend), seed_ + done_, model);
         isNew_ = false;
-        queue_->request(identity.value(), options_.pace);
+        queue_->request(identity.value(), pace_);
     }
 
     // On the queue's own thread.
@@ -147,16 +113,35 @@ private:
             report(finished->piece);
             ++done_;
             if (store_->lastSaveError() || done_ == options_.count || isInterrupted_) {
-                end_.announce();
+                end();
+            } else if (isNew_ && breakTime().count() > 0) {
+                takeBreak();
             } else {
                 requestNext();
             }
         } else if (const auto* failed = std::get_if<Progress::Failed>(&value)) {
             failure_ = failed->message;
-            end_.announce();
+            end();
         } else if (std::holds_alternative<Progress::Idle>(value)) {
-            end_.announce();
+            end();
         }
+    }
+
+    void end() {
+        isOver_ = true;
+        end_.announce();
+    }
+
+    // Nothing runs until the main thread asks for the next piece.
+    void takeBreak() {
+        const auto seconds = std::llround(breakSeconds_);
+        if (!host_.json) line_.show(heading() + GenerationActivity(GenerationActivity::Waiting{seconds}).label(), 0);
+        isBreak_ = true;
+        end_.announce();
+    }
+
+    [[nodiscard]] std::chrono::milliseconds breakTime() const {
+        return std::chrono::milliseconds(std::llround(breakSeconds_ * 1000));
     }
 
     [[nodiscard]] std::string heading() const {
@@ -185,11 +170,16 @@ private:
     const Mood& mood_;
     Host& host_;
     const std::shared_ptr<LoopStore> store_;
+    const GenerationModel model_;
+    const GenerationPace pace_;
+    const double breakSeconds_;
     const std::int64_t seed_;
     ProgressLine line_;
     std::int64_t done_ = 0;
     bool isNew_ = false;
     std::atomic<bool> isInterrupted_ = false;
+    std::atomic<bool> isBreak_ = false;
+    std::atomic<bool> isOver_ = false;
     std::optional<std::string> failure_;
     std::unique_ptr<GenerationQueue> queue_;  // last, so that it ends before what its handler uses goes
 };
@@ -205,10 +195,8 @@ Mood chosenMood(const std::string& id) {
     }
     std::vector<std::string> known;
     for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.push_back(mood.id);
-    const auto near = suggestion(id, known);
-    throw CLI::ValidationError("--mood",
-                               "there is no mood \"" + safeForTerminal(id) + "\"." +
-                                   (near ? " Did you mean \"" + *near + "\"?" : " 'quillmere moods' lists them."));
+    throw CLI::ValidationError("--mood", "there is no mood \"" + safeForTerminal(id) + "\"." +
+                                             didYouMean(id, known, " 'quillmere moods' lists them."));
 }
 
 }  // namespace
@@ -232,20 +220,20 @@ void addGenerateVerb(CLI::App& app, Host& host) {
     verb.add_option("--seconds", options->seconds, "Length of a piece, up to 120")
         ->check(CLI::Range(1.0, trackSeconds))
         ->default_str("120");
-    verb.add_option("--model", options->model, "The model that makes the identity")
+    verb.add_option("--model", options->model, "The model that makes the identity (default: the setting)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationModel>{
-            {"medium", GenerationModel::medium}, {"small-music", GenerationModel::smallMusic}}))
-        ->default_str("medium");
+            {"medium", GenerationModel::medium}, {"small-music", GenerationModel::smallMusic}}));
     verb.add_option("--runtime", options->runtime, "The runtime that makes the identity")
         ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationEngine>{
             {"standard", GenerationEngine::mlx}, {"background", GenerationEngine::stableAudioCoreML}}))
         ->default_str("standard");
-    verb.add_option("--pace", options->pace, "How hard the computer may work")
+    verb.add_option("--pace", options->pace, "How hard the computer may work (default: the setting)")
         ->transform(
             CLI::CheckedTransformer(std::map<std::string, GenerationPace>{{"gentle", GenerationPace::gentle},
                                                                           {"background", GenerationPace::background},
-                                                                          {"fast", GenerationPace::fast}}))
-        ->default_str("fast");
+                                                                          {"fast", GenerationPace::fast}}));
+    verb.add_option("--break", options->breakSeconds, "Seconds of rest between two pieces (default: the pace's own)")
+        ->check(CLI::Range(0.0, 86400.0));
     verb.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

@@ -57,10 +57,20 @@ const std::shared_ptr<LoopStore>& Host::writableStore() {
     return store();
 }
 
+SettingsFile& Host::settingsFile() {
+    if (!settings_) {
+        settings_.emplace();
+        for (const auto& problem : settings_->problems()) warn(problem);
+    }
+    return *settings_;
+}
+
 void Host::fail(ExitCode code, std::string_view message) {
-    std::fprintf(stderr, "quillmere: %s\n", safeForTerminal(message).c_str());
+    warn(message);
     exitCode = code;
 }
+
+void Host::warn(std::string_view message) { std::fprintf(stderr, "quillmere: %s\n", safeForTerminal(message).c_str()); }
 
 void addHomeOption(CLI::App& verb, Host& host) {
     verb.add_option("--home", host.home, "Keep everything in this folder instead of the user's own")

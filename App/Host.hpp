@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "App/ExitCode.hpp"
+#include "App/SettingsFile.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 
@@ -34,15 +35,22 @@ public:
     /// is done.
     [[nodiscard]] const std::shared_ptr<LoopStore>& writableStore();
 
+    /// The user's choices, read on first use; what could not be read of them is then said on standard error.
+    [[nodiscard]] SettingsFile& settingsFile();
+
     /// Where the loop library lies.
     [[nodiscard]] std::filesystem::path libraryFolder() const;
 
     /// Says on standard error why something failed and notes how the program will end.
     void fail(ExitCode code, std::string_view message);
 
+    /// Says something on standard error that does not change how the program will end.
+    static void warn(std::string_view message);
+
 private:
     std::shared_ptr<FolderLock> lock_;
     std::shared_ptr<LoopStore> store_;
+    std::optional<SettingsFile> settings_;
 };
 
 /// The options `--home`, `--library` and `--json`, in every verb that takes them.

@@ -26,6 +26,8 @@ int run(int argumentCount, char** arguments) {
     Host host;
     quillmere::app::addMoodsVerb(app, host);
     quillmere::app::addGenerateVerb(app, host);
+    quillmere::app::addScheduleVerb(app, host);
+    quillmere::app::addSettingsVerb(app, host);
 
     try {
         app.parse(argumentCount, arguments);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include "App/Terminal.hpp"
+
 namespace quillmere::app {
 namespace {
 
@@ -36,6 +38,11 @@ std::optional<std::string> suggestion(std::string_view word, const std::vector<s
         }
     }
     return best;
+}
+
+std::string didYouMean(std::string_view word, const std::vector<std::string>& candidates, std::string_view otherwise) {
+    const auto near = suggestion(word, candidates);
+    return near ? " Did you mean \"" + safeForTerminal(*near) + "\"?" : std::string(otherwise);
 }
 
 }  // namespace quillmere::app

@@ -11,4 +11,8 @@ namespace quillmere::app {
 /// most a third of the word).
 [[nodiscard]] std::optional<std::string> suggestion(std::string_view word, const std::vector<std::string>& candidates);
 
+/// " Did you mean "word"?" where a candidate is close, else `otherwise`. Safe for a terminal.
+[[nodiscard]] std::string didYouMean(std::string_view word, const std::vector<std::string>& candidates,
+                                     std::string_view otherwise = {});
+
 }  // namespace quillmere::app
