@@ -220,21 +220,26 @@ bool LoopFolder::load(LoopTable& table) {
     const bool isWhole = table.fill(std::move(artifacts), places) && isAllInside;
     if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
 
-    // Without a readable manifest nobody knows what the folder's files are for.
-    const bool isReadable = reasonToKeep_ != unreadable;
-    if (lock_ && isReadable) cleanLeftovers(listing, table);
-    return isReadable;
-}
-
-void LoopFolder::cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const {
-    std::vector<std::filesystem::path> files;
-    std::vector<std::filesystem::path> folders;
-    for (const auto& entry : listing) {
+    std::erase_if(listing, [](const FolderEntry& entry) {
         const bool isFile = entry.kind == FileFacts::Kind::regular && isTemporaryFileName(entry.name);
         const bool isWork = entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix);
-        if (isFile) files.push_back(path() / entry.name);
+        return !isFile && !isWork;
+    });
+    leftovers_ = std::move(listing);
+    return reasonToKeep_ != unreadable;
+}
+
+void LoopFolder::cleanLeftovers(const LoopTable& table) {
+    const auto leftovers = std::exchange(leftovers_, {});
+    // Without a readable manifest nobody knows what the folder's files are for.
+    if (!lock_ || reasonToKeep_ == unreadable) return;
+    std::vector<std::filesystem::path> files;
+    std::vector<std::filesystem::path> folders;
+    for (const auto& entry : leftovers) {
+        const auto place = path() / entry.name;
+        if (entry.kind == FileFacts::Kind::regular) files.push_back(place);
         // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
-        if (isWork && isFree(path() / entry.name / lockName)) folders.push_back(path() / entry.name);
+        if (entry.kind == FileFacts::Kind::folder && isFree(place / lockName)) folders.push_back(place);
     }
     if (files.empty() && folders.empty()) return;
 

@@ -73,10 +73,14 @@ public:
     /// Flushes a piece's file and its name to the disk if the folder owns it. Throws `FileError`.
     void sync(const FileURL& url) const;
 
-    /// Fills an empty table with the entries of the manifest whose files exist as regular files, and removes what dead
-    /// processes left in the folder if this one may write in it. Returns whether the manifest could be read; a missing
-    /// one is an empty one. A manifest that cannot be read, or not be kept whole, is kept aside before the next save.
+    /// Fills an empty table with the entries of the manifest whose files exist as regular files. Returns whether the
+    /// manifest could be read; a missing one is an empty one. A manifest that cannot be read, or not be kept whole, is
+    /// kept aside before the next save.
     bool load(LoopTable& table);
+
+    /// Removes what dead processes had left in the folder when it was loaded, if this one may write in it and the
+    /// manifest could be read: temporary files, and working folders whose lock file is free. Spares what an entry uses.
+    void cleanLeftovers(const LoopTable& table);
 
     /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
     [[nodiscard]] bool hasLock() const noexcept { return lock_ && lock_->isInForce(); }
@@ -98,7 +102,6 @@ private:
     [[nodiscard]] std::optional<FileFacts> factsOfOwn(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] std::vector<LoopArtifact> readManifest();
-    void cleanLeftovers(const std::vector<FolderEntry>& listing, const LoopTable& table) const;
 
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;
@@ -106,6 +109,7 @@ private:
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
+    std::vector<FolderEntry> leftovers_;            // what loading found that may be a dead process's
 };
 
 }  // namespace quillmere

@@ -27,6 +27,11 @@ std::filesystem::path defaultDirectory() {
     return *data / "Loops";
 }
 
+std::filesystem::path directoryFrom(const std::optional<std::filesystem::path>& given) {
+    precondition(!given || !given->empty(), "a loop store's folder has a path");
+    return standardPath(std::filesystem::absolute(given ? *given : defaultDirectory()));
+}
+
 bool discardToTrash(const FileURL& url) {
     const auto file = LoopFolder::fileOf(url);
     return file && moveToTrash(*file);
@@ -99,7 +104,10 @@ bool UsedFiles::contains(const std::filesystem::path& file) const {
     return !realFolder_.empty() && paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
 }
 
-LoopStore::State::State(std::filesystem::path directory) : folder(std::move(directory)) { folder.load(table); }
+LoopStore::State::State(std::filesystem::path directory) : folder(std::move(directory)) {
+    folder.load(table);
+    folder.cleanLeftovers(table);
+}
 
 std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::path& directory) {
     // Never destroyed: a shared store may be opened or closed while the process ends.
@@ -141,13 +149,16 @@ void LoopStore::State::requireLock() {
 // The library as it is on disk, with what this process has stored and could not save.
 void LoopStore::State::catchUp() {
     LoopTable present;
-    if (!folder.load(present)) return;  // it is kept aside before the next save, and what is remembered is all there is
+    // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
+    if (!folder.load(present)) return;
     table.forEach([&](const StoredLoop& loop) {
-        const bool isOnlyHere = unsaved.contains(loop.key) || (!loop.isInside && present.find(loop.key) == nullptr);
-        if (!isOnlyHere || !LoopFolder::isRegularFile(loop.url)) return;
-        present.put({loop.artifact(), folder.placeOf(loop.url)});
+        if (loop.isInside && !unsaved.contains(loop.key)) return;
+        // The other process may have moved the piece to another file since.
+        const bool isOutdated = present.find(loop.key) != nullptr && !LoopFolder::isRegularFile(loop.url);
+        if (!isOutdated) present.put({loop.artifact(), folder.placeOf(loop.url)});
     });
     table = std::move(present);
+    folder.cleanLeftovers(table);
 }
 
 template <class MakeText>
@@ -259,8 +270,7 @@ const std::shared_ptr<LoopStore>& LoopStore::shared() {
 }
 
 LoopStore::LoopStore(std::optional<std::filesystem::path> directory, ResourceBundle bundle, Discard discard)
-    : state_(State::open(standardPath(std::filesystem::absolute(directory ? *directory : defaultDirectory())))),
-      discard_(discard ? std::move(discard) : discardToTrash) {
+    : state_(State::open(directoryFrom(directory))), discard_(discard ? std::move(discard) : discardToTrash) {
     const std::lock_guard lock(state_->mutex);
     state_->mergeSeeds(bundle);
 }
@@ -321,7 +331,7 @@ void LoopStore::addPersistent(LoopArtifact artifact) {
     state_->savePretty();
     // The others are saved even if this piece cannot be; its caller has to know.
     const auto* loop = state_->table.find(key);
-    if (!loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
+    if (loop && !loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
 }
 
 bool LoopStore::discardUnstored(const FileURL& url) {

@@ -447,6 +447,41 @@ TEST_F(LoopStoreSharingTests, StoreThatCameLateTakesInWhatTheOtherProcessWrote) 
     EXPECT_THAT(namesBeginning("manifest"), ElementsAre("manifest.json"));
 }
 
+TEST_F(LoopStoreSharingTests, TakingInPrefersTheFileThatIsThere) {
+    const auto wav = piece("deepcode");
+    const auto moved = wav.withURL(FileURL::fromPath(home.putFile("Loops/moved.m4a", "RIFF")));
+    const auto fileless = artifactAt(identity("sprint"), FileURL::fromPath(folder / "none.wav"));
+    writeManifest({wav});
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    EXPECT_THROW(late.setLoudness({.integratedLUFS = -18.0, .peak = 1, .seconds = 1}, wav), LibraryInUse);
+    writeManifest({moved});
+    std::filesystem::remove(wav.url.path());
+    other.reset();
+
+    late.addPersistent(fileless);
+
+    EXPECT_EQ(late.artifact(wav.identity), moved);
+    EXPECT_EQ(late.artifact(fileless.identity), fileless);
+}
+
+TEST_F(LoopStoreSharingTests, PieceThatCouldNotBeSavedYetGuardsItsWorkingFolder) {
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    home.putFile("Loops/Render-1/.lock", "");
+    home.putFile("Loops/Render-2/.lock", "");
+    const auto mine = artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/Render-1/a.wav", "RIFF")));
+    late.add(mine);
+    writeManifest("[]");
+    other.reset();
+
+    late.add(piece("deepcode"));
+
+    EXPECT_TRUE(std::filesystem::exists(mine.url.path()));
+    EXPECT_FALSE(std::filesystem::exists(folder / "Render-2"));
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
 TEST_F(LoopStoreSharingTests, StoreThatCameLateNeitherPrunesNorTrashesWhatItHasNotSeen) {
     auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
     auto late = open();
@@ -671,6 +706,10 @@ TEST_F(LoopStoreLeftoverTests, SecondStoreOfTheProcessCleansNothing) {
     const auto second = open();
 
     EXPECT_TRUE(std::filesystem::exists(folder / name));
+}
+
+TEST_F(LoopStoreSafetyTests, EmptyPathIsAProgrammingError) {
+    EXPECT_DEATH(LoopStore(std::filesystem::path(), ResourceBundle(home.path())), "folder has a path");
 }
 
 // MARK: threads
