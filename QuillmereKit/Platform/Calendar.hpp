@@ -25,7 +25,9 @@ public:
     /// The calendar of a zone by its IANA name, such as "Europe/Berlin"; nothing if the system does not know it.
     [[nodiscard]] static std::optional<Calendar> inZone(std::string_view name);
 
-    /// The user's zone: what `TZ` names if it names one, else the system's, else UTC.
+    /// The user's zone: what `TZ` names if it names one ("Europe/Berlin", ":Europe/Berlin" or the path of a file of
+    /// zone data; empty is UTC), else the system's, else UTC. A rule of POSIX such as "CET-1CEST" names none. Reads the
+    /// process's environment.
     [[nodiscard]] static Calendar current();
 
     /// What a clock in the zone shows at `date`.
@@ -33,9 +35,10 @@ public:
 
     /// The next moment strictly after `date` at which the clock shows `hour`:`minute`:00. A time that the
     /// clock skips counts as the first moment after the gap; one that comes twice counts once, the first time.
+    /// Nothing if `hour` is not in 0...23, `minute` not in 0...59, or no `Date` can hold the moment.
     [[nodiscard]] std::optional<Date> next(int hour, int minute, Date date) const;
 
-    /// The last such moment strictly before `date`.
+    /// The last such moment strictly before `date`, or nothing for the same reasons.
     [[nodiscard]] std::optional<Date> previous(int hour, int minute, Date date) const;
 
     /// The zone's name.

@@ -18,7 +18,7 @@ class JSONWriter;
 /// is `%XX` in upper case. A plain value; equality is that of the text.
 class FileURL {
 public:
-    /// The URL of an absolute path. `path` is taken as bytes.
+    /// The URL of a path, taken as bytes; a relative one counts from the current folder.
     [[nodiscard]] static FileURL fromPath(const std::filesystem::path& path);
 
     /// The URL with this text, or nothing where the text is no URL at all (the empty text).
@@ -30,7 +30,8 @@ public:
     /// Whether the scheme is `file`, compared without regard to case.
     [[nodiscard]] bool isFile() const noexcept;
 
-    /// The decoded path part, without host, query and fragment.
+    /// The decoded path part, without host, query and fragment. A "%" without two hexadecimal digits stands for itself.
+    /// Empty if the path holds a zero byte: the system would see only what is before it, and so another file.
     [[nodiscard]] std::filesystem::path path() const;
 
     /// The path made standard: `//`, `.` and `..` removed by text alone; links are not followed.

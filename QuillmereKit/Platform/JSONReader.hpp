@@ -80,6 +80,7 @@ public:
     [[nodiscard]] std::vector<std::pair<std::string_view, JSONValue>> members() const;
 
     /// The value written again as compact JSON in its own key order: what a caller keeps of a value it does not know.
+    /// Numbers that neither 64 bits nor a double can hold keep their own text.
     [[nodiscard]] std::string text() const;
 
 private:
@@ -109,7 +110,8 @@ private:
 /// any size may stand where nobody asks for them. Movable; owns all text handed out.
 class JSONDocument {
 public:
-    /// Throws `JSONError` if `text` is not JSON.
+    /// Throws `JSONError` if `text` is not JSON, is nested absurdly deep or beyond 4 GiB. Takes several bytes of memory
+    /// for each of the text while it runs.
     [[nodiscard]] static JSONDocument parse(std::string_view text);
 
     /// Reads and parses a regular file of at most `limit` bytes. Throws `FileError` or `JSONError`. Blocks on disk.

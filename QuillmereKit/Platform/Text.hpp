@@ -14,7 +14,8 @@ namespace quillmere {
 [[nodiscard]] bool isValidUTF8(std::string_view text) noexcept;
 
 /// Whether every user-perceived character (extended grapheme cluster, UAX #29) of `text` is a Unicode
-/// letter or digit or "-". False for text that is not UTF-8; true for the empty text.
+/// letter or digit or "-". A cluster is a letter or digit when its first scalar is of the general categories L or N;
+/// "-" counts only without marks. False for text that is not UTF-8; true for the empty text.
 [[nodiscard]] bool consistsOfLettersDigitsAndHyphens(std::string_view text);
 
 /// A whole text of one or more ASCII digits as a number, leading zeros allowed; nothing for any other

@@ -15,7 +15,7 @@ namespace quillmere {
 struct UUID {
     std::array<std::uint8_t, 16> bytes{};  ///< The bits, most significant first.
 
-    /// A fresh random identifier, version 4. Thread-safe.
+    /// A fresh random identifier, version 4. Thread-safe. Stops the process if the system has no random numbers.
     [[nodiscard]] static UUID random();
 
     /// Reads the canonical form of 36 characters, in either case; anything else gives nothing.
