@@ -9,17 +9,29 @@ extern "C" {
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
+
+#include "Lossless/Failure.hpp"
 
 namespace quillmere {
 namespace {
 
 constexpr int inputBufferSize = 1 << 16;
 
-void require(bool holds, const char* what) {
-    if (!holds) throw std::runtime_error(what);
+// Encoders use 4,096. The decoder takes memory for as many as a file claims.
+constexpr unsigned int mostFrameSamples = 1U << 16;
+
+// The samples in a frame, as the decoder's settings in the file say ("ALACSpecificConfig", after the header of its
+// box); the decoder itself checks the rest of them.
+unsigned int frameSamples(const AVCodecParameters& parameters) {
+    constexpr int start = 12;
+    if (parameters.extradata_size < start + 4) return 0;
+    const std::uint8_t* const bytes = parameters.extradata + start;
+    return static_cast<unsigned int>(bytes[0]) << 24 | static_cast<unsigned int>(bytes[1]) << 16 |
+           static_cast<unsigned int>(bytes[2]) << 8 | static_cast<unsigned int>(bytes[3]);
 }
+
+int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) { return AVERROR(EPERM); }
 
 }  // namespace
 
@@ -36,7 +48,8 @@ LosslessReader::~LosslessReader() { release(); }
 
 void LosslessReader::open(LosslessInfo& info) {
     struct stat facts {};
-    require(::fstat(descriptor_, &facts) == 0, "the file cannot be looked at");
+    const bool isSeen = ::fstat(descriptor_, &facts) == 0;
+    require(isSeen, isSeen ? 0 : errno, "the file cannot be looked at");
     size_ = facts.st_size;
 
     auto* const buffer = static_cast<std::uint8_t*>(av_malloc(inputBufferSize));
@@ -48,10 +61,12 @@ void LosslessReader::open(LosslessInfo& info) {
     container_ = avformat_alloc_context();
     require(container_ != nullptr, "out of memory");
     container_->pb = input_;
+    container_->io_open = refuseToOpen;
     // Only this container, and nothing that it points at: what it names elsewhere is never opened.
     const AVInputFormat* const format = av_find_input_format("mov");
     require(format != nullptr, "no demuxer for MPEG-4");
-    require(avformat_open_input(&container_, "", format, nullptr) >= 0, "no MPEG-4 file");
+    const bool isOpened = avformat_open_input(&container_, "", format, nullptr) >= 0;
+    require(isOpened, systemError_, "no MPEG-4 file");
 
     for (unsigned int i = 0; i < container_->nb_streams && stream_ < 0; ++i) {
         if (container_->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) stream_ = static_cast<int>(i);
@@ -70,6 +85,8 @@ void LosslessReader::open(LosslessInfo& info) {
             .isALAC = isALAC ? 1 : 0};
     if (!isALAC) return;  // said, but never decoded
 
+    const auto samples = frameSamples(*parameters);
+    require(samples > 0 && samples <= mostFrameSamples, "unusable audio parameters");
     const AVCodec* const codec = avcodec_find_decoder(AV_CODEC_ID_ALAC);
     require(codec != nullptr, "no decoder for ALAC");
     decoder_ = avcodec_alloc_context3(codec);
@@ -117,6 +134,7 @@ bool LosslessReader::decodeNext() {
         const int received = avcodec_receive_frame(decoder_, frame_);
         if (received == AVERROR_EOF) return false;
         if (received >= 0) {
+            require(frame_->decode_error_flags == 0, "the audio cannot be decoded");
             const bool isExpected = frame_->format == AV_SAMPLE_FMT_S16P && frame_->ch_layout.nb_channels == channels_;
             require(isExpected, "the samples change their form");
             if (frame_->nb_samples > 0) return true;
@@ -124,12 +142,13 @@ bool LosslessReader::decodeNext() {
         }
         require(received == AVERROR(EAGAIN) && !isDrained_, "the audio cannot be decoded");
         const int demuxed = av_read_frame(container_, packet_);
-        if (demuxed == AVERROR_EOF) {
+        if (demuxed == AVERROR_EOF && systemError_ == 0) {
             isDrained_ = true;
             require(avcodec_send_packet(decoder_, nullptr) >= 0, "the audio cannot be decoded");
             continue;
         }
-        require(demuxed >= 0, "the file cannot be read");
+        const bool isWhole = demuxed >= 0 && (packet_->flags & AV_PKT_FLAG_CORRUPT) == 0;
+        require(isWhole, systemError_, "the file cannot be read");
         const bool isOurs = packet_->stream_index == stream_;
         const int sent = isOurs ? avcodec_send_packet(decoder_, packet_) : 0;
         av_packet_unref(packet_);
@@ -142,7 +161,10 @@ int LosslessReader::readBytes(void* self, std::uint8_t* buffer, int size) {
     while (true) {
         const ssize_t count = ::pread(reader.descriptor_, buffer, static_cast<std::size_t>(size), reader.position_);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return AVERROR(errno);
+        if (count < 0) {
+            reader.systemError_ = errno;
+            return AVERROR(errno);
+        }
         if (count == 0) return AVERROR_EOF;
         reader.position_ += count;
         return static_cast<int>(count);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 
 #include "QuillmereKit/Platform/LosslessModule.hpp"
 
@@ -14,7 +13,8 @@ struct AVPacket;
 namespace quillmere {
 
 /// Decodes the first audio stream of an MPEG-4 file, read through a descriptor at positions of its own: no other file
-/// is ever opened, whatever the container refers to. Throws `std::runtime_error`.
+/// is ever opened, whatever the container refers to. Throws `std::system_error` where the system failed, and
+/// `std::runtime_error`.
 struct LosslessReader {
     LosslessReader(int descriptor, LosslessInfo& info);
     ~LosslessReader();
@@ -33,6 +33,7 @@ private:
     const int descriptor_;
     std::int64_t size_ = 0;
     std::int64_t position_ = 0;
+    int systemError_ = 0;  // of the last read that failed
     AVIOContext* input_ = nullptr;
     AVFormatContext* container_ = nullptr;
     AVCodecContext* decoder_ = nullptr;

@@ -3,29 +3,34 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/channel_layout.h>
 }
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
+#include <span>
+#include <system_error>
+
+#include "Lossless/Failure.hpp"
 
 namespace quillmere {
 namespace {
 
 constexpr int outputBufferSize = 1 << 16;
 
-void require(bool holds, const char* what) {
-    if (!holds) throw std::runtime_error(what);
-}
+// Enough that two threads seldom wait for each other, little enough that memory stays small: 512 KiB of stereo.
+constexpr std::size_t batchFrames = 32;
 
 }  // namespace
 
-LosslessWriter::LosslessWriter(int descriptor, std::int32_t sampleRate, std::int32_t channels)
-    : descriptor_(descriptor) {
+LosslessWriter::LosslessWriter(int descriptor, std::int32_t sampleRate, std::int32_t channels, std::int32_t threads)
+    : descriptor_(descriptor),
+      sampleRate_(sampleRate),
+      channels_(channels),
+      wantsHelper_(threads > 1),
+      encoder_(sampleRate, channels) {
     try {
-        open(sampleRate, channels);
+        open();
     } catch (...) {
         release();
         throw;
@@ -34,22 +39,7 @@ LosslessWriter::LosslessWriter(int descriptor, std::int32_t sampleRate, std::int
 
 LosslessWriter::~LosslessWriter() { release(); }
 
-void LosslessWriter::open(std::int32_t sampleRate, std::int32_t channels) {
-    channels_ = channels;
-    const AVCodec* const codec = avcodec_find_encoder(AV_CODEC_ID_ALAC);
-    require(codec != nullptr, "no encoder for ALAC");
-    encoder_ = avcodec_alloc_context3(codec);
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
-    require(encoder_ != nullptr && packet_ != nullptr && frame_ != nullptr, "out of memory");
-    encoder_->sample_fmt = AV_SAMPLE_FMT_S16P;
-    encoder_->sample_rate = sampleRate;
-    encoder_->time_base = AVRational{1, sampleRate};
-    encoder_->thread_count = 1;
-    encoder_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER | AV_CODEC_FLAG_BITEXACT;
-    av_channel_layout_default(&encoder_->ch_layout, channels);
-    require(avcodec_open2(encoder_, codec, nullptr) >= 0, "the encoder refuses the audio");
-
+void LosslessWriter::open() {
     auto* const buffer = static_cast<std::uint8_t*>(av_malloc(outputBufferSize));
     require(buffer != nullptr, "out of memory");
     output_ = avio_alloc_context(buffer, outputBufferSize, 1, this, nullptr, writeBytes, seekTo);
@@ -60,16 +50,22 @@ void LosslessWriter::open(std::int32_t sampleRate, std::int32_t channels) {
     container_->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;
     stream_ = avformat_new_stream(container_, nullptr);
     require(stream_ != nullptr, "out of memory");
-    stream_->time_base = encoder_->time_base;
-    require(avcodec_parameters_from_context(stream_->codecpar, encoder_) >= 0, "out of memory");
-    require(avformat_write_header(container_, nullptr) >= 0, "the file cannot be begun");
-    pending_.reserve(static_cast<std::size_t>(encoder_->frame_size) * static_cast<std::size_t>(channels));
+    stream_->time_base = encoder_.settings().time_base;
+    require(avcodec_parameters_from_context(stream_->codecpar, &encoder_.settings()) >= 0, "out of memory");
+    const bool isBegun = avformat_write_header(container_, nullptr) >= 0;
+    require(isBegun, systemError_, "the file cannot be begun");
+
+    pending_.reserve(batchFrames * encoder_.frameSamples());
+    packets_.resize(batchFrames);
+    for (auto& packet : packets_) {
+        packet = av_packet_alloc();
+        require(packet != nullptr, "out of memory");
+    }
 }
 
 void LosslessWriter::release() noexcept {
-    av_frame_free(&frame_);
-    av_packet_free(&packet_);
-    avcodec_free_context(&encoder_);
+    stopHelper();
+    for (auto& packet : packets_) av_packet_free(&packet);
     avformat_free_context(container_);
     container_ = nullptr;
     if (output_ != nullptr) av_freep(&output_->buffer);
@@ -77,59 +73,94 @@ void LosslessWriter::release() noexcept {
 }
 
 void LosslessWriter::write(const std::int16_t* samples, std::int64_t frames) {
-    const auto channels = static_cast<std::size_t>(channels_);
-    const auto whole = static_cast<std::size_t>(encoder_->frame_size) * channels;
-    std::size_t left = static_cast<std::size_t>(frames) * channels;
+    const auto whole = batchFrames * encoder_.frameSamples();
+    std::size_t left = static_cast<std::size_t>(frames) * static_cast<std::size_t>(channels_);
     while (left > 0) {
         const auto count = std::min(left, whole - pending_.size());
         pending_.insert(pending_.end(), samples, samples + count);
         samples += count;
         left -= count;
-        if (pending_.size() == whole) encodePending();
+        if (pending_.size() == whole) encodeBatch();
     }
 }
 
 void LosslessWriter::finish() {
-    if (!pending_.empty()) encodePending();
-    require(avcodec_send_frame(encoder_, nullptr) >= 0, "the audio cannot be encoded");
-    passOn();
-    require(av_write_trailer(container_) >= 0, "the file cannot be completed");
+    if (!pending_.empty()) encodeBatch();
+    const bool isComplete = av_write_trailer(container_) >= 0;
     avio_flush(output_);
-    require(output_->error >= 0, "the file cannot be written");
+    require(isComplete && output_->error >= 0, systemError_, "the file cannot be completed");
 }
 
-void LosslessWriter::encodePending() {
-    const auto count = static_cast<int>(pending_.size()) / channels_;
-    frame_->nb_samples = count;
-    frame_->format = encoder_->sample_fmt;
-    frame_->sample_rate = encoder_->sample_rate;
-    frame_->pts = written_;
-    require(av_channel_layout_copy(&frame_->ch_layout, &encoder_->ch_layout) >= 0, "out of memory");
-    require(av_frame_get_buffer(frame_, 0) >= 0, "out of memory");
-    for (int channel = 0; channel < channels_; ++channel) {
-        auto* const target = reinterpret_cast<std::int16_t*>(frame_->extended_data[channel]);
-        const std::int16_t* source = pending_.data() + channel;
-        for (int i = 0; i < count; ++i, source += channels_) target[i] = *source;
+// Where there is no thread to be had, one encodes alone.
+void LosslessWriter::startHelper() {
+    if (!wantsHelper_) return;
+    wantsHelper_ = false;
+    helpersEncoder_ = std::make_unique<FrameEncoder>(sampleRate_, channels_);
+    try {
+        helper_ = std::thread([this] {
+            for (;;) {
+                begin_.acquire();
+                if (isEnding_) return;
+                takeFrames(*helpersEncoder_);
+                end_.release();
+            }
+        });
+    } catch (const std::system_error&) {
+        helpersEncoder_ = nullptr;
     }
-    const int sent = avcodec_send_frame(encoder_, frame_);
-    av_frame_unref(frame_);
-    require(sent >= 0, "the audio cannot be encoded");
-    written_ += count;
+}
+
+void LosslessWriter::stopHelper() noexcept {
+    if (!helper_.joinable()) return;
+    isEnding_ = true;
+    begin_.release();
+    helper_.join();
+}
+
+void LosslessWriter::encodeBatch() {
+    const auto frameSamples = encoder_.frameSamples();
+    const auto frames = (pending_.size() + frameSamples - 1) / frameSamples;
+    if (frames > 1) startHelper();
+
+    nextFrame_ = 0;
+    const bool isShared = frames > 1 && helper_.joinable();
+    if (isShared) begin_.release();
+    takeFrames(encoder_);
+    if (isShared) end_.acquire();
+    if (failure_) std::rethrow_exception(failure_);
+
+    for (std::size_t i = 0; i < frames; ++i) passOn(*packets_[i]);
+    written_ += static_cast<std::int64_t>(pending_.size()) / channels_;
     pending_.clear();
-    passOn();
 }
 
-// Hands the encoder's packets to the container.
-void LosslessWriter::passOn() {
-    while (true) {
-        const int received = avcodec_receive_packet(encoder_, packet_);
-        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) return;
-        require(received >= 0, "the audio cannot be encoded");
-        packet_->stream_index = stream_->index;
-        av_packet_rescale_ts(packet_, encoder_->time_base, stream_->time_base);
-        require(av_write_frame(container_, packet_) >= 0, "the file cannot be written");
-        av_packet_unref(packet_);
+// Encodes frames of the batch until none is left. Only the last frame of the file may be a short one, and whoever takes
+// that one encodes none after it.
+void LosslessWriter::takeFrames(FrameEncoder& encoder) noexcept {
+    try {
+        const auto frameSamples = encoder.frameSamples();
+        const std::span<const std::int16_t> batch(pending_);
+        for (;;) {
+            const auto frame = nextFrame_.fetch_add(1);
+            const auto first = frame * frameSamples;
+            if (first >= batch.size()) return;
+            const auto samples = batch.subspan(first, std::min(frameSamples, batch.size() - first));
+            const auto start = written_ + static_cast<std::int64_t>(first) / channels_;
+            encoder.encode(samples, start, *packets_[frame]);
+        }
+    } catch (...) {
+        const std::lock_guard lock(failureMutex_);
+        failure_ = std::current_exception();
     }
+}
+
+// Hands a packet to the container.
+void LosslessWriter::passOn(AVPacket& packet) {
+    packet.stream_index = stream_->index;
+    av_packet_rescale_ts(&packet, encoder_.settings().time_base, stream_->time_base);
+    const bool isWritten = av_write_frame(container_, &packet) >= 0;
+    av_packet_unref(&packet);
+    require(isWritten, systemError_, "the file cannot be written");
 }
 
 int LosslessWriter::writeBytes(void* self, std::uint8_t* buffer, int size) {
@@ -138,7 +169,10 @@ int LosslessWriter::writeBytes(void* self, std::uint8_t* buffer, int size) {
     while (left > 0) {
         const ssize_t count = ::pwrite(writer.descriptor_, buffer, static_cast<std::size_t>(left), writer.position_);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return AVERROR(errno);
+        if (count <= 0) {
+            if (writer.systemError_ == 0) writer.systemError_ = count < 0 ? errno : EIO;
+            return AVERROR(writer.systemError_);
+        }
         buffer += count;
         left -= static_cast<int>(count);
         writer.position_ += count;
@@ -151,8 +185,8 @@ std::int64_t LosslessWriter::seekTo(void* self, std::int64_t offset, int origin)
     auto& writer = *static_cast<LosslessWriter*>(self);
     if (origin == AVSEEK_SIZE) return writer.size_;
     const std::int64_t from = origin == SEEK_CUR ? writer.position_ : origin == SEEK_END ? writer.size_ : 0;
-    const std::int64_t target = from + offset;
-    if (target < 0) return AVERROR(EINVAL);
+    std::int64_t target = 0;
+    if (__builtin_add_overflow(from, offset, &target) || target < 0) return AVERROR(EINVAL);
     writer.position_ = target;
     return target;
 }

@@ -1,7 +1,8 @@
+#include <sys/stat.h>
+
 #include <algorithm>
-#include <cctype>
+#include <optional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 
 #include "QuillmereKit/Generation/GenerationModel.hpp"
@@ -10,7 +11,9 @@
 #include "QuillmereKit/Library/LoopStoreState.hpp"
 #include "QuillmereKit/Platform/AudioFile.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/LosslessModule.hpp"
 #include "QuillmereKit/Platform/OwnFolder.hpp"
+#include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
 namespace {
@@ -19,59 +22,77 @@ using std::filesystem::path;
 
 std::string lowerCaseExtension(const path& file) {
     std::string extension = file.extension().string();
-    std::ranges::transform(extension, extension.begin(), [](unsigned char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c);
-    });
+    std::ranges::transform(extension, extension.begin(),
+                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     return extension;
 }
 
+// A file is taken as it is, however its extension is spelled.
 MigrationFiles filesOf(const path& file) {
-    // A WAV file is taken as it is, however its extension is spelled.
-    path source = lowerCaseExtension(file) == ".wav" ? file : path(file).replace_extension(".wav");
-    path target = path(file).replace_extension(".m4a");
+    const std::string extension = lowerCaseExtension(file);
+    path source = extension == ".wav" ? file : path(file).replace_extension(".wav");
+    path target = extension == ".m4a" ? file : path(file).replace_extension(".m4a");
     path temporary = file.parent_path() / ("." + source.filename().string() + ".migration.m4a");
     return {std::move(source), std::move(target), std::move(temporary)};
 }
-
-// What a lossless copy must agree with.
-struct Proof {
-    std::string digest;
-    std::int64_t frames = 0;
-};
 
 [[noreturn]] void failAsCorrupt(const path& file) {
     throw FileError("verify", file, make_error_code(FileFault::fileReadCorruptFile));
 }
 
+// An audio file of the folder's own, and which file that is.
+struct OwnAudio {
+    OwnAudio(Descriptor opened, const path& file) : facts(factsOf(opened, file)), audio(std::move(opened), file) {}
+
+    static FileFacts factsOf(const Descriptor& opened, const path& file) {
+        struct stat status {};
+        if (::fstat(opened.number(), &status) != 0) throw FileError("look at", file, systemCalls::lastError());
+        return systemCalls::factsFrom(status);
+    }
+
+    FileFacts facts;
+    AudioFile audio;
+};
+
+bool isSameFile(const std::optional<FileFacts>& a, const FileFacts& b) {
+    return a && a->device == b.device && a->inode == b.inode && a->size == b.size && a->modified == b.modified;
+}
+
+// What a lossless copy must agree with, and the file that says so.
+struct Proof {
+    std::string digest;
+    std::int64_t frames = 0;
+    FileFacts source;
+};
+
 Proof proofOf(const OwnFolder& own, const path& source, const std::stop_token& stop) {
-    AudioFile audio(own.open(source), source);
+    OwnAudio opened(own.open(source), source);
     const AudioFormat wanted{AudioFormat::Codec::linearPCM, 16, 48000, 2};
-    if (audio.format() != wanted) failAsCorrupt(source);
-    Proof proof{.digest = AudioPCM::digest(audio, stop), .frames = audio.frames()};
+    if (opened.audio.format() != wanted) failAsCorrupt(source);
+    Proof proof{AudioPCM::digest(opened.audio, stop), opened.audio.frames(), opened.facts};
     if (proof.frames < 1 || proof.digest.empty()) failAsCorrupt(source);
     return proof;
 }
 
-// Throws unless `file` decodes to exactly the samples of the proof.
-void verifyLossless(const OwnFolder& own, const path& file, const Proof& proof, const std::stop_token& stop) {
-    AudioFile audio(own.open(file), file);
+// Throws unless `file` decodes to exactly the samples of the proof. Returns which file that was.
+FileFacts verifyLossless(const OwnFolder& own, const path& file, const Proof& proof, const std::stop_token& stop) {
+    OwnAudio opened(own.open(file), file);
     const AudioFormat wanted{AudioFormat::Codec::alac, 16, 48000, 2};
-    if (audio.format() != wanted || audio.frames() != proof.frames) failAsCorrupt(file);
-    if (AudioPCM::digest(audio, stop) != proof.digest) failAsCorrupt(file);
+    if (opened.audio.format() != wanted || opened.audio.frames() != proof.frames) failAsCorrupt(file);
+    if (AudioPCM::digest(opened.audio, stop) != proof.digest) failAsCorrupt(file);
+    return opened.facts;
 }
 
-bool isVerifiedLossless(const OwnFolder& own, const path& file, const Proof& proof, const std::stop_token& stop) {
-    try {
-        verifyLossless(own, file, proof, stop);
-        return true;
-    } catch (const FileError&) {
-        return false;
-    }
-}
+// Calls a function when the scope is left.
+template <class Function>
+struct AtEnd {
+    explicit AtEnd(Function wanted) : function(std::move(wanted)) {}
+    ~AtEnd() { function(); }
+    AtEnd(const AtEnd&) = delete;
+    AtEnd& operator=(const AtEnd&) = delete;
 
-bool isSameFile(const std::optional<FileFacts>& a, const std::optional<FileFacts>& b) {
-    return a && b && a->device == b->device && a->inode == b->inode && a->size == b->size && a->modified == b->modified;
-}
+    const Function function;
+};
 
 }  // namespace
 
@@ -82,44 +103,63 @@ bool LoopStore::State::canMigrate(const StoredLoop& loop) const {
     if (std::ranges::any_of(playing, isPlaying)) return false;
     if (!loop.isInside) return false;
     const path file = folder.fileInside(loop);
+    // A file that is gone is for the opening to report; anything but the folder's own file is no business of ours.
+    if (!folder.owns(file) && !LoopFolder::isNothingAt(file)) return false;
     const std::string extension = lowerCaseExtension(file);
-    if (extension == ".wav") return folder.owns(file);
+    if (extension == ".wav") return true;
     // A migration that stopped between its commit and the removal of its source.
-    return extension == ".m4a" && folder.owns(file) && folder.owns(path(file).replace_extension(".wav"));
+    return extension == ".m4a" && folder.owns(filesOf(file).source);
 }
 
 void LoopStore::State::discardOwn(const Discard& discard, const path& file) const noexcept {
     if (folder.owns(file)) static_cast<void>(tryDiscard(discard, FileURL::fromPath(file)));
 }
 
-// Encodes into the temporary file, has it verified, and gives it the target's name.
 void LoopStore::State::encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files,
                                       const Encode& encode, const std::function<void()>& verify,
                                       const std::stop_token& stop) {
     {
         const std::lock_guard lock(mutex);
-        discardOwn(discard, files.temporary);
+        UsedFiles used(folder);
+        table.forEach([&](const StoredLoop& loop) { used.add(loop); });
+        if (!used.contains(files.temporary)) discardOwn(discard, files.temporary);
     }
     // An encoder would write through a link, or over what is not ours.
-    if (!LoopFolder::isNothingAt(files.temporary)) {
-        throw FileError("create", files.temporary, std::make_error_code(std::errc::file_exists));
+    std::error_code error;
+    if (std::filesystem::symlink_status(files.temporary, error).type() != std::filesystem::file_type::not_found) {
+        throw FileError("create", files.temporary, error ? error : std::make_error_code(std::errc::file_exists));
     }
-    encode(FileURL::fromPath(files.source), FileURL::fromPath(files.temporary));
-    if (stop.stop_requested()) throw CancellationError();
     try {
-        verify();
-    } catch (const FileError&) {
-        throw FileError("verify", files.temporary, make_error_code(FileFault::fileWriteUnknown));
-    }
-    if (stop.stop_requested()) throw CancellationError();
+        encode(FileURL::fromPath(files.source), FileURL::fromPath(files.temporary));
+        if (stop.stop_requested()) throw CancellationError();
+        folder.sync(FileURL::fromPath(files.temporary));
+        try {
+            verify();
+        } catch (const FileError&) {
+            throw FileError("verify", files.temporary, make_error_code(FileFault::fileWriteUnknown));
+        }
 
-    const std::lock_guard lock(mutex);
-    UsedFiles usedByOthers(folder);
-    table.forEach([&](const StoredLoop& loop) {
-        if (loop.key != key) usedByOthers.add(loop);
-    });
-    if (!usedByOthers.contains(files.target)) discardOwn(discard, files.target);
-    OwnFolder(folder.path()).move(files.temporary, files.target);
+        const std::lock_guard lock(mutex);
+        UsedFiles usedByOthers(folder);
+        table.forEach([&](const StoredLoop& loop) {
+            if (loop.key != key) usedByOthers.add(loop);
+        });
+        if (!usedByOthers.contains(files.target)) discardOwn(discard, files.target);
+        OwnFolder(folder.path()).move(files.temporary, files.target);
+    } catch (...) {
+        const std::lock_guard lock(mutex);
+        discardOwn(discard, files.temporary);
+        fallBackToSource(key, files);
+        throw;
+    }
+}
+
+void LoopStore::State::fallBackToSource(LoopKey key, const MigrationFiles& files) {
+    const StoredLoop* const loop = table.find(key);
+    if (loop == nullptr || !loop->isInside || folder.fileInside(*loop) != files.target) return;
+    if (!LoopFolder::isNothingAt(files.target) || !folder.owns(files.source)) return;
+    put(loop->artifact().withURL(FileURL::fromPath(files.source)));
+    saveIgnoringFailure();
 }
 
 std::vector<LoopArtifact> LoopStore::losslessMigrationCandidates() const {
@@ -148,39 +188,49 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
         state.requireLock();
         if (!isStillThere()) return false;
         files = filesOf(state.folder.fileInside(*state.table.find(key)));
+        // Two at work on the same files would take each other's temporary file away.
+        if (!state.migrating.insert(files.temporary).second) return false;
     }
+    const AtEnd atEnd([&] {
+        const std::lock_guard lock(state.mutex);
+        state.migrating.erase(files.temporary);
+    });
 
     const Proof proof = proofOf(own, files.source, stop);
-    if (!isVerifiedLossless(own, files.target, proof, stop)) {
-        try {
-            const auto verify = [&] { verifyLossless(own, files.temporary, proof, stop); };
-            state.encodeLossless(discard_, key, files, encode, verify, stop);
-        } catch (...) {
-            const std::lock_guard lock(state.mutex);
-            state.discardOwn(discard_, files.temporary);
-            throw;
-        }
+    static_cast<void>(losslessModule());  // nothing is encoded that could not be verified
+
+    const FileURL target = FileURL::fromPath(files.target);
+    FileFacts verified;
+    try {
+        state.folder.sync(target);
+        verified = verifyLossless(own, files.target, proof, stop);
+    } catch (const FileError&) {
+        // Not there, or not to be trusted: it is made anew.
+        const auto verify = [&] { verified = verifyLossless(own, files.temporary, proof, stop); };
+        state.encodeLossless(discard_, key, files, encode, verify, stop);
     }
     if (stop.stop_requested()) throw CancellationError();
 
-    const FileURL target = FileURL::fromPath(files.target);
-    const auto verified = own.facts(files.target);
-
     const std::lock_guard lock(state.mutex);
     if (!isStillThere()) return false;
-    state.folder.sync(target);
     if (!isSameFile(own.facts(files.target), verified)) failAsCorrupt(files.target);
     state.put(artifact.withURL(target));
     try {
         state.save();
+        // A piece that no manifest can hold is left out of it, and then the manifest names neither file.
+        if (!state.table.find(key)->isEncodable) throw EncodingError("The manifest cannot hold this piece.");
     } catch (const std::exception&) {
         state.put(artifact);
         state.saveIgnoringFailure();
         throw FileError("record", files.target, make_error_code(FileFault::fileWriteUnknown));
     }
+
+    // A source that is no longer what was proved stays: whatever it holds now, nothing else holds it.
     UsedFiles used(state.folder);
     state.table.forEach([&](const StoredLoop& loop) { used.add(loop); });
-    if (!used.contains(files.source)) state.discardOwn(discard_, files.source);
+    if (!used.contains(files.source) && isSameFile(own.facts(files.source), proof.source)) {
+        state.discardOwn(discard_, files.source);
+    }
     return true;
 }
 

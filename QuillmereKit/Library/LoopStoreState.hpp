@@ -77,10 +77,13 @@ struct LoopStore::State {
     /// file, or a lossless one that a migration left its WAV file beside.
     [[nodiscard]] bool canMigrate(const StoredLoop& loop) const;
 
-    /// Encodes into the temporary file, has it verified, and gives it the target's name. Takes the lock where it needs
-    /// it, but neither while encoding nor while verifying.
+    /// Encodes into the temporary file, calls `verify`, and gives the file the target's name. Takes the lock where it
+    /// needs it, but neither while encoding nor while verifying. On failure the temporary file is gone.
     void encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files, const Encode& encode,
                         const std::function<void()>& verify, const std::stop_token& stop);
+
+    /// A piece whose lossless file was found damaged and removed, but not replaced, plays its WAV file again.
+    void fallBackToSource(LoopKey key, const MigrationFiles& files);
 
     /// Makes sure that this process may change the folder. Where it could not until now, it first takes in what others
     /// have written meanwhile: the table may be another one afterwards. Throws `LibraryInUse` or `FileError`.
@@ -94,6 +97,7 @@ struct LoopStore::State {
     LoopTable table;
     std::unordered_set<LoopKey> bundledIDs;     // all seeds of the application's resources, imported now or earlier
     std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
+    std::set<std::filesystem::path> migrating;  // temporary files of the migrations at work
     std::set<LoopKey> unsaved;                  // pieces stored since the last save that succeeded
     std::exception_ptr saveFailure;             // of the last save; null if it succeeded
 

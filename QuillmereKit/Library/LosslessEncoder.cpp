@@ -3,8 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <memory>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "QuillmereKit/Platform/AudioFile.hpp"
@@ -14,30 +18,32 @@
 namespace quillmere {
 namespace {
 
-using Message = std::array<char, LosslessModule::messageSize>;
-
-[[noreturn]] void refuse(const std::filesystem::path& file) {
-    throw FileError("encode", file, make_error_code(FileFault::fileWriteUnknown));
+// Throws if the module reports a failure.
+void require(std::int32_t result, const std::filesystem::path& file) {
+    if (result >= 0) return;
+    const auto error = result == LosslessModule::badAudio ? make_error_code(FileFault::fileWriteUnknown)
+                                                          : std::error_code(-result, std::system_category());
+    throw FileError("encode", file, error);
 }
 
 void encode(AudioFile& audio, int descriptor, const std::filesystem::path& file, const std::stop_token& stop) {
+    constexpr std::int32_t threads = 2;
+    constexpr std::size_t framesAtATime = 8192;
     const LosslessModule& module = losslessModule();
-    Message message{};
+    const AudioFormat& format = audio.format();
     LosslessWriter* opened = nullptr;
-    const auto rate = static_cast<std::int32_t>(audio.format().sampleRate);
-    if (module.openWriter(descriptor, rate, audio.format().channels, &opened, message.data()) < 0) refuse(file);
+    const auto rate = static_cast<std::int32_t>(format.sampleRate);
+    require(module.openWriter(descriptor, rate, format.channels, threads, &opened), file);
     const std::unique_ptr<LosslessWriter, void (*)(LosslessWriter*)> writer(opened, module.closeWriter);
 
-    constexpr std::size_t framesAtATime = 8192;
-    std::vector<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(audio.format().channels));
+    std::vector<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(format.channels));
     while (true) {
         if (stop.stop_requested()) throw CancellationError();
         const std::size_t frames = audio.read(samples);
         if (frames == 0) break;
-        const auto count = static_cast<std::int64_t>(frames);
-        if (module.write(writer.get(), samples.data(), count, message.data()) < 0) refuse(file);
+        require(module.write(writer.get(), samples.data(), static_cast<std::int64_t>(frames)), file);
     }
-    if (module.finish(writer.get(), message.data()) < 0) refuse(file);
+    require(module.finish(writer.get()), file);
 }
 
 }  // namespace
@@ -45,12 +51,14 @@ void encode(AudioFile& audio, int descriptor, const std::filesystem::path& file,
 void encodeALAC(const FileURL& source, const FileURL& destination, const std::stop_token& stop) {
     AudioFile audio(source.path());
     const auto& format = audio.format();
-    if (format.codec != AudioFormat::Codec::linearPCM || format.bitsPerChannel != 16 || format.channels > 2) {
-        throw FileError("encode", source.path(), make_error_code(FileFault::fileReadCorruptFile));
-    }
+    const bool isSuitable = format.codec == AudioFormat::Codec::linearPCM && format.bitsPerChannel == 16 &&
+                            format.channels <= 2 && format.sampleRate <= std::numeric_limits<std::int32_t>::max();
+    if (!isSuitable) throw FileError("encode", source.path(), FileFault::fileReadCorruptFile);
+    static_cast<void>(losslessModule());  // nothing is begun that cannot be done
 
     const auto file = destination.path();
-    Descriptor target(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor target(::open(systemCalls::pathText(file, "create"), flags, 0644));
     if (!target.isOpen()) throw FileError("create", file, systemCalls::lastError());
     try {
         encode(audio, target.number(), file, stop);
@@ -60,6 +68,12 @@ void encodeALAC(const FileURL& source, const FileURL& destination, const std::st
         ::unlink(file.c_str());
         throw;
     }
+}
+
+std::function<void(const FileURL&, const FileURL&)> alacEncoder(std::stop_token stop) {
+    return [stop = std::move(stop)](const FileURL& source, const FileURL& destination) {
+        encodeALAC(source, destination, stop);
+    };
 }
 
 }  // namespace quillmere

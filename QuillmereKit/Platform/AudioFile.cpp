@@ -1,7 +1,5 @@
 #include "QuillmereKit/Platform/AudioFile.hpp"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -9,6 +7,7 @@
 
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/LosslessModule.hpp"
+#include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
 namespace {
@@ -18,10 +17,10 @@ namespace {
 }
 
 // An MPEG-4 file begins with the length of its file type box and the word "ftyp".
-bool isMPEG4(int descriptor) {
+bool isMPEG4(int descriptor, const std::filesystem::path& file) {
     std::array<char, 12> start{};
-    const ssize_t count = ::pread(descriptor, start.data(), start.size(), 0);
-    return count == static_cast<ssize_t>(start.size()) && std::string_view(start.data() + 4, 4) == "ftyp";
+    const auto count = systemCalls::readUpToAt(descriptor, std::as_writable_bytes(std::span(start)), 0, file);
+    return count == start.size() && std::string_view(start.data() + 4, 4) == "ftyp";
 }
 
 }  // namespace
@@ -51,22 +50,18 @@ struct AudioFile::WAVSource final : Source {
 };
 
 struct AudioFile::LosslessSource final : Source {
-    LosslessSource(Descriptor source, const std::filesystem::path& path)
-        : file(path), opened(std::move(source)), module(losslessModule()) {
+    LosslessSource(Descriptor source, const std::filesystem::path& path) : file(path), opened(std::move(source)) {
         LosslessInfo info{};
-        std::array<char, LosslessModule::messageSize> message{};
-        if (module.openReader(opened.number(), &reader, &info, message.data()) < 0) refuse(file);
+        LosslessReader* handle = nullptr;
+        static_cast<void>(require(module.openReader(opened.number(), &handle, &info)));
+        reader.reset(handle);
         length = info.frames;
         stored = {.codec = info.isALAC != 0 ? AudioFormat::Codec::alac : AudioFormat::Codec::other,
                   .bitsPerChannel = info.bitsPerChannel,
                   .sampleRate = static_cast<double>(info.sampleRate),
                   .channels = info.channels};
-        if (length < 1 || stored.channels < 1 || stored.sampleRate <= 0) {
-            module.closeReader(reader);
-            refuse(file);
-        }
+        if (length < 1 || stored.channels < 1 || stored.channels > mostChannels || stored.sampleRate <= 0) refuse(file);
     }
-    ~LosslessSource() override { module.closeReader(reader); }
 
     [[nodiscard]] const AudioFormat& format() const noexcept override { return stored; }
     [[nodiscard]] std::int64_t frames() const noexcept override { return length; }
@@ -74,27 +69,43 @@ struct AudioFile::LosslessSource final : Source {
         if (stored.codec != AudioFormat::Codec::alac || stored.bitsPerChannel != 16) refuse(file);
         const auto room = static_cast<std::int64_t>(samples.size()) / stored.channels;
         const auto wanted = std::min(room, length - position);
-        if (wanted == 0) return 0;
-        std::array<char, LosslessModule::messageSize> message{};
-        const auto count = module.read(reader, samples.data(), wanted, message.data());
-        if (count <= 0) refuse(file);
-        position += count;
-        return static_cast<std::size_t>(count);
+        if (wanted > 0) {
+            const auto count = require(module.read(reader.get(), samples.data(), wanted));
+            if (count == 0) refuse(file);
+            position += count;
+            return static_cast<std::size_t>(count);
+        }
+        // A file that goes on after the frames that it says it has would play differently from what was read.
+        if (position == length && !std::exchange(isEndSeen, true)) {
+            std::array<std::int16_t, mostChannels> one{};
+            if (require(module.read(reader.get(), one.data(), 1)) != 0) refuse(file);
+        }
+        return 0;
     }
+
+    // The module's result, or the error that it stands for.
+    [[nodiscard]] std::int64_t require(std::int64_t result) const {
+        if (result >= 0) return result;
+        if (result == LosslessModule::badAudio) refuse(file);
+        throw FileError("read", file, {static_cast<int>(-result), std::system_category()});
+    }
+
+    static constexpr int mostChannels = 8;
 
     const std::filesystem::path file;
     const Descriptor opened;
-    const LosslessModule& module;
-    LosslessReader* reader = nullptr;
+    const LosslessModule& module = losslessModule();
+    std::unique_ptr<LosslessReader, void (*)(LosslessReader*)> reader{nullptr, module.closeReader};
     AudioFormat stored;
     std::int64_t length = 0;
     std::int64_t position = 0;
+    bool isEndSeen = false;
 };
 
 AudioFile::AudioFile(const std::filesystem::path& file) : AudioFile(openRegularFile(file, FinalLink::followed), file) {}
 
 AudioFile::AudioFile(Descriptor opened, const std::filesystem::path& file) {
-    if (isMPEG4(opened.number())) {
+    if (isMPEG4(opened.number(), file)) {
         source_ = std::make_unique<LosslessSource>(std::move(opened), file);
     } else {
         source_ = std::make_unique<WAVSource>(std::move(opened), file);

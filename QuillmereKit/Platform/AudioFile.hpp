@@ -7,6 +7,7 @@
 #include <span>
 
 #include "QuillmereKit/Platform/Descriptor.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
 
 namespace quillmere {
@@ -17,7 +18,8 @@ namespace quillmere {
 /// Only regular files are opened. Not thread-safe; each reader owns one. Memory does not grow with the file's length.
 class AudioFile {
 public:
-    /// Throws `FileError`: the system's cause, or `fileReadCorruptFile` if this is no whole audio file of these kinds.
+    /// Throws `FileError`: the system's cause, or `fileReadCorruptFile` if this is no whole audio file of these kinds;
+    /// `LosslessUnavailable` for an MPEG-4 file where the lossless module is missing.
     explicit AudioFile(const std::filesystem::path& file);
     /// The same for a file that is open already, however it was reached. `file` is what errors call it.
     AudioFile(Descriptor opened, const std::filesystem::path& file);
@@ -32,8 +34,8 @@ public:
     [[nodiscard]] std::int64_t frames() const noexcept;
 
     /// Reads whole frames of interleaved 16-bit samples, as many as fit; returns the frames read, 0 at the end. Throws
-    /// `FileError` with `fileReadCorruptFile` if the samples are not stored with 16 bits, or cannot be decoded, or the
-    /// file ends before its frames do.
+    /// `FileError`, with `fileReadCorruptFile` if the samples are not stored with 16 bits, or cannot be decoded, or the
+    /// file does not end where its frames do.
     [[nodiscard]] std::size_t read(std::span<std::int16_t> samples);
 
 private:

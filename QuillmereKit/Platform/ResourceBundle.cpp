@@ -1,12 +1,12 @@
 #include "QuillmereKit/Platform/ResourceBundle.hpp"
 
-#include <dlfcn.h>
+#include "QuillmereKit/Platform/ProgramPlaces.hpp"
 
-#include <array>
 #include <cstdlib>
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace quillmere {
 namespace {
@@ -24,33 +24,13 @@ std::optional<path> variable(const char* name) {
     return path(value);
 }
 
-/// The folder of the running program; empty if the system does not tell.
-path programFolder() {
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return error ? path() : program.parent_path();
-}
-
-/// The folder of the shared library that holds this function, or of the program that it is linked into.
-path moduleFolder() {
-    // In a program the loader reports the name it was started by, which may be relative or found along PATH.
-    Dl_info module{};
-    static const int inThisModule = 0;
-    if (::dladdr(&inThisModule, &module) == 0 || module.dli_fname == nullptr) return programFolder();
-    const path file = module.dli_fname;
-    if (file.filename().native().find(".so") == std::string::npos) return programFolder();
-    std::error_code error;
-    const auto whole = std::filesystem::canonical(file, error);
-    return error ? programFolder() : whole.parent_path();
-}
-
 }  // namespace
 
 ResourceBundle::ResourceBundle(path folder) : folder_(std::move(folder)) {}
 
 ResourceBundle ResourceBundle::main() {
     if (const auto named = variable("QUILLMERE_RESOURCES")) return ResourceBundle(*named);
-    const auto beside = programFolder();
+    const auto beside = programPlaces::program();
     auto installed = (beside / "../share/quillmere").lexically_normal();
     return ResourceBundle(isFolder(installed) ? std::move(installed) : beside / "Resources");
 }
@@ -58,10 +38,10 @@ ResourceBundle ResourceBundle::main() {
 ResourceBundle ResourceBundle::library() {
     if (const auto named = variable("QUILLMERE_KIT_RESOURCES")) return ResourceBundle(*named);
     // From "bin" and "lib" the shared files are one step up, from "lib/x86_64-linux-gnu" two.
-    const auto module = moduleFolder();
-    const std::array places = {(module / "../share/quillmerekit").lexically_normal(),
-                               (module / "../../share/quillmerekit").lexically_normal(),
-                               path(QUILLMERE_SOURCE_RESOURCES)};
+    const auto beside = programPlaces::library();
+    std::vector<path> places = {(beside / "../share/quillmerekit").lexically_normal(),
+                                (beside / "../../share/quillmerekit").lexically_normal()};
+    if (programPlaces::isInBuildTree()) places.emplace_back(QUILLMERE_SOURCE_RESOURCES);
     for (const auto& place : places) {
         if (isFolder(place)) return ResourceBundle(place);
     }

@@ -17,8 +17,9 @@ public:
     [[nodiscard]] static ResourceBundle main();
 
     /// The library's own resources: the folder that `QUILLMERE_KIT_RESOURCES` names, else `share/quillmerekit` of the
-    /// installation in which the library, or the program that it is linked into, lies, else `QuillmereKit/Resources` of
-    /// the source tree that it was built from, else the folder it was configured to be installed to.
+    /// installation in which the library, or the program that it is linked into, lies, else, for a program in the tree
+    /// that the library was built in, `QuillmereKit/Resources` of the source tree, else the folder it was configured to
+    /// be installed to.
     [[nodiscard]] static ResourceBundle library();
 
     /// The file "name.extension" in the bundle, or in its `subfolder` where one is given; nothing if it is not there or
