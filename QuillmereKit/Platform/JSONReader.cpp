@@ -283,8 +283,12 @@ std::optional<JSONValue> JSONValue::find(std::string_view key) const {
 
 JSONValue::Elements JSONValue::elementRange() const {
     if (!isArray()) failType("an array");
-    constexpr std::uint64_t mostCounted = 0xFFFFFF;  // where the tape's count stays
-    return {index_ + 1, tape_->last(index_), static_cast<std::size_t>(tape_->word(index_) >> 32 & mostCounted)};
+    constexpr std::uint64_t countMask = 0xFFFFFF;
+    // Two bytes of text are an element, and what it is read as may take a thousand: no more room is made before it is
+    // known to be one.
+    constexpr std::size_t mostAhead = 4096;
+    const auto count = static_cast<std::size_t>(tape_->word(index_) >> 32 & countMask);
+    return {index_ + 1, tape_->last(index_), std::min(count, mostAhead)};
 }
 
 std::size_t JSONValue::nextIndex() const noexcept { return tape_->next(index_); }

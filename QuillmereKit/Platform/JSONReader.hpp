@@ -88,7 +88,7 @@ private:
     friend struct JSONTape;
     JSONValue(const JSONTape* tape, std::size_t index) noexcept : tape_(tape), index_(index) {}
 
-    /// One run over an array's elements: the first, the next of each, and how many there are.
+    /// One run over an array's elements: the first, the next of each, and for how many to make room.
     struct Elements {
         std::size_t begin;
         std::size_t end;

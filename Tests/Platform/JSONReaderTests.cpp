@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -34,6 +35,17 @@ struct SampleRecipe {
 template <>
 SampleRecipe decode<SampleRecipe>(const JSONValue& value) {
     return {value.member<SampleIdentity>("identity")};
+}
+
+/// {"value": integer}, and far more memory than text.
+struct BulkySample {
+    std::array<char, 65'536> room{};
+};
+
+template <>
+BulkySample decode<BulkySample>(const JSONValue& value) {
+    (void)value.member<std::int64_t>("value");
+    return {};
 }
 
 namespace test {
@@ -429,6 +441,20 @@ TEST(JSONReaderTests, LongArraysAndTextsAreReadWhole) {
     ASSERT_EQ(values.size(), count + 1);
     EXPECT_EQ(values[0].string().size(), count);
     EXPECT_EQ(values.back().integer(), 1);
+}
+
+TEST(JSONReaderTests, NoMemoryIsTakenForElementsThatAreNone) {
+    std::string text = "[0";
+    for (int i = 0; i < 4'000'000; ++i) text += ",0";  // 256 GB of them, were they any
+    text += ']';
+    const auto document = JSONDocument::parse(text);
+
+    try {
+        (void)document.root().elements<BulkySample>();
+        FAIL() << "read";
+    } catch (const JSONError& error) {
+        EXPECT_EQ(error.path(), "[0]");
+    }
 }
 
 TEST(JSONReaderTests, DocumentOutlivesTheTextAndSurvivesMoving) {
