@@ -66,18 +66,25 @@ CustomMoodStore& CustomMoodStore::shared() {
 }
 
 CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, std::function<Date()> now)
-    : file_(file ? wholePath(*file) : defaultFile()), now_(std::move(now)) {
+    : file_(file ? wholePath(*file) : defaultFile()), now_(std::move(now)), place_(file_) {
     load();
 }
 
 void CustomMoodStore::load() {
     if (file_.empty()) return;
+    const auto facts = factsOf(file_);
+    const bool isLink = facts && facts->kind == FileFacts::Kind::link;
+    std::error_code isBroken;
+    auto place = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
+    if (isBroken) return;
     try {
-        if (const auto text = readFileIfPresent(file_, mostBytes)) specs_ = decodeFile(*text);
+        if (const auto text = readFileIfPresent(place, mostBytes)) specs_ = decodeFile(*text);
+        place_ = std::move(place);
         return;
     } catch (const Error&) {
         // Nobody could act on it here; the file is kept instead.
     }
+    if (isLink) return;  // the user put it there; as long as it stands, no update replaces it
     try {
         moveAside(file_, "unreadable", now_());
     } catch (const FileError&) {
@@ -123,16 +130,16 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
         throw FileError("find the user's data folder", file_, make_error_code(std::errc::no_such_file_or_directory));
     }
     const std::string text = encodeFile(next);
-    if (text.size() > mostBytes) throw FileError("write", file_, make_error_code(std::errc::file_too_large));
+    if (text.size() > mostBytes) throw FileError("write", place_, make_error_code(std::errc::file_too_large));
     try {
-        createFolders(file_.parent_path());
-        if (isUnreadableInPlace_) keepAside(file_, now_());
+        createFolders(place_.parent_path());
+        if (isUnreadableInPlace_) keepAside(place_, now_());
     } catch (const FileError& error) {
         throw FileError(error.step(), error.path(), error.code());  // whatever is in place here, the list is not
     }
     isUnreadableInPlace_ = false;
     try {
-        writeDurably(file_, text);
+        writeDurably(place_, text);
     } catch (const FileError& error) {
         if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
         throw;

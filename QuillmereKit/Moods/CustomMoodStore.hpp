@@ -33,6 +33,9 @@ public:
     /// Loads the list at `file`, or at "Moods.json" in the application's data folder. Never fails: a missing file is an
     /// empty list, and one that cannot be read is moved aside, never overwritten. Blocks on disk.
     ///
+    /// A link in the file's place is followed where it names a mood file, which updates then replace. Any other link is
+    /// left alone, for what it names may only be away: the list is empty, and every update fails.
+    ///
     /// `now` dates the name under which an unreadable file is kept.
     explicit CustomMoodStore(std::optional<std::filesystem::path> file = std::nullopt,
                              std::function<Date()> now = &std::chrono::system_clock::now);
@@ -63,6 +66,7 @@ private:
 
     const std::filesystem::path file_;
     const std::function<Date()> now_;
+    std::filesystem::path place_;  // of the file itself, behind a link; set by the constructor only
     mutable std::mutex mutex_;
     std::vector<MoodSpec> specs_;       // guarded by mutex_
     bool isUnreadableInPlace_ = false;  // guarded by mutex_; the file must be kept aside before it is replaced

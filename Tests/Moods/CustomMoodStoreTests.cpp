@@ -394,6 +394,57 @@ TEST_F(CustomMoodStoreTests, AFolderInTheFilesPlaceIsMovedAsideWithAllItHolds) {
     EXPECT_EQ(open().all(), std::vector{mood("my-a")});
 }
 
+TEST_F(CustomMoodStoreTests, ALinkToAMoodFileIsFollowedByReadingAndSaving) {
+    const auto real = folder.path() / "Synced" / "moods of mine.json";
+    CustomMoodStore(real).save(mood("my-a"));
+    std::filesystem::create_symlink("Synced/moods of mine.json", file);
+    auto store = open();
+    EXPECT_EQ(store.url(), file);
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+
+    store.save(mood("my-b"));
+
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    EXPECT_EQ(folder.names(), (std::vector<std::string>{"Moods.json", "Synced"}));
+    EXPECT_EQ(CustomMoodStore(real).all(), store.all());
+    EXPECT_EQ(open().all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, ALinkToNoMoodFileIsLeftAloneAndNothingIsSavedInItsPlace) {
+    folder.putFile("damaged.json", "{");
+    folder.putFile("folder/inside", "precious");
+    const auto others = [&] {
+        auto names = folder.names();
+        std::erase(names, "Moods.json");
+        return names;
+    };
+    const auto before = others();
+    // What is away today may be back tomorrow.
+    for (const char* target : {"away/Moods.json", "damaged.json", "folder", "Moods.json", "/dev/zero"}) {
+        SCOPED_TRACE(target);
+        std::filesystem::create_symlink(target, file);
+        auto store = open();
+
+        EXPECT_TRUE(store.all().empty());
+        try {
+            store.save(mood("my-a"));
+            ADD_FAILURE() << "saved";
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.code(), FileFault::fileNotRegular);
+            EXPECT_EQ(error.path(), file);
+        }
+        EXPECT_TRUE(store.all().empty());
+        EXPECT_EQ(std::filesystem::read_symlink(file), target);
+        EXPECT_EQ(others(), before);
+
+        std::filesystem::remove(file);
+        store.save(mood("my-a"));
+        EXPECT_EQ(open().all(), store.all());
+        std::filesystem::remove(file);
+    }
+    EXPECT_EQ(folder.content("damaged.json"), "{");
+}
+
 TEST_F(CustomMoodStoreTests, AFileKeptEarlierUnderTheSameNameStays) {
     folder.putFile(asideName, "an earlier one");
     folder.putFile("Moods.json", "damaged");
