@@ -2,13 +2,14 @@
 
 #include <algorithm>
 
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/Hashing.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 namespace quillmere {
 
 TagVocabulary TagVocabulary::load(const std::filesystem::path& file) {
-    return decode<TagVocabulary>(JSONDocument::read(file, mostBytes).root());
+    return decodeJSON<TagVocabulary>(readFile(file, mostBytes, FinalLink::followed));
 }
 
 std::vector<TagVocabulary::Entry> TagVocabulary::tags(TagCategory category) const {

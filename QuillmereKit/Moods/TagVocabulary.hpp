@@ -36,8 +36,8 @@ struct TagVocabulary {
 
     std::vector<Section> sections;  ///< In the file's order.
 
-    /// Reads a vocabulary file. Throws `FileError` if it cannot be read, `JSONError` if it holds anything else. Blocks
-    /// on disk.
+    /// Reads a vocabulary file; a link to one will do. Throws `FileError` if it cannot be read, `JSONError` if it holds
+    /// anything else. Blocks on disk.
     [[nodiscard]] static TagVocabulary load(const std::filesystem::path& file);
 
     /// The suggestions of the first section of this category; none where there is no such section.

@@ -34,6 +34,14 @@ TEST(TagVocabularyTests, AFileIsLoadedInItsOrder) {
     EXPECT_EQ(TagVocabulary::load(folder.putFile("none.json", R"({"sections":[]})")), TagVocabulary{});
 }
 
+TEST(TagVocabularyTests, ALinkToAFileWillDo) {
+    const test::TemporaryFolder folder;
+    folder.putFile("tags.json", sampleText);
+    std::filesystem::create_symlink("tags.json", folder.path() / "link.json");
+
+    EXPECT_EQ(TagVocabulary::load(folder.path() / "link.json"), sample);
+}
+
 TEST(TagVocabularyTests, OnlyTheFirstSectionOfACategoryCounts) {
     EXPECT_EQ(sample.tags(TagCategory::moods), (std::vector<TagVocabulary::Entry>{{"calm", "a book"}, {"warm", ""}}));
     EXPECT_EQ(sample.tags(TagCategory::genre), (std::vector<TagVocabulary::Entry>{{"ambient", "a list"}}));
