@@ -31,7 +31,8 @@ std::optional<Date> GenerationSchedule::nextStart(Date date, const Calendar& cal
 std::optional<Date> GenerationSchedule::windowStart(Date date, const Calendar& calendar) const {
     if (!contains(date, calendar)) return std::nullopt;
     // The search looks strictly before its date; from a second later, it also finds a start at `date` itself.
-    const Date later = date + std::chrono::seconds(1);
+    constexpr std::chrono::seconds aSecond(1);
+    const Date later = date < Date::max() - aSecond ? date + aSecond : Date::max();
     return calendar.previous(static_cast<int>(startMinute / 60), static_cast<int>(startMinute % 60), later);
 }
 

@@ -51,6 +51,12 @@ TEST(GenerationPaceTests, QualityClassesHaveThePlatformsValues) {
     EXPECT_EQ(static_cast<int>(ProcessQualityOfService::userInitiated), 25);
 }
 
+TEST(GenerationPaceTests, MemoryPressureRisesInTheOrderOfItsCases) {
+    EXPECT_EQ(GenerationMemoryPressure(), GenerationMemoryPressure::normal);
+    EXPECT_LT(GenerationMemoryPressure::normal, GenerationMemoryPressure::warning);
+    EXPECT_LT(GenerationMemoryPressure::warning, GenerationMemoryPressure::critical);
+}
+
 TEST(GenerationPaceTests, MemoryPressureHoldsBackTheGentlerPacesFirst) {
     using Pressure = GenerationMemoryPressure;
     struct Row {

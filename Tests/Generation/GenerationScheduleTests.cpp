@@ -78,6 +78,16 @@ TEST_F(GenerationScheduleTests, TheWindowStartOfADateAtTheStartIsThatDate) {
     EXPECT_EQ(night.windowStart(midnight + 3h, utc), midnight - 2h);
 }
 
+TEST_F(GenerationScheduleTests, EvenTheLastMomentThatADateCanHoldHasItsWindowStart) {
+    const GenerationSchedule evening{.startMinute = 1380, .endMinute = 0};  // 23:00 to midnight
+    const Date last = Date::max();                                          // 2262-04-11 23:47:16
+    const auto day = std::chrono::floor<std::chrono::days>(last);
+
+    ASSERT_TRUE(evening.contains(last, utc));
+    EXPECT_EQ(evening.windowStart(last, utc), Date(day) + 23h);
+    EXPECT_EQ(evening.nextStart(last, utc), std::nullopt);
+}
+
 TEST_F(GenerationScheduleTests, OutsideTheWindowThereIsNoWindowStart) {
     EXPECT_EQ(lunch.windowStart(midnight + 12h - 1ns, utc), std::nullopt);
     EXPECT_EQ(lunch.windowStart(midnight + 13h, utc), std::nullopt);
