@@ -47,7 +47,7 @@ Persona decode<Persona>(const JSONValue& value) {
         .prompts = {},
     };
     const auto prompts = value.find("prompts");
-    if (!prompts) throw JSONError("missing key").inMember("prompts");
+    if (!prompts) throw JSONError("is missing").inMember("prompts");
     try {
         persona.prompts = decodePrompts(*prompts);
     } catch (const JSONError& error) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
@@ -127,6 +128,32 @@ TEST_F(PersonaTests, AMissingResourceAndAnEmptyFileAreTheirOwnErrors) {
 TEST_F(PersonaTests, ADamagedFileFailsWithTheReadersError) {
     for (const char* text : {"", "{}", R"({"personas":null})", R"({"personas":[{}]})", "[]", "\xff"}) {
         EXPECT_THROW((void)PersonaCatalog(bundleWith(text)), JSONError) << text;
+    }
+}
+
+TEST_F(PersonaTests, AFileThatCannotBeReadFailsWithTheFilesError) {
+    const auto bundle = bundleWith(R"({"personas":[]})");
+    std::filesystem::resize_file(folder.path() / "personas.json", (16 << 20) + 1);  // sparse
+    try {
+        (void)PersonaCatalog(bundle);
+        FAIL() << "loaded";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code(), FileFault::fileReadTooLarge);
+    }
+}
+
+TEST_F(PersonaTests, EveryMissingKeyIsNamedInTheSameWords) {
+    const std::string whole = bakerText;
+    for (const std::string key : {"id", "name", "symbol", "prompts"}) {
+        SCOPED_TRACE(key);
+        auto without = whole;
+        without.replace(without.find('"' + key + "\":"), key.size() + 2, "\"other\"");
+        try {
+            (void)decodeJSON<Persona>(without);
+            ADD_FAILURE() << "accepted";
+        } catch (const JSONError& error) {
+            EXPECT_EQ(error.what(), key + ": is missing");
+        }
     }
 }
 
