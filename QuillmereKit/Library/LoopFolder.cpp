@@ -44,11 +44,6 @@ bool isRegular(const std::filesystem::path& place) {
 bool isHeld(const std::filesystem::path& lockFile) { return isRegular(lockFile) && FolderLock::isHeld(lockFile); }
 bool isFree(const std::filesystem::path& lockFile) { return isRegular(lockFile) && !FolderLock::isHeld(lockFile); }
 
-bool isSameFile(const std::optional<FileFacts>& a, const std::optional<FileFacts>& b) {
-    if (!a || !b) return !a && !b;
-    return a->device == b->device && a->inode == b->inode && a->size == b->size && a->modified == b->modified;
-}
-
 // One place for what nobody could act on: a folder that cannot be made, a leftover that cannot be removed.
 template <class Action>
 void ignoringFailure(const Action& action) {
@@ -266,7 +261,7 @@ void LoopFolder::takeLock() {
 }
 
 bool LoopFolder::isManifestForeign() const noexcept {
-    return !isNothingAt(manifestFile_) && !isSameFile(manifest_, factsOf(manifestFile_));
+    return !isNothingAt(manifestFile_) && manifest_ != factsOf(manifestFile_);
 }
 
 void LoopFolder::save(std::string_view manifest) {

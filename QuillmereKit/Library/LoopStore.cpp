@@ -152,10 +152,13 @@ void LoopStore::State::catchUp() {
     // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
     if (!folder.load(present)) return;
     table.forEach([&](const StoredLoop& loop) {
-        if (loop.isInside && !unsaved.contains(loop.key)) return;
-        // The other process may have moved the piece to another file since.
-        const bool isOutdated = present.find(loop.key) != nullptr && !LoopFolder::isRegularFile(loop.url);
-        if (!isOutdated) present.put({loop.artifact(), folder.placeOf(loop.url)});
+        const bool isUnsaved = unsaved.contains(loop.key);
+        // Where both know the piece, only what was stored here since counts more than what was written, and not if the
+        // other process has moved the piece to another file. A piece that only this one knows was removed by the other,
+        // unless it was never written, or lies outside the folder: ordinary saves leave those out.
+        const bool isKept = present.find(loop.key) != nullptr ? isUnsaved && LoopFolder::isRegularFile(loop.url)
+                                                              : isUnsaved || !loop.isInside;
+        if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
     });
     table = std::move(present);
     folder.cleanLeftovers(table);

@@ -24,6 +24,9 @@ struct FileFacts {
     Date modified;             ///< When its content last changed.
     std::uint64_t device = 0;  ///< The file system it is on.
     std::uint64_t inode = 0;   ///< Its number there; with `device`, the file's identity.
+
+    /// Equal facts, taken at two times, mean that nobody has written or replaced the file in between.
+    friend bool operator==(const FileFacts&, const FileFacts&) = default;
 };
 
 /// Whether a path whose last component is a symbolic link names what the link points to. Links above the last

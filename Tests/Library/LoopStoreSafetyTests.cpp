@@ -465,6 +465,21 @@ TEST_F(LoopStoreSharingTests, TakingInPrefersTheFileThatIsThere) {
     EXPECT_EQ(late.artifact(fileless.identity), fileless);
 }
 
+TEST_F(LoopStoreSharingTests, PieceThatTheOtherProcessBroughtIntoTheFolderIsNotSentOutAgain) {
+    const auto outside = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Elsewhere/a.wav", "RIFF")));
+    const auto inside = piece(outside.identity);
+    writeManifest({outside});
+    auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
+    auto late = open();
+    writeManifest({inside});
+    other.reset();
+
+    late.add(piece("sprint"));
+
+    EXPECT_EQ(late.artifact(inside.identity), inside);
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
 TEST_F(LoopStoreSharingTests, PieceThatCouldNotBeSavedYetGuardsItsWorkingFolder) {
     auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
     auto late = open();
