@@ -3,10 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <memory>
 #include <utility>
 
-#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/Precondition.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere {
@@ -20,6 +23,19 @@ std::filesystem::path defaultDirectory() {
 std::filesystem::path sharedDirectory() {
     if (!UserFolders::isAutomatedHarness()) return defaultDirectory();
     return UserFolders::temporary() / ("quillmere-vault-" + std::to_string(getpid()));
+}
+
+// The right to replace the file, among all processes. Throws `LibraryInUse`, or `FileError` if the lock file cannot be
+// made.
+std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
+    const auto folder = file.parent_path();
+    const auto lockFile = folder / ".saved.lock";
+    createFolders(folder);  // it may have been taken away since
+    if (auto lock = FolderLock::tryAcquire(lockFile)) return lock;
+    const auto facts = factsOf(lockFile);
+    const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
+    if (isFile && FolderLock::isHeld(lockFile)) throw LibraryInUse(folder, FolderLock::holder(lockFile));
+    throw FileError("lock", lockFile, std::make_error_code(std::errc::permission_denied));
 }
 
 }  // namespace
@@ -36,10 +52,11 @@ RecipeVault& RecipeVault::shared() {
     return vault;
 }
 
-RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory)
-    : file_(directory.value_or(defaultDirectory()) / "saved.json") {
+RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) {
+    precondition(!directory || !directory->empty(), "a vault's folder has a path");
+    file_ = std::filesystem::absolute(directory ? *directory : defaultDirectory()) / "saved.json";
     createFolders(file_.parent_path());
-    load();
+    recipes_ = read();
 }
 
 std::vector<LoopRecipe> RecipeVault::saved() const {
@@ -102,44 +119,71 @@ std::optional<std::string> RecipeVault::lastSaveError() const {
     return lastSaveError_;
 }
 
-void RecipeVault::load() {
+// The recipes of the file, each fingerprint once; none if it is missing or unreadable.
+std::vector<LoopRecipe> RecipeVault::read() {
+    std::vector<LoopRecipe> recipes;
+    known_ = factsOf(file_);
+    knownFingerprints_.clear();
+    isUnreadable_ = false;
     try {
         const auto bytes = readFileIfPresent(file_, recipeFileLimit);
-        if (!bytes) return;
+        if (!bytes) return {};
         auto bundle = RecipeBundle::decode(*bytes);
         for (LoopRecipe& recipe : bundle.recipes) {
-            const bool isHeld =
-                std::ranges::find(recipes_, recipe.fingerprint, &LoopRecipe::fingerprint) != recipes_.end();
-            if (!isHeld) recipes_.push_back(std::move(recipe));
+            if (knownFingerprints_.insert(recipe.fingerprint).second) recipes.push_back(std::move(recipe));
         }
         // What a file held twice is dropped here; the file as found is kept all the same.
-        isUnreadable_ = recipes_.size() != bundle.recipes.size();
+        isUnreadable_ = recipes.size() != bundle.recipes.size();
+        return recipes;
     } catch (const Error&) {
-        recipes_.clear();
+        knownFingerprints_.clear();
         isUnreadable_ = true;
+        return {};
     }
 }
 
 // A failure is kept, not thrown: the list in memory stands, and the next change writes it again.
 void RecipeVault::persist() {
+    const std::lock_guard writing(writing_);
     std::optional<std::string> failure;
-    {
-        const std::lock_guard writing(writing_);
-        try {
-            failure = write();
-        } catch (const Error& error) {
-            failure = error.what();
-        }
+    try {
+        failure = write();
+    } catch (const Error& error) {
+        failure = error.what();
     }
     const std::lock_guard lock(mutex_);
     lastSaveError_ = std::move(failure);
 }
 
+// The list as it has to be written: where another process wrote the file since, with what that one added and without
+// what it removed.
+std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
+    const auto present = factsOf(file_);
+    if (!present || present == known_) return saved();
+
+    const auto before = knownFingerprints_;
+    auto theirs = read();
+    const std::lock_guard lock(mutex_);
+    if (theirs.empty() && isUnreadable_) return recipes_;
+    std::set<std::string_view> held;
+    for (const LoopRecipe& recipe : recipes_) held.insert(recipe.fingerprint);
+    std::erase_if(theirs, [&](const LoopRecipe& recipe) {  // removed here since
+        return before.contains(recipe.fingerprint) && !held.contains(recipe.fingerprint);
+    });
+    for (LoopRecipe& recipe : recipes_) {  // added here since
+        const bool isNew = !before.contains(recipe.fingerprint) && !knownFingerprints_.contains(recipe.fingerprint);
+        if (isNew) theirs.push_back(std::move(recipe));
+    }
+    recipes_ = std::move(theirs);
+    return recipes_;
+}
+
 // Writes what can be written; returns what was left out, if anything was.
 std::optional<std::string> RecipeVault::write() {
+    const auto lock = lockFor(file_);
     RecipeBundle bundle;
     std::optional<std::string> leftOut;
-    for (auto recipes = saved(); LoopRecipe & recipe : recipes) {
+    for (auto recipes = takeInWhatOthersWrote(); LoopRecipe & recipe : recipes) {
         try {
             static_cast<void>(encodeJSON(recipe, JSONWriter::Form::compact));
             bundle.recipes.push_back(std::move(recipe));
@@ -148,11 +192,25 @@ std::optional<std::string> RecipeVault::write() {
         }
     }
     const std::string bytes = encodeJSON(bundle, JSONWriter::Form::pretty);
+    if (bytes.size() > recipeFileLimit) {
+        throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+    }
     if (isUnreadable_) {
         if (fileExists(file_)) keepCopyAside(file_, "unreadable", std::chrono::system_clock::now());
         isUnreadable_ = false;
     }
-    writeDurably(file_, bytes);
+    const auto noteWritten = [&] {
+        known_ = factsOf(file_);
+        knownFingerprints_.clear();
+        for (const LoopRecipe& recipe : bundle.recipes) knownFingerprints_.insert(recipe.fingerprint);
+    };
+    try {
+        writeDurably(file_, bytes);
+    } catch (const FileError& error) {
+        if (error.isInPlace()) noteWritten();
+        throw;
+    }
+    noteWritten();
     return leftOut;
 }
 

@@ -2,13 +2,15 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
 
 namespace quillmere {
@@ -17,6 +19,10 @@ namespace quillmere {
 ///
 /// Every change writes the whole file durably; a failed write is kept as `lastSaveError` and made good by the next
 /// change. A file that cannot be read makes an empty vault, and is kept beside the new one before anything replaces it.
+///
+/// Several processes may change one vault: what others wrote since is taken in before a change is written, their
+/// additions and their removals. A lock on ".saved.lock" beside the file is held while it is written; a change that
+/// finds it held stays in memory, and `lastSaveError` names the holder.
 ///
 /// Thread-safe: yes. Blocks on disk: construction and every change; reading the list never does.
 class RecipeVault {
@@ -37,7 +43,8 @@ public:
     [[nodiscard]] static RecipeVault& shared();
 
     /// Opens the vault in `directory` (default: the application's data folder), making it if missing. Throws
-    /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault.
+    /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault. A relative path is
+    /// taken from the current folder, now; an empty one stops the process.
     explicit RecipeVault(const std::optional<std::filesystem::path>& directory = std::nullopt);
 
     /// The vault's file.
@@ -67,17 +74,22 @@ public:
     [[nodiscard]] std::optional<std::string> lastSaveError() const;
 
 private:
-    void load();
+    [[nodiscard]] std::vector<LoopRecipe> read();
     bool append(LoopRecipe recipe);
     void persist();
     std::optional<std::string> write();
+    [[nodiscard]] std::vector<LoopRecipe> takeInWhatOthersWrote();
 
     std::filesystem::path file_;
     mutable std::mutex mutex_;
     std::vector<LoopRecipe> recipes_;           // guarded by mutex_
     std::optional<std::string> lastSaveError_;  // guarded by mutex_
-    std::mutex writing_;         // held while the file is written, so that the newest list is written last
-    bool isUnreadable_ = false;  // guarded by writing_: the file is still to be kept aside
+    std::mutex writing_;  // held while the file is written, so that the newest list is written last; before mutex_
+
+    // Guarded by writing_: the file as this process last read or wrote it, and what it held then.
+    std::optional<FileFacts> known_;
+    std::set<std::string, std::less<>> knownFingerprints_;
+    bool isUnreadable_ = false;  // it is still to be kept aside
 };
 
 }  // namespace quillmere

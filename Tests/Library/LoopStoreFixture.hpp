@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "Tests/Support/OtherProcess.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere::test {
@@ -98,20 +99,5 @@ struct LoopStoreFixture : testing::Test {
 [[nodiscard]] std::vector<LoopArtifact> byFingerprint(std::vector<LoopArtifact> artifacts);
 
 [[nodiscard]] std::vector<std::string> fingerprints(const std::vector<LoopArtifact>& artifacts);
-
-/// Another process that holds the lock of a folder as long as this object lives.
-class OtherProcess {
-public:
-    explicit OtherProcess(const std::filesystem::path& lockFile);
-    ~OtherProcess();
-    OtherProcess(const OtherProcess&) = delete;
-    OtherProcess& operator=(const OtherProcess&) = delete;
-
-    [[nodiscard]] int id() const noexcept { return process_; }
-
-private:
-    int process_ = -1;
-    int lifeline_ = -1;
-};
 
 }  // namespace quillmere::test

@@ -1,5 +1,6 @@
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
+#include "Tests/Support/OtherProcess.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere {
@@ -82,6 +84,11 @@ TEST_F(RecipeVaultTests, RemovingWhatIsNotHeldWritesNothing) {
 
     EXPECT_FALSE(vault.remove("0000000000000000"));
     EXPECT_FALSE(std::filesystem::exists(vault.file()));
+    vault.save(builtInRecipe());
+    folder.putFile("vault/saved.json", "untouched");
+    EXPECT_FALSE(vault.remove("0000000000000000"));
+    EXPECT_FALSE(vault.save(builtInRecipe()));
+    EXPECT_EQ(folder.content("vault/saved.json"), "untouched");
 }
 
 TEST_F(RecipeVaultTests, ImportSortsABundleOut) {
@@ -168,6 +175,123 @@ TEST_F(RecipeVaultTests, AFileThatCannotBeReadMakesAnEmptyVaultAndIsKept) {
         vault.save(builtInRecipe(2));
         EXPECT_EQ(keptAside().size(), 1U);
     }
+}
+
+// Another process's view of the same vault: two objects know of each other only through the file.
+struct SharedVaultTests : RecipeVaultTests {
+    RecipeVault mine{place};
+    RecipeVault theirs{place};
+};
+
+TEST_F(SharedVaultTests, WhatAnotherProcessSavedIsTakenInBeforeAChangeIsWritten) {
+    theirs.save(builtInRecipe(1));
+    mine.save(builtInRecipe(2));
+    theirs.save(builtInRecipe(3));
+
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2), builtInRecipe(3)}));
+    EXPECT_EQ(mine.count(), 2U) << "reading the list never touches the disk";
+    EXPECT_EQ(theirs.saved(), file().recipes);
+    EXPECT_THAT(keptAside(), testing::IsEmpty());
+}
+
+TEST_F(SharedVaultTests, WhatEitherProcessRemovedStaysRemoved) {
+    mine.importing(RecipeBundle{.recipes = {builtInRecipe(1), builtInRecipe(2), builtInRecipe(3)}}.encoded());
+    theirs.save(builtInRecipe(4));
+
+    EXPECT_TRUE(theirs.remove(builtInRecipe(1).fingerprint));
+    EXPECT_TRUE(mine.remove(builtInRecipe(2).fingerprint));
+
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(3), builtInRecipe(4)}));
+    EXPECT_EQ(mine.saved(), file().recipes);
+}
+
+TEST_F(SharedVaultTests, TheSameRecipeSavedByBothIsHeldOnce) {
+    theirs.save(builtInRecipe(1));
+    EXPECT_TRUE(mine.save(builtInRecipe(1)));
+
+    EXPECT_EQ(file().recipes, std::vector{builtInRecipe(1)});
+    EXPECT_EQ(mine.saved(), std::vector{builtInRecipe(1)});
+}
+
+TEST_F(SharedVaultTests, DamageThatAnotherProcessLeftIsKeptAside) {
+    mine.save(builtInRecipe(1));
+    folder.putFile("vault/saved.json", "{damage");
+
+    mine.save(builtInRecipe(2));
+
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+    ASSERT_EQ(keptAside().size(), 1U);
+    EXPECT_EQ(folder.content("vault/" + keptAside()[0]), "{damage");
+}
+
+TEST_F(SharedVaultTests, WhileAnotherProcessWritesTheChangeWaitsInMemory) {
+    mine.save(builtInRecipe(1));
+    {
+        const test::OtherProcess other(place / ".saved.lock");
+        EXPECT_TRUE(mine.save(builtInRecipe(2)));
+        ASSERT_TRUE(mine.lastSaveError());
+        EXPECT_THAT(*mine.lastSaveError(), testing::HasSubstr("in use by"));
+        EXPECT_EQ(file().recipes, std::vector{builtInRecipe(1)});
+    }
+    mine.save(builtInRecipe(3));
+
+    EXPECT_EQ(mine.lastSaveError(), std::nullopt);
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2), builtInRecipe(3)}));
+}
+
+TEST_F(RecipeVaultTests, AVaultOfManyMegabytesIsReadAgain) {
+    std::vector<LoopRecipe> large;
+    for (int seed = 1; seed <= 20; ++seed) {
+        large.push_back(builtInRecipe(seed));
+        large.back().name.assign(std::size_t{1} << 20, 'n');
+    }
+    RecipeVault(place).importing(encodeJSON(RecipeBundle{.recipes = large}, JSONWriter::Form::compact));
+
+    EXPECT_EQ(RecipeVault(place).count(), large.size());
+}
+
+TEST_F(RecipeVaultTests, WhatCouldNotBeReadAgainIsNotWritten) {
+    RecipeVault vault(place);
+    vault.save(builtInRecipe(1));
+    LoopRecipe huge = builtInRecipe(2);
+    huge.name.assign(recipeFileLimit, 'n');
+
+    EXPECT_TRUE(vault.save(huge));
+
+    EXPECT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(vault.count(), 2U);
+    EXPECT_EQ(RecipeVault(place).saved(), std::vector{builtInRecipe(1)});
+}
+
+TEST_F(RecipeVaultTests, OfRecipesWithOneFingerprintInTheFileTheFirstIsHeldAndTheFileKept) {
+    LoopRecipe renamed = builtInRecipe(1);
+    renamed.name = "Another name";
+    const RecipeBundle found{.recipes = {builtInRecipe(1), renamed, builtInRecipe(2)}};
+    folder.putFile("vault/saved.json", encodeJSON(found, JSONWriter::Form::pretty));
+    RecipeVault vault(place);
+
+    EXPECT_EQ(vault.saved(), (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+
+    vault.save(builtInRecipe(3));
+    ASSERT_EQ(keptAside().size(), 1U);
+    EXPECT_EQ(RecipeBundle::decode(folder.content("vault/" + keptAside()[0])), found);
+}
+
+TEST_F(RecipeVaultTests, TheDefaultFolderIsTheApplicationsData) {
+    EXPECT_EQ(RecipeVault().file(), *UserFolders::applicationData() / "saved.json");
+}
+
+TEST_F(RecipeVaultTests, ARelativeFolderIsTakenFromTheCurrentOneOnce) {
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path());
+    RecipeVault vault("vault");
+    std::filesystem::current_path(before);
+
+    vault.save(builtInRecipe());
+
+    EXPECT_EQ(vault.file(), place / "saved.json");
+    EXPECT_EQ(file().recipes.size(), 1U);
+    EXPECT_DEATH(RecipeVault(std::filesystem::path()), "folder has a path");
 }
 
 TEST_F(RecipeVaultTests, AFailedWriteIsKeptAsAnErrorUntilOneSucceeds) {
