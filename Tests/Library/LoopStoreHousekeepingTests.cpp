@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 
 namespace quillmere {
@@ -156,6 +157,20 @@ TEST_F(LoopStoreHousekeepingTests, TrashThatAlwaysFailsChangesNothing) {
     EXPECT_THAT(discarded, ElementsAre(rain.url));
     EXPECT_TRUE(store.contains(rain.identity));
     EXPECT_TRUE(isThere(rain));
+}
+
+TEST_F(LoopStoreHousekeepingTests, StoreWithoutADiscardOfItsOwnMovesToTheUsersTrash) {
+    const auto loop = added("deepcode");
+    LoopStore plain(folder, ResourceBundle(home.path() / "App"));
+
+    const auto trashed = plain.trash([](const LoopArtifact&) { return true; });
+
+    // Where there is no service for it, the piece stays.
+    const auto inTrash = UserFolders::applicationData()->parent_path() / "Trash/files" / loop.url.path().filename();
+    EXPECT_NE(std::filesystem::exists(inTrash), isThere(loop)) << "the file is at one place";
+    EXPECT_EQ(plain.contains(loop.identity), isThere(loop));
+    EXPECT_THAT(trashed, SizeIs(isThere(loop) ? 0 : 1));
+    EXPECT_THAT(discarded, IsEmpty());
 }
 
 TEST_F(LoopStoreHousekeepingTests, TrashDropsOnlyWhatWasMoved) {

@@ -67,7 +67,11 @@ TEST(MenuBarIconTests, RawValuesAreMatchedExactly) {
     EXPECT_EQ(rawValue(MenuBarIcon::playing), "playing");
     EXPECT_EQ(rawValue(MenuBarIcon::generating), "generating");
     EXPECT_EQ(fromRawValue<MenuBarIcon>("generating"), MenuBarIcon::generating);
-    EXPECT_EQ(fromRawValue<MenuBarIcon>("Generating"), std::nullopt);
+    EXPECT_EQ(fromRawValue<MenuBarIcon>("idle"), MenuBarIcon::idle);
+    EXPECT_EQ(fromRawValue<MenuBarIcon>("playing"), MenuBarIcon::playing);
+    for (const char* other : {"Generating", "", " idle", "paused"}) {
+        EXPECT_EQ(fromRawValue<MenuBarIcon>(other), std::nullopt) << other;
+    }
 }
 
 }  // namespace

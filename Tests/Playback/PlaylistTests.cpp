@@ -108,6 +108,51 @@ TEST(PlaylistTests, AppendingAFingerprintHeldChangesNothing) {
     EXPECT_EQ(playlist, before);
 }
 
+TEST(PlaylistTests, FirstPieceAppendedToAnEmptyPlaylistIsTheCurrentOne) {
+    Playlist playlist({}, 42);
+
+    playlist.append(segment(1));
+
+    ASSERT_NE(playlist.current(), nullptr);
+    EXPECT_EQ(playlist.current()->identity.seed, 1);
+    EXPECT_EQ(playlist.cursor(), 0U);
+    EXPECT_EQ(playlist.upcoming(), nullptr);
+}
+
+TEST(PlaylistTests, PieceAppendedWhileTheLastOneOfARoundPlaysStillPlaysInThatRound) {
+    Playlist playlist(segments(3), 42);
+    plays(playlist, 2);
+
+    playlist.append(segment(3));
+
+    EXPECT_EQ(playlist.upcoming()->identity.seed, 3);
+    EXPECT_EQ(playlist.advance()->identity.seed, 3);
+    EXPECT_EQ(playlist.rounds(), 0);
+    EXPECT_NE(playlist.advance()->identity.seed, 3);
+    EXPECT_EQ(playlist.rounds(), 1);
+}
+
+TEST(PlaylistTests, PiecesGivenTwiceAreKept) {
+    Playlist playlist({segment(1), segment(1)}, 42);
+
+    EXPECT_EQ(playlist.count(), 2U);
+    EXPECT_EQ(playlist.order(), (std::vector<std::size_t>{0, 1}));
+}
+
+TEST(PlaylistTests, EveryPartOfTheStateCountsInEquality) {
+    const Playlist playlist(segments(2), 42);
+    Playlist advanced = playlist;
+    Playlist aRoundLater = playlist;
+    advanced.advance();
+    plays(aRoundLater, 2);
+
+    EXPECT_NE(playlist, Playlist(segments(3), 42)) << "segments";
+    EXPECT_NE(playlist, Playlist(segments(2), 43)) << "generator";
+    EXPECT_NE(playlist, advanced) << "cursor";
+    EXPECT_EQ(playlist.cursor(), aRoundLater.cursor());
+    EXPECT_NE(playlist, aRoundLater) << "rounds";
+}
+
 TEST(PlaylistTests, EmptyPlaylistHasNothing) {
     Playlist playlist({}, 42);
 

@@ -61,6 +61,28 @@ TEST(RadioSetTests, RemovingAnotherMoodLeavesTheOneOnAir) {
     EXPECT_EQ(set.moodIDs(), (Moods{"b", "c"}));
 }
 
+TEST(RadioSetTests, RemovingADuplicateOnAirPutsOnAirWhatMovedIntoItsPlace) {
+    RadioSet set = radio({"a", "b", "a"}, "a");
+
+    EXPECT_EQ(set.toggle("a"), Result(Result::Removed{"a"}));
+    EXPECT_EQ(set.onAir(), "b");
+}
+
+TEST(RadioSetTests, ContainsExactlyTheListedMoods) {
+    const RadioSet set = radio({"a", "Bb"}, "a");
+
+    EXPECT_TRUE(set.contains("Bb"));
+    EXPECT_FALSE(set.contains("bb"));
+    EXPECT_FALSE(set.contains("B"));
+    EXPECT_FALSE(set.contains(""));
+}
+
+TEST(RadioSetTests, ResultsAreComparedByCaseAndPayload) {
+    EXPECT_NE(Result(Result::Added{"a"}), Result(Result::Added{"b"}));
+    EXPECT_NE(Result(Result::Added{"a"}), Result(Result::Removed{"a"}));
+    EXPECT_NE(Result(Result::Removed{"a"}), Result(Result::RefusedLastMood{}));
+}
+
 TEST(RadioSetTests, TogglingByTheSetsOwnTextIsSafe) {
     RadioSet set = radio({"a", "b"}, "a");
 
@@ -121,7 +143,10 @@ TEST(PickerModeTests, ReadsAndWritesItsRawValue) {
     EXPECT_EQ(decodeJSON<PickerMode>("\"radio\""), PickerMode::radio);
     EXPECT_EQ(decodeJSON<PickerMode>("\"mood\""), PickerMode::mood);
     EXPECT_EQ(encodeJSON(PickerMode::radio, JSONWriter::Form::compact), "\"radio\"");
+    EXPECT_EQ(encodeJSON(PickerMode::mood, JSONWriter::Form::compact), "\"mood\"");
     EXPECT_EQ(fromRawValue<PickerMode>("Radio"), std::nullopt);
+    EXPECT_EQ(fromRawValue<PickerMode>(""), std::nullopt);
+    EXPECT_THROW(static_cast<void>(decodeJSON<PickerMode>("1")), JSONError);
     EXPECT_THROW(static_cast<void>(decodeJSON<PickerMode>("\"tape\"")), JSONError);
 }
 

@@ -250,9 +250,81 @@ TEST(LoopRecipeTests, RequiredKeysAreRequiredAndOthersIgnored) {
     EXPECT_EQ(decodeJSON<LoopRecipe>(text), builtInRecipe());
 }
 
-TEST(LoopRecipeTests, EqualRecipesHashEqually) {
-    EXPECT_EQ(std::hash<LoopRecipe>{}(builtInRecipe()), std::hash<LoopRecipe>{}(builtInRecipe()));
-    EXPECT_NE(std::hash<LoopRecipe>{}(builtInRecipe(1)), std::hash<LoopRecipe>{}(builtInRecipe(2)));
+TEST(LoopRecipeTests, WrittenFileHasEveryFieldUnderItsNameAndNoAbsentOnes) {
+    LoopRecipe recipe = builtInRecipe();
+    recipe.audioSHA256 = std::string(64, '0');
+    recipe.seamDB = -40.5;
+    const std::string sharedFile = R"({
+  "audioSHA256" : "0000000000000000000000000000000000000000000000000000000000000000",
+  "engineBuild" : "build-1",
+  "fingerprint" : "FINGERPRINT",
+  "identity" : {
+    "blend" : {
+      "index" : 1
+    },
+    "calmPrompt" : "CALM",
+    "energeticPrompt" : "ENERGETIC",
+    "model" : "sa3_medium_mlx_v2",
+    "moodID" : "MOOD",
+    "recipe" : 1,
+    "seed" : 1
+  },
+  "name" : "Design Flow",
+  "origin" : {
+    "chip" : "A chip"
+  },
+  "schema" : "quillmere.recipe\/2",
+  "seamDB" : -40.5,
+  "seconds" : 120
+})";
+    const auto filled = [&](std::string text) {
+        const auto put = [&](std::string_view name, const std::string& value) {
+            text.replace(text.find(name), name.size(), value);
+        };
+        put("FINGERPRINT", recipe.fingerprint);
+        put("CALM", recipe.identity.calmPrompt);
+        put("ENERGETIC", recipe.identity.energeticPrompt);
+        put("MOOD", recipe.identity.moodID);
+        return text;
+    };
+
+    EXPECT_EQ(recipe.encoded(), filled(sharedFile));
+
+    const LoopRecipe bare = LoopRecipe::make("N", recipe.identity);
+    const std::string text = encodeJSON(bare, JSONWriter::Form::compact);
+    EXPECT_TRUE(text.starts_with(R"({"schema":"quillmere.recipe\/2","name":"N","identity":{"moodID":)")) << text;
+    EXPECT_TRUE(text.ends_with(R"("recipe":1},"fingerprint":")" + bare.fingerprint + "\"}")) << text;
+    EXPECT_EQ(LoopRecipe::decode(text), bare);
+}
+
+TEST(LoopRecipeTests, EveryFieldCountsInEqualityAndHash) {
+    const LoopRecipe recipe = builtInRecipe();
+    const auto changed = [&](const auto& change) {
+        LoopRecipe other = recipe;
+        change(other);
+        return other;
+    };
+    const LoopRecipe others[] = {
+        changed([](LoopRecipe& r) { r.schema = "x"; }),
+        changed([](LoopRecipe& r) { r.name = "x"; }),
+        changed([](LoopRecipe& r) { r.identity.seed = 9; }),
+        changed([](LoopRecipe& r) { r.fingerprint = "x"; }),
+        changed([](LoopRecipe& r) { r.moodSpec = sampleSpec(); }),
+        changed([](LoopRecipe& r) { r.engineBuild = "x"; }),
+        changed([](LoopRecipe& r) { r.origin.reset(); }),
+        changed([](LoopRecipe& r) { r.audioSHA256 = "x"; }),
+        changed([](LoopRecipe& r) { r.seconds.reset(); }),
+        changed([](LoopRecipe& r) { r.seamDB = 0; }),
+    };
+    const std::hash<LoopRecipe> hash;
+
+    EXPECT_EQ(recipe, builtInRecipe());
+    EXPECT_EQ(hash(recipe), hash(builtInRecipe()));
+    for (const LoopRecipe& other : others) {
+        SCOPED_TRACE(&other - others);
+        EXPECT_NE(other, recipe);
+        EXPECT_NE(hash(other), hash(recipe));
+    }
 }
 
 }  // namespace
