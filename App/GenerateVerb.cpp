@@ -7,18 +7,15 @@
 #include <map>
 
 #include "App/EndOfWork.hpp"
-#include "App/EngineCommand.hpp"
+#include "App/Engines.hpp"
 #include "App/EventText.hpp"
 #include "App/Host.hpp"
-#include "App/Suggestion.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Terminal.hpp"
 #include "App/Verbs.hpp"
-#include "QuillmereKit/Generation/GenerationBackends.hpp"
+#include "QuillmereKit/Generation/GenerationActivity.hpp"
 #include "QuillmereKit/Generation/GenerationQueue.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
-#include "QuillmereKit/Moods/MoodCatalog.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
-#include "Renderers/ProcessRenderer.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -49,14 +46,7 @@ public:
           pace_(options.pace.value_or(host.settingsFile().settings().pace)),
           breakSeconds_(options.breakSeconds.value_or(interval(pace_))),
           seed_(options.seed.value_or(randomSeed())) {
-        auto backends = std::make_shared<GenerationBackends>();
-        auto command = options.engine.empty() ? defaultEngineCommand() : splitCommand(options.engine);
-        if (command.empty()) throw Error("The engine command is empty.");
-        ProcessRendererOptions rendering;
-        if (auto chip = processorName(); !chip.empty()) rendering.origin = RecipeOrigin{std::move(chip)};
-        auto renderer = std::make_shared<ProcessRenderer>(std::move(command), store_, std::move(rendering));
-        for (const GenerationEngine engine : allCases<GenerationEngine>()) backends->registerService(renderer, engine);
-        queue_ = std::make_unique<GenerationQueue>(backends, store_, options.seconds);
+        queue_ = std::make_unique<GenerationQueue>(enginesFor(options.engine, store_), store_, options.seconds);
     }
 
     void run() {
@@ -101,7 +91,7 @@ private:
     void take(const GenerationQueue::Event& event) {
         using Progress = GenerationQueue::Progress;
         if (host_.json) {
-            std::printf("%s\n", jsonLine(event).c_str());
+            std::printf("%s\n", safeJSON(jsonLine(event)).c_str());
             std::fflush(stdout);
         }
         const auto& value = event.progress.value();
@@ -184,21 +174,6 @@ private:
     std::unique_ptr<GenerationQueue> queue_;  // last, so that it ends before what its handler uses goes
 };
 
-// The mood that the user named, or a sentence that helps.
-Mood chosenMood(const std::string& id) {
-    if (const auto mood = MoodCatalog::mood(id, CustomMoodStore::shared())) {
-        if (!mood->isPlayable()) {
-            throw CLI::ValidationError(
-                "--mood", "\"" + mood->name + "\" has no music yet. 'quillmere moods' lists those that have.");
-        }
-        return *mood;
-    }
-    std::vector<std::string> known;
-    for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.push_back(mood.id);
-    throw CLI::ValidationError("--mood", "there is no mood \"" + safeForTerminal(id) + "\"." +
-                                             didYouMean(id, known, " 'quillmere moods' lists them."));
-}
-
 }  // namespace
 
 void addGenerateVerb(CLI::App& app, Host& host) {
@@ -208,12 +183,7 @@ void addGenerateVerb(CLI::App& app, Host& host) {
     auto options = std::make_shared<GenerateOptions>();
 
     verb.add_option("--mood", options->mood, "The mood's id, as 'quillmere moods' lists it")->required();
-    const std::map<std::string, std::int64_t> blends = {{"0", 0}, {"1", 1},    {"2", 2},        {"3", 3},
-                                                        {"4", 4}, {"calm", 0}, {"balanced", 1}, {"energetic", 4}};
-    verb.add_option("--blend", options->blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
-        ->transform(CLI::Transformer(blends, CLI::ignore_case).description("0..4|calm|balanced|energetic"))
-        ->check(CLI::Range(0, 4).description(""))
-        ->default_str("1");
+    addBlendOption(verb, options->blend);
     verb.add_option("--count", options->count, "How many pieces")->check(CLI::Range(1, 100000))->default_str("1");
     verb.add_option("--seed", options->seed, "The first piece's seed; the next ones follow it (default: random)")
         ->check(CLI::NonNegativeNumber);
@@ -240,7 +210,7 @@ void addGenerateVerb(CLI::App& app, Host& host) {
 
     verb.callback([options, &host] {
         host.prepare();
-        const Mood mood = chosenMood(options->mood);
+        const Mood mood = playableMood("--mood", options->mood);
         if (options->seed && *options->seed > std::numeric_limits<std::int64_t>::max() - options->count) {
             throw CLI::ValidationError("--seed", "too large for this many pieces");
         }

@@ -65,6 +65,15 @@ SettingsFile& Host::settingsFile() {
     return *settings_;
 }
 
+std::shared_ptr<FolderLock> Host::lockData() {
+    const auto data = UserFolders::applicationData();
+    if (!data) throw Error("There is no home folder. Name a place with --home.");
+    createFolders(*data);
+    auto lock = FolderLock::tryAcquire(*data / ".lock");
+    if (!lock) throw LibraryInUse(*data, FolderLock::holder(*data / ".lock"));
+    return lock;
+}
+
 void Host::fail(ExitCode code, std::string_view message) {
     warn(message);
     exitCode = code;

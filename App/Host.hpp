@@ -38,6 +38,11 @@ public:
     /// The user's choices, read on first use; what could not be read of them is then said on standard error.
     [[nodiscard]] SettingsFile& settingsFile();
 
+    /// The right to change the user's moods, recipes and radio, for as long as it is held: take it before the store in
+    /// question is first used, so that nothing that another process writes meanwhile is lost. Throws `LibraryInUse` if
+    /// another process holds it.
+    [[nodiscard]] static std::shared_ptr<FolderLock> lockData();
+
     /// Where the loop library lies.
     [[nodiscard]] std::filesystem::path libraryFolder() const;
 

@@ -28,6 +28,13 @@ int run(int argumentCount, char** arguments) {
     quillmere::app::addGenerateVerb(app, host);
     quillmere::app::addScheduleVerb(app, host);
     quillmere::app::addSettingsVerb(app, host);
+    quillmere::app::addPlayVerb(app, host);
+    quillmere::app::addRadioVerb(app, host);
+    quillmere::app::addRecipeVerb(app, host);
+    quillmere::app::addVaultVerb(app, host);
+    quillmere::app::addPersonasVerb(app, host);
+    quillmere::app::addTagsVerb(app, host);
+    quillmere::app::addDigestVerb(app, host);
 
     try {
         app.parse(argumentCount, arguments);

@@ -67,6 +67,30 @@ std::string safeForTerminal(std::string_view text) {
     return safe;
 }
 
+std::string safeJSON(std::string_view json) {
+    std::string safe;
+    safe.reserve(json.size());
+    while (!json.empty()) {
+        const std::size_t length = std::max<std::size_t>(sequenceLength(json), 1);
+        const std::uint32_t character = scalar(json.substr(0, length));
+        // A line end can only stand between values: inside texts the writer has escaped it.
+        if (character == '\n' || !isUnsafe(character)) {
+            safe += json.substr(0, length);
+        } else {
+            char escape[16];
+            if (character <= 0xffff) {
+                std::snprintf(escape, sizeof escape, "\\u%04x", character);
+            } else {
+                const std::uint32_t rest = character - 0x10000;
+                std::snprintf(escape, sizeof escape, "\\u%04x\\u%04x", 0xd800 + (rest >> 10), 0xdc00 + (rest & 0x3ff));
+            }
+            safe += escape;
+        }
+        json.remove_prefix(length);
+    }
+    return safe;
+}
+
 ProgressLine::ProgressLine() : isTerminal_(isatty(STDERR_FILENO) == 1) {}
 
 ProgressLine::~ProgressLine() { clear(); }

@@ -9,6 +9,10 @@ namespace quillmere::app {
 /// replaced, so that text from a file can neither move the cursor nor pretend to be something else.
 [[nodiscard]] std::string safeForTerminal(std::string_view text);
 
+/// JSON as it may go to a terminal: what `safeForTerminal` would replace is escaped (`\u009b`), which means the same to
+/// every reader.
+[[nodiscard]] std::string safeJSON(std::string_view json);
+
 /// One line at the bottom of a terminal that is drawn over and over: a bar and a text. On anything but a
 /// terminal every new text is a plain line of its own. Not thread-safe.
 class ProgressLine {

@@ -14,5 +14,12 @@ void addMoodsVerb(CLI::App& app, Host& host);
 void addGenerateVerb(CLI::App& app, Host& host);
 void addScheduleVerb(CLI::App& app, Host& host);
 void addSettingsVerb(CLI::App& app, Host& host);
+void addDigestVerb(CLI::App& app, Host& host);
+void addPersonasVerb(CLI::App& app, Host& host);
+void addPlayVerb(CLI::App& app, Host& host);
+void addRadioVerb(CLI::App& app, Host& host);
+void addRecipeVerb(CLI::App& app, Host& host);
+void addTagsVerb(CLI::App& app, Host& host);
+void addVaultVerb(CLI::App& app, Host& host);
 
 }  // namespace quillmere::app

@@ -5,6 +5,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import unittest
 import wave
@@ -47,6 +48,12 @@ class HostTest(unittest.TestCase):
         process.out, process.err = out, err
         return process
 
+    def run_json(self, *arguments, **options):
+        """The same with --json: what an independent reader makes of the output."""
+        done = self.run_host(*arguments, "--json", **options)
+        subprocess.run([sys.executable, "-m", "json.tool"], input=done.out, text=True, check=True, capture_output=True)
+        return json.loads(done.out)
+
     def generate(self, *arguments, mood="designflow", seconds=4, count=1, **options):
         return self.run_host("generate", "--mood", mood, "--seconds", seconds, "--count", count, *arguments, **options)
 
@@ -55,6 +62,12 @@ class HostTest(unittest.TestCase):
 
     def audio(self, loops=None):
         return sorted((loops or self.loops).glob("*.wav"))
+
+    def assert_help(self, *verb):
+        """Every part of a verb explains itself, with an example that begins like the part itself."""
+        done = self.run_host(*verb, "--help", home=False)
+        self.assertIn("Example: quillmere " + " ".join(verb), done.out)
+        self.assertIn("--json", done.out)
 
     def script(self, name, text):
         """An executable script."""

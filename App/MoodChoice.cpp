@@ -1,0 +1,41 @@
+#include "App/MoodChoice.hpp"
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
+
+namespace quillmere::app {
+
+std::vector<std::string> moodIDs() {
+    std::vector<std::string> ids;
+    for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) ids.push_back(mood.id);
+    return ids;
+}
+
+Mood namedMood(const std::string& option, const std::string& id) {
+    if (const auto mood = MoodCatalog::mood(id)) return *mood;
+    throw CLI::ValidationError(option, "there is no mood \"" + safeForTerminal(id) + "\"." +
+                                           didYouMean(id, moodIDs(), " 'quillmere moods' lists them."));
+}
+
+Mood playableMood(const std::string& option, const std::string& id) {
+    Mood mood = namedMood(option, id);
+    if (mood.isPlayable()) return mood;
+    throw CLI::ValidationError(
+        option, "\"" + safeForTerminal(mood.name) + "\" has no music yet. 'quillmere moods' lists those that have.");
+}
+
+void addBlendOption(CLI::App& verb, std::int64_t& blend) {
+    const std::map<std::string, std::int64_t> blends = {{"0", 0}, {"1", 1},    {"2", 2},        {"3", 3},
+                                                        {"4", 4}, {"calm", 0}, {"balanced", 1}, {"energetic", 4}};
+    verb.add_option("--blend", blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
+        ->transform(CLI::Transformer(blends, CLI::ignore_case).description("0..4|calm|balanced|energetic"))
+        ->check(CLI::Range(0, 4).description(""))
+        ->default_str("1");
+}
+
+}  // namespace quillmere::app

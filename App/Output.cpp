@@ -1,0 +1,47 @@
+#include "App/Output.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "App/Terminal.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
+
+namespace quillmere::app {
+
+void printJSON(JSONWriter& writer) { std::printf("%s\n", safeJSON(writer.take()).c_str()); }
+
+OutputFile::OutputFile(std::filesystem::path file, bool mayReplace)
+    : file_(std::filesystem::absolute(file).lexically_normal()),
+      temporary_(file_.parent_path() / (".quillmere-" + UUID::random().text() + ".part")),
+      mayReplace_(mayReplace) {
+    if (!file_.has_filename()) throw Error("\"" + file.string() + "\" is a folder. Name a file.");
+    const auto facts = factsOf(file_);
+    if (!facts) return;
+    if (facts->kind != FileFacts::Kind::regular) {
+        throw Error("\"" + file_.string() + "\" is no regular file, so nothing is written there.");
+    }
+    if (!mayReplace) throw Error("\"" + file_.string() + "\" exists. Add --force to replace it.");
+}
+
+OutputFile::~OutputFile() {
+    std::error_code ignored;
+    std::filesystem::remove(temporary_, ignored);
+}
+
+void OutputFile::moveIntoPlace() {
+    if (!mayReplace_) return moveFile(temporary_, file_);
+    if (std::rename(temporary_.c_str(), file_.c_str()) != 0) {
+        throw FileError("rename", file_, std::error_code(errno, std::system_category()));
+    }
+    syncFolder(file_.parent_path());
+}
+
+void writeOutput(const std::filesystem::path& file, std::string_view bytes, bool mayReplace) {
+    OutputFile output(file, mayReplace);
+    writeDurably(output.temporary(), bytes);
+    output.moveIntoPlace();
+}
+
+}  // namespace quillmere::app

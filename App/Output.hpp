@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+
+namespace quillmere::app {
+
+/// Prints the whole text of `writer` and a line end on standard output, safe for a terminal.
+void printJSON(JSONWriter& writer);
+
+/// A file that a verb makes for its user: written under another name beside its place, and moved there once it is
+/// whole. Whatever fails before, nothing is left and nothing was replaced.
+class OutputFile {
+public:
+    /// Throws `Error` if something stands at `file`, unless that is a regular file and `mayReplace`.
+    OutputFile(std::filesystem::path file, bool mayReplace);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Where to write; nothing stands there yet.
+    [[nodiscard]] const std::filesystem::path& temporary() const noexcept { return temporary_; }
+
+    /// Gives the file its name; the folder is synced. What came to stand there meanwhile is replaced only where it may
+    /// be. Throws `FileError`.
+    void moveIntoPlace();
+
+private:
+    std::filesystem::path file_;
+    std::filesystem::path temporary_;
+    bool mayReplace_;
+};
+
+/// Writes a whole file for the user, durably. Throws as `OutputFile`.
+void writeOutput(const std::filesystem::path& file, std::string_view bytes, bool mayReplace);
+
+}  // namespace quillmere::app

@@ -1,0 +1,132 @@
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+
+#include "App/Host.hpp"
+#include "App/MoodChoice.hpp"
+#include "App/Output.hpp"
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "App/Verbs.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
+
+namespace quillmere::app {
+namespace {
+
+struct Options {
+    std::vector<std::string> moods;
+    std::string mood;
+    std::string onAir;
+};
+
+// The radio as it is kept.
+RadioSet keptRadio(Host& host) {
+    if (const auto& radio = host.settingsFile().settings().radio) return *radio;
+    throw Error("There is no radio yet. 'quillmere radio make MOOD...' makes one.");
+}
+
+void show(const Host& host, const RadioSet& radio) {
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("summary", radio.summary());
+        writer.member("moodIDs", radio.moodIDs());
+        writer.member("onAir", radio.onAir());
+        writer.endObject();
+        return printJSON(writer);
+    }
+    std::printf("%s\n", radio.summary().c_str());
+    for (const auto& id : radio.moodIDs()) {
+        const auto mood = MoodCatalog::mood(id);
+        std::printf("%s %-16s %s\n", id == radio.onAir() ? " >" : "  ", safeForTerminal(id).c_str(),
+                    mood ? safeForTerminal(mood->name).c_str() : "(no such mood)");
+    }
+}
+
+void keep(Host& host, const RadioSet& radio) {
+    host.settingsFile().set("radio", radio);
+    show(host, radio);
+}
+
+void make(Host& host, const Options& options) {
+    const auto lock = Host::lockData();
+    for (const auto& id : options.moods) static_cast<void>(playableMood("mood", id));
+    if (!options.onAir.empty() && std::ranges::find(options.moods, options.onAir) == options.moods.end()) {
+        throw CLI::ValidationError("--on-air", "\"" + safeForTerminal(options.onAir) + "\" is none of the moods." +
+                                                   didYouMean(options.onAir, options.moods));
+    }
+    keep(host, RadioSet::make(options.moods, options.onAir).value());
+}
+
+// A mood that is gone can still be taken out.
+void toggle(Host& host, const Options& options) {
+    const auto lock = Host::lockData();
+    const auto& kept = host.settingsFile().settings().radio;
+    if (!kept || !kept->contains(options.mood)) static_cast<void>(playableMood("mood", options.mood));
+    if (!kept) return keep(host, RadioSet::make({options.mood}, std::nullopt).value());
+    RadioSet radio = *kept;
+    const auto result = radio.toggle(options.mood);
+    if (std::holds_alternative<RadioSet::ToggleResult::RefusedLastMood>(result.value())) {
+        return host.fail(ExitCode::failure, "A radio has at least one mood, so its last one stays.");
+    }
+    keep(host, radio);
+}
+
+void advance(Host& host) {
+    const auto lock = Host::lockData();
+    RadioSet radio = keptRadio(host);
+    radio.advance();
+    keep(host, radio);
+}
+
+}  // namespace
+
+void addRadioVerb(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    auto& verb = *app.add_subcommand("radio", "Show and make the radio: moods that take turns on air");
+    verb.footer("Example: quillmere radio make designflow winddown");
+    verb.require_subcommand(0, 1);
+    addHomeOption(verb, host);
+    addJSONOption(verb, host);
+    verb.callback([&verb, &host] {
+        if (!verb.get_subcommands().empty()) return;
+        host.prepare();
+        show(host, keptRadio(host));
+    });
+    const auto add = [&](const char* name, const char* what, const char* example) -> CLI::App& {
+        auto& part = *verb.add_subcommand(name, what);
+        part.footer(std::string("Example: quillmere radio ") + example);
+        addHomeOption(part, host);
+        addJSONOption(part, host);
+        return part;
+    };
+
+    auto& showing = add("show", "Show the radio", "show --json");
+    showing.callback([&host] {
+        host.prepare();
+        show(host, keptRadio(host));
+    });
+
+    auto& making = add("make", "Make the radio of these moods", "make designflow winddown --on-air winddown");
+    making.add_option("mood", options->moods, "The moods, in order")->type_name("MOOD")->required();
+    making.add_option("--on-air", options->onAir, "The one on air now (default: the first)")->type_name("MOOD");
+    making.callback([options, &host] {
+        host.prepare();
+        make(host, *options);
+    });
+
+    auto& toggling = add("toggle", "Add a mood, or take it out", "toggle deepcode");
+    toggling.add_option("mood", options->mood, "The mood")->type_name("MOOD")->required();
+    toggling.callback([options, &host] {
+        host.prepare();
+        toggle(host, *options);
+    });
+
+    auto& advancing = add("next", "Put the next mood on air", "next");
+    advancing.callback([&host] {
+        host.prepare();
+        advance(host);
+    });
+}
+
+}  // namespace quillmere::app

@@ -1,0 +1,318 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "App/Engines.hpp"
+#include "App/Host.hpp"
+#include "App/Output.hpp"
+#include "App/Recipes.hpp"
+#include "App/Recreation.hpp"
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "App/Verbs.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+
+namespace quillmere::app {
+namespace {
+
+struct Options {
+    std::string fingerprint;
+    std::string file;
+    std::string output;
+    std::optional<std::string> name;
+    std::string engine;
+    std::string digest;
+    bool isForced = false;
+    bool isWithMood = false;
+};
+
+void exportRecipe(Host& host, const Options& options) {
+    const LoopRecipe recipe = recipeOf(namedPiece(options.fingerprint, *host.store()), options.name).forSharing();
+    recipe.validate();  // what every reader would refuse is not written
+    const std::string bytes = recipe.encoded();
+    if (options.output.empty()) {
+        std::printf("%s\n", safeJSON(bytes).c_str());
+        return;
+    }
+    writeOutput(options.output, bytes, options.isForced);
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("file", std::filesystem::absolute(options.output).lexically_normal().string());
+        writer.member("fingerprint", recipe.fingerprint);
+        writer.member("name", recipe.name);
+        writer.endObject();
+        printJSON(writer);
+    } else {
+        std::printf("%s  %s\n", safeForTerminal(recipe.fingerprint).c_str(), safeForTerminal(options.output).c_str());
+    }
+}
+
+void printLine(const char* name, const std::optional<std::string>& value) {
+    if (value) std::printf("  %-12s %s\n", name, safeForTerminal(*value).c_str());
+}
+
+void showAsText(const LoopRecipe& recipe) {
+    const auto& identity = recipe.identity;
+    std::printf("%s\n", safeForTerminal(recipe.name).c_str());
+    printLine("fingerprint", recipe.fingerprint);
+    printLine("mood", recipe.moodSpec ? identity.moodID + "  " + recipe.moodSpec->name : identity.moodID);
+    printLine("blend", std::to_string(identity.blend.index()) + "  " + std::string(identity.blend.label()));
+    printLine("seed", std::to_string(identity.seed));
+    printLine("model", identity.model);
+    if (recipe.seconds) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%.6g s", *recipe.seconds);
+        printLine("length", text);
+    }
+    printLine("engine", recipe.engineBuild);
+    if (recipe.origin) printLine("made on", recipe.origin->chip);
+    printLine("audio", recipe.audioSHA256);
+    printLine("calm", identity.calmPrompt);
+    printLine("energetic", identity.energeticPrompt);
+    printLine("prompt", identity.prompt);
+}
+
+void show(Host& host, const std::string& file) {
+    const RecipeFile read = readRecipes(file);
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("recipes", read.recipes.usable);
+        writer.key("rejected");
+        writer.beginArray();
+        for (const auto& [recipe, error] : read.recipes.rejected) {
+            writer.beginObject();
+            writer.member("fingerprint", recipe.fingerprint);
+            writer.member("name", recipe.name);
+            writer.key("error");
+            encodeFailure(writer, error);
+            writer.endObject();
+        }
+        writer.endArray();
+        writer.endObject();
+        printJSON(writer);
+    } else {
+        for (const LoopRecipe& recipe : read.recipes.usable) showAsText(recipe);
+    }
+    warnOfRejected(read.recipes.rejected);
+    if (!read.recipes.rejected.empty()) host.exitCode = ExitCode::failure;
+}
+
+// Whether this machine can recreate each of the recipes.
+void check(Host& host, const Options& options) {
+    const RecipeFile read = readRecipes(options.file);
+    const auto engines = enginesFor(options.engine, host.store());
+    warnOfRejected(read.recipes.rejected);
+    if (!read.recipes.rejected.empty()) host.exitCode = ExitCode::failure;
+    JSONWriter writer(JSONWriter::Form::pretty);
+    writer.beginArray();
+    for (const LoopRecipe& recipe : read.recipes.usable) {
+        const auto localBuild = engines->engineBuild(recipe.identity);
+        const auto refusal = whyNotHere(recipe, localBuild);
+        writer.beginObject();
+        writer.member("fingerprint", recipe.fingerprint);
+        writer.member("name", recipe.name);
+        writer.member("canRecreate", !refusal);
+        writer.member("engineBuild", recipe.engineBuild);
+        writer.member("localBuild", localBuild);
+        if (refusal) {
+            writer.key("error");
+            encodeFailure(writer, *refusal);
+        }
+        writer.endObject();
+        const std::string title = read.isBundle ? "\"" + recipe.name + "\" (" + recipe.fingerprint + "): " : "";
+        if (refusal) {
+            host.fail(ExitCode::failure, title + std::string(refusal->message()));
+        } else if (!host.json) {
+            std::printf("%sThis machine can recreate it.\n", safeForTerminal(title).c_str());
+        }
+    }
+    for (const auto& [recipe, error] : read.recipes.rejected) {
+        writer.beginObject();
+        writer.member("fingerprint", recipe.fingerprint);
+        writer.member("name", recipe.name);
+        writer.member("canRecreate", false);
+        writer.key("error");
+        encodeFailure(writer, error);
+        writer.endObject();
+    }
+    writer.endArray();
+    if (host.json) printJSON(writer);
+}
+
+// The recipe that the user names: a file of one, or a fingerprint in the vault.
+LoopRecipe namedRecipe(const std::string& name) {
+    const bool isFingerprint = name.size() == 16 && name.find_first_not_of("0123456789abcdef") == std::string::npos;
+    if (!isFingerprint || fileExists(name)) {
+        auto read = readRecipes(name);
+        if (read.recipes.usable.size() + read.recipes.rejected.size() != 1) {
+            throw Error("The file holds " + std::to_string(read.recipes.usable.size() + read.recipes.rejected.size()) +
+                        " recipes. Import it, then recreate one by its fingerprint.");
+        }
+        if (!read.recipes.rejected.empty()) throw read.recipes.rejected.front().error;
+        return std::move(read.recipes.usable.front());
+    }
+    std::vector<std::string> known;
+    for (LoopRecipe& recipe : RecipeVault::shared().saved()) {
+        if (recipe.fingerprint == name) {
+            recipe.validate();  // the file may have been edited by hand
+            return std::move(recipe);
+        }
+        known.push_back(std::move(recipe.fingerprint));
+    }
+    throw CLI::ValidationError("recipe", "there is no recipe \"" + name + "\" in the vault." +
+                                             didYouMean(name, known, " 'quillmere vault list' lists them."));
+}
+
+// Keeps the recipe's mood among the user's own, so that its pieces are played. A mood of that id stays as it is.
+void keepMood(const LoopRecipe& recipe, bool isWanted) {
+    if (!recipe.identity.moodID.starts_with(MoodSpec::idPrefix) || !recipe.moodSpec) return;
+    const auto lock = isWanted ? Host::lockData() : nullptr;
+    auto& moods = CustomMoodStore::shared();
+    const auto held = moods.spec(recipe.moodSpec->id);  // the user's own specification
+    if (held && held->rendersLike(*recipe.moodSpec)) return;
+    if (held) {
+        Host::warn("Your mood \"" + held->id + "\" is another one than the recipe's, so the piece will not be played.");
+    } else if (!isWanted) {
+        Host::warn("The mood \"" + recipe.moodSpec->name +
+                   "\" is not among yours, so the piece will not be played. --with-mood adds it.");
+    } else {
+        moods.save(*recipe.moodSpec);
+    }
+}
+
+void recreateRecipe(Host& host, const Options& options) {
+    const LoopRecipe recipe = namedRecipe(options.file);
+    const auto done = recreate(recipe, options.engine, options.digest, host);
+    if (!done) return;
+    keepMood(recipe, options.isWithMood);
+    report(*done, host);
+}
+
+}  // namespace
+
+void importRecipes(Host& host, const std::string& file) {
+    const RecipeFile read = readRecipes(file);
+    const auto lock = Host::lockData();
+    auto& vault = RecipeVault::shared();
+    RecipeVault::ImportResult result;
+    if (read.isBundle) {
+        result = vault.importing(read.bytes);
+    } else {
+        const LoopRecipe& recipe = read.recipes.usable.front();
+        (vault.save(recipe) ? result.added : result.duplicates).push_back(recipe);
+    }
+    if (host.json) {
+        const auto fingerprints = [](const std::vector<LoopRecipe>& recipes) {
+            std::vector<std::string> all;
+            for (const auto& recipe : recipes) all.push_back(recipe.fingerprint);
+            return all;
+        };
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("summary", result.summary());
+        writer.member("added", fingerprints(result.added));
+        writer.member("duplicates", fingerprints(result.duplicates));
+        writer.key("rejected");
+        writer.beginArray();
+        for (const auto& [recipe, error] : result.rejected) {
+            writer.beginObject();
+            writer.member("fingerprint", recipe.fingerprint);
+            writer.member("name", recipe.name);
+            writer.key("error");
+            encodeFailure(writer, error);
+            writer.endObject();
+        }
+        writer.endArray();
+        writer.endObject();
+        printJSON(writer);
+    } else {
+        std::printf("%s\n", result.summary().c_str());
+    }
+    warnOfRejected(result.rejected);
+    if (!result.rejected.empty()) host.exitCode = ExitCode::failure;
+    if (const auto error = vault.lastSaveError()) {
+        host.fail(ExitCode::notSaved, "The vault could not be saved: " + *error);
+    }
+}
+
+void addRecipeVerb(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    auto& verb = *app.add_subcommand("recipe", "Share pieces as small files from which others recreate them");
+    verb.footer("Example: quillmere recipe show night-train.json");
+    verb.require_subcommand(1);
+
+    const auto add = [&](const char* name, const char* what, const char* example) -> CLI::App& {
+        auto& part = *verb.add_subcommand(name, what);
+        part.footer(std::string("Example: quillmere recipe ") + example);
+        addLibraryOptions(part, host);
+        addJSONOption(part, host);
+        return part;
+    };
+    const auto addFile = [&](CLI::App& part) {
+        part.add_option("file", options->file, "A file of one recipe or several")->type_name("FILE")->required();
+    };
+    const auto addEngine = [&](CLI::App& part) {
+        part.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
+    };
+
+    auto& exporting = add("export", "Write the recipe of a piece of the library",
+                          "export 0123456789abcdef --output night-train.json");
+    exporting.add_option("fingerprint", options->fingerprint, "The piece")->type_name("FINGERPRINT")->required();
+    exporting.add_option("--output", options->output, "The file to write; without it, the recipe is printed")
+        ->type_name("FILE");
+    exporting.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
+    exporting.add_flag("--force", options->isForced, "Replace an existing file");
+    exporting.callback([options, &host] {
+        host.prepare();
+        exportRecipe(host, *options);
+    });
+
+    auto& importing = add("import", "Save the recipes of a file in your vault", "import night-train.json");
+    addFile(importing);
+    importing.callback([options, &host] {
+        host.prepare();
+        importRecipes(host, options->file);
+    });
+
+    auto& showing = add("show", "Show the recipes of a file", "show night-train.json");
+    addFile(showing);
+    showing.callback([options, &host] {
+        host.prepare();
+        show(host, options->file);
+    });
+
+    auto& checking =
+        add("check", "Say whether this machine can recreate the recipes of a file", "check night-train.json");
+    addFile(checking);
+    addEngine(checking);
+    checking.callback([options, &host] {
+        host.prepare();
+        check(host, *options);
+    });
+
+    auto& recreating =
+        add("recreate", "Render a recipe's piece again, file it, and compare the audio", "recreate night-train.json");
+    recreating
+        .add_option("recipe", options->file, "A file of one recipe, or the fingerprint of a recipe in your vault")
+        ->type_name("FILE|FINGERPRINT")
+        ->required();
+    addEngine(recreating);
+    recreating
+        .add_option("--digest", options->digest,
+                    "The digest of the original's audio, as 'quillmere digest' prints it, to compare with")
+        ->type_name("HEX")
+        ->check([](const std::string& text) {
+            const bool isDigest =
+                text.size() == 64 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+            return isDigest ? std::string() : std::string("a digest is 64 hexadecimal digits");
+        });
+    recreating.add_flag("--with-mood", options->isWithMood, "Keep the recipe's mood among yours, if it is a new one");
+    recreating.callback([options, &host] {
+        host.prepare();
+        recreateRecipe(host, *options);
+    });
+}
+
+}  // namespace quillmere::app

@@ -1,0 +1,122 @@
+#include "App/Recipes.hpp"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cmath>
+
+#include "App/Host.hpp"
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "QuillmereKit/Library/FileSHA256.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
+#include "QuillmereKit/Platform/AudioFile.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/SHA256.hpp"
+
+namespace quillmere::app {
+namespace {
+
+constexpr AudioFormat engineFormat = {AudioFormat::Codec::linearPCM, 16, 48000, 2};
+
+// Whether the file is still the whole WAV file that an engine wrote.
+bool isEngineFile(const LoopArtifact& piece) {
+    try {
+        const AudioFile audio(piece.url.path());
+        return audio.format() == engineFormat && audio.frames() == std::llround(piece.seconds * 48000);
+    } catch (const FileError&) {
+        return false;
+    }
+}
+
+void appendNumber(std::string& bytes, std::uint32_t value, int size) {
+    for (int i = 0; i < size; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xff);
+}
+
+// The 44 bytes before the samples of a plain stereo WAV file.
+std::string plainHeader(std::uint32_t dataSize) {
+    std::string header = "RIFF";
+    appendNumber(header, 36 + dataSize, 4);
+    header += "WAVEfmt ";
+    appendNumber(header, 16, 4);
+    appendNumber(header, 1, 2);  // linear PCM
+    appendNumber(header, 2, 2);
+    appendNumber(header, 48000, 4);
+    appendNumber(header, 48000 * 4, 4);
+    appendNumber(header, 4, 2);
+    appendNumber(header, 16, 2);
+    header += "data";
+    appendNumber(header, dataSize, 4);
+    return header;
+}
+
+}  // namespace
+
+RecipeFile readRecipes(const std::filesystem::path& file) {
+    RecipeFile read{.bytes = readFile(file, recipeFileLimit, FinalLink::followed)};
+    {
+        const auto document = JSONDocument::parse(read.bytes);
+        if (!document.root().isObject()) throw JSONError("is not an object");
+        const auto schema = document.root().find("schema");
+        read.isBundle = document.root().find("recipes").has_value() ||
+                        (schema && schema->isString() && schema->string() == RecipeBundle::currentSchema);
+    }
+    if (read.isBundle) {
+        read.recipes = RecipeBundle::decode(read.bytes).partition();
+    } else {
+        read.recipes.usable.push_back(LoopRecipe::decode(read.bytes));
+    }
+    return read;
+}
+
+LoopArtifact namedPiece(const std::string& fingerprint, const LoopStore& store) {
+    if (auto found = store.artifact(fingerprint)) return std::move(*found);
+    std::vector<std::string> known;
+    for (const auto& piece : store.all()) known.push_back(piece.id());
+    throw CLI::ValidationError("fingerprint", "there is no piece \"" + safeForTerminal(fingerprint) +
+                                                  "\" in the library." + didYouMean(fingerprint, known));
+}
+
+LoopRecipe recipeOf(const LoopArtifact& piece, const std::optional<std::string>& name) {
+    const auto& identity = piece.identity;
+    const auto mood = MoodCatalog::mood(identity.moodID);
+    if (!piece.isPlayable()) {
+        throw Error("The mood \"" + (mood ? mood->name : identity.moodID) +
+                    "\" was changed or deleted since this piece was made, so nobody could recreate it.");
+    }
+    std::optional<std::string> digest;
+    if (isEngineFile(piece)) digest = FileSHA256::digest(piece.url);
+    const auto* own = mood && mood->spec ? &*mood->spec : nullptr;  // a specification: of the user's own moods alone
+    return LoopRecipe::make(piece, name.value_or(mood ? mood->name : identity.moodID),
+                            own != nullptr ? std::optional(*own) : std::nullopt, piece.engineBuild, piece.origin,
+                            std::move(digest));
+}
+
+std::string plainWAVDigest(const std::filesystem::path& file) {
+    AudioFile audio(file);
+    SHA256 hash;
+    const std::string header = plainHeader(static_cast<std::uint32_t>(audio.frames() * 4));
+    hash.update(std::as_bytes(std::span(header)));
+    std::vector<std::int16_t> samples(std::size_t{8192} * static_cast<std::size_t>(audio.format().channels));
+    while (const std::size_t frames = audio.read(samples)) {
+        hash.update(
+            std::as_bytes(std::span(samples).first(frames * static_cast<std::size_t>(audio.format().channels))));
+    }
+    return hexadecimal(hash.finish());
+}
+
+void encodeFailure(JSONWriter& writer, const ImportError& error) {
+    writer.beginObject();
+    writer.member("case", error.caseName());
+    writer.member("message", error.message());
+    writer.endObject();
+}
+
+void warnOfRejected(const std::vector<RecipeBundle::Rejected>& rejected) {
+    for (const auto& [recipe, error] : rejected) {
+        Host::warn("\"" + recipe.name + "\" (" + recipe.fingerprint + "): " + std::string(error.message()));
+    }
+}
+
+}  // namespace quillmere::app

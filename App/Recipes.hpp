@@ -1,0 +1,49 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Sharing/RecipeBundle.hpp"
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
+
+namespace quillmere::app {
+
+class Host;
+
+/// What a file of recipes holds.
+struct RecipeFile {
+    std::string bytes;                  ///< The file, as read.
+    bool isBundle = false;              ///< Several recipes, or a single one.
+    RecipeBundle::Partition recipes{};  ///< Checked. A single recipe that fails its checks is thrown instead.
+};
+
+/// Reads a file of one recipe or several, at most 16 MiB. Throws `FileError`, `JSONError` with the place, or
+/// `ImportError`.
+[[nodiscard]] RecipeFile readRecipes(const std::filesystem::path& file);
+
+/// The stored piece with this fingerprint. Throws `CLI::ValidationError` with a suggestion for a mistyped one.
+[[nodiscard]] LoopArtifact namedPiece(const std::string& fingerprint, const LoopStore& store);
+
+/// The recipe of a stored piece under the mood's name, or the one given, with everything that is known about it. The
+/// digest of the audio file is among that only while the file is still the one that the engine wrote. Throws `Error`
+/// for a piece of a user mood that is gone or was changed since: nobody could recreate it.
+[[nodiscard]] LoopRecipe recipeOf(const LoopArtifact& piece, const std::optional<std::string>& name);
+
+/// The SHA-256 of the plain WAV file that holds the samples of an audio file: the digest that an engine's file had
+/// before it was stored without loss. Throws `FileError`.
+[[nodiscard]] std::string plainWAVDigest(const std::filesystem::path& file);
+
+/// Saves the recipes of a file in the vault and says what became of them: 'recipe import' and 'vault import'.
+void importRecipes(Host& host, const std::string& file);
+
+/// Writes a failed check as {"case": text, "message": text}.
+void encodeFailure(JSONWriter& writer, const ImportError& error);
+
+/// Says on standard error which recipes of a file were refused, and why.
+void warnOfRejected(const std::vector<RecipeBundle::Rejected>& rejected);
+
+}  // namespace quillmere::app

@@ -1,0 +1,170 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "App/Host.hpp"
+#include "App/Output.hpp"
+#include "App/Recipes.hpp"
+#include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
+#include "App/Verbs.hpp"
+
+namespace quillmere::app {
+namespace {
+
+struct Options {
+    std::string fingerprint;
+    std::string file;
+    std::string output;
+    std::optional<std::string> name;
+    bool isForced = false;
+    bool isMeant = false;
+};
+
+void noteSaveError(Host& host) {
+    if (const auto error = RecipeVault::shared().lastSaveError()) {
+        host.fail(ExitCode::notSaved, "The vault could not be saved: " + *error);
+    }
+}
+
+void printLine(const LoopRecipe& recipe) {
+    std::printf("%s  %-16s %s\n", safeForTerminal(recipe.fingerprint).c_str(),
+                safeForTerminal(recipe.identity.moodID).c_str(), safeForTerminal(recipe.name).c_str());
+}
+
+void list(const Host& host) {
+    const auto recipes = RecipeVault::shared().saved();
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.array(recipes);
+        return printJSON(writer);
+    }
+    for (const LoopRecipe& recipe : recipes) printLine(recipe);
+}
+
+void printOutcome(const Host& host, const LoopRecipe& recipe, const char* key, bool value, const std::string& text) {
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("fingerprint", recipe.fingerprint);
+        writer.member("name", recipe.name);
+        writer.member(key, value);
+        writer.endObject();
+        printJSON(writer);
+    } else {
+        std::printf("%s %s  %s\n", text.c_str(), safeForTerminal(recipe.fingerprint).c_str(),
+                    safeForTerminal(recipe.name).c_str());
+    }
+}
+
+void add(Host& host, const Options& options) {
+    const LoopRecipe recipe = recipeOf(namedPiece(options.fingerprint, *host.store()), options.name);
+    const auto lock = Host::lockData();
+    const bool isNew = RecipeVault::shared().save(recipe);
+    printOutcome(host, recipe, "isNew", isNew, isNew ? "Saved" : "Already saved");
+    noteSaveError(host);
+}
+
+void remove(Host& host, const Options& options) {
+    const auto lock = Host::lockData();
+    auto& vault = RecipeVault::shared();
+    std::vector<std::string> known;
+    for (const LoopRecipe& recipe : vault.saved()) {
+        if (recipe.fingerprint != options.fingerprint) {
+            known.push_back(recipe.fingerprint);
+            continue;
+        }
+        if (options.isMeant) vault.remove(recipe.fingerprint);
+        printOutcome(host, recipe, "isRemoved", options.isMeant,
+                     options.isMeant ? "Removed" : "Would remove (add --yes to do it)");
+        return noteSaveError(host);
+    }
+    throw CLI::ValidationError("fingerprint",
+                               "there is no recipe \"" + safeForTerminal(options.fingerprint) + "\" in the vault." +
+                                   didYouMean(options.fingerprint, known, " 'quillmere vault list' lists them."));
+}
+
+void exportAll(Host& host, const Options& options) {
+    auto& vault = RecipeVault::shared();
+    const std::string bytes = vault.exported();
+    if (options.output.empty()) {
+        std::printf("%s\n", safeJSON(bytes).c_str());
+        return;
+    }
+    writeOutput(options.output, bytes, options.isForced);
+    if (host.json) {
+        JSONWriter writer(JSONWriter::Form::pretty);
+        writer.beginObject();
+        writer.member("file", std::filesystem::absolute(options.output).lexically_normal().string());
+        writer.member("count", static_cast<std::int64_t>(vault.count()));
+        writer.endObject();
+        printJSON(writer);
+    } else {
+        std::printf("%zu recipes  %s\n", vault.count(), safeForTerminal(options.output).c_str());
+    }
+}
+
+}  // namespace
+
+void addVaultVerb(CLI::App& app, Host& host) {
+    auto options = std::make_shared<Options>();
+    auto& verb = *app.add_subcommand("vault", "List, save, remove and share the recipes in your vault");
+    verb.footer("Example: quillmere vault list");
+    verb.require_subcommand(0, 1);
+    addLibraryOptions(verb, host);
+    addJSONOption(verb, host);
+    verb.callback([&verb, &host] {
+        if (!verb.get_subcommands().empty()) return;
+        host.prepare();
+        list(host);
+    });
+    const auto addPart = [&](const char* name, const char* what, const char* example) -> CLI::App& {
+        auto& part = *verb.add_subcommand(name, what);
+        part.footer(std::string("Example: quillmere vault ") + example);
+        addLibraryOptions(part, host);
+        addJSONOption(part, host);
+        return part;
+    };
+    const auto addFingerprint = [&](CLI::App& part, const char* what) {
+        part.add_option("fingerprint", options->fingerprint, what)->type_name("FINGERPRINT")->required();
+    };
+
+    auto& listing = addPart("list", "List the recipes, oldest first", "list --json");
+    listing.callback([&host] {
+        host.prepare();
+        list(host);
+    });
+
+    auto& adding = addPart("add", "Save the recipe of a piece of the library", "add 0123456789abcdef");
+    addFingerprint(adding, "The piece");
+    adding.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
+    adding.callback([options, &host] {
+        host.prepare();
+        add(host, *options);
+    });
+
+    auto& removing = addPart("remove", "Remove a recipe", "remove 0123456789abcdef --yes");
+    addFingerprint(removing, "The recipe");
+    removing.add_flag("--yes", options->isMeant, "Really do it; without it, only say what would be removed");
+    removing.callback([options, &host] {
+        host.prepare();
+        remove(host, *options);
+    });
+
+    auto& exporting = addPart("export", "Write all recipes to one file to share", "export --output recipes.json");
+    exporting.add_option("--output", options->output, "The file to write; without it, the recipes are printed")
+        ->type_name("FILE");
+    exporting.add_flag("--force", options->isForced, "Replace an existing file");
+    exporting.callback([options, &host] {
+        host.prepare();
+        exportAll(host, *options);
+    });
+
+    auto& importing = addPart("import", "Save the recipes of a file", "import recipes.json");
+    importing.add_option("file", options->file, "A file of one recipe or several")->type_name("FILE")->required();
+    importing.callback([options, &host] {
+        host.prepare();
+        importRecipes(host, options->file);
+    });
+}
+
+}  // namespace quillmere::app
