@@ -56,7 +56,13 @@ RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) 
     precondition(!directory || !directory->empty(), "a vault's folder has a path");
     file_ = std::filesystem::absolute(directory ? *directory : defaultDirectory()) / "saved.json";
     createFolders(file_.parent_path());
+    const auto facts = factsOf(file_);
+    const bool isLink = facts && facts->kind == FileFacts::Kind::link;
+    std::error_code isBroken;
+    place_ = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
+    if (isBroken) place_ = file_;
     recipes_ = read();
+    if (isLink && isUnreadable_ && recipes_.empty()) place_ = file_;  // what it names is not ours to replace
 }
 
 std::vector<LoopRecipe> RecipeVault::saved() const {
@@ -122,11 +128,11 @@ std::optional<std::string> RecipeVault::lastSaveError() const {
 // The recipes of the file, each fingerprint once; none if it is missing or unreadable.
 std::vector<LoopRecipe> RecipeVault::read() {
     std::vector<LoopRecipe> recipes;
-    known_ = factsOf(file_);
+    known_ = factsOf(place_);
     knownFingerprints_.clear();
     isUnreadable_ = false;
     try {
-        const auto bytes = readFileIfPresent(file_, recipeFileLimit);
+        const auto bytes = readFileIfPresent(place_, recipeFileLimit);
         if (!bytes) return {};
         auto bundle = RecipeBundle::decode(*bytes);
         for (LoopRecipe& recipe : bundle.recipes) {
@@ -158,7 +164,7 @@ void RecipeVault::persist() {
 // The list as it has to be written: where another process wrote the file since, with what that one added and without
 // what it removed.
 std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
-    const auto present = factsOf(file_);
+    const auto present = factsOf(place_);
     if (!present || present == known_) return saved();
 
     const auto before = knownFingerprints_;
@@ -180,7 +186,7 @@ std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
 
 // Writes what can be written; returns what was left out, if anything was.
 std::optional<std::string> RecipeVault::write() {
-    const auto lock = lockFor(file_);
+    const auto lock = lockFor(place_);
     RecipeBundle bundle;
     std::optional<std::string> leftOut;
     for (auto recipes = takeInWhatOthersWrote(); LoopRecipe & recipe : recipes) {
@@ -193,19 +199,19 @@ std::optional<std::string> RecipeVault::write() {
     }
     const std::string bytes = encodeJSON(bundle, JSONWriter::Form::pretty);
     if (bytes.size() > recipeFileLimit) {
-        throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+        throw FileError("write", place_, std::make_error_code(std::errc::file_too_large));
     }
     if (isUnreadable_) {
-        if (fileExists(file_)) keepCopyAside(file_, "unreadable", std::chrono::system_clock::now());
+        if (fileExists(place_)) keepCopyAside(place_, "unreadable", std::chrono::system_clock::now());
         isUnreadable_ = false;
     }
     const auto noteWritten = [&] {
-        known_ = factsOf(file_);
+        known_ = factsOf(place_);
         knownFingerprints_.clear();
         for (const LoopRecipe& recipe : bundle.recipes) knownFingerprints_.insert(recipe.fingerprint);
     };
     try {
-        writeDurably(file_, bytes);
+        writeDurably(place_, bytes);
     } catch (const FileError& error) {
         if (error.isInPlace()) noteWritten();
         throw;

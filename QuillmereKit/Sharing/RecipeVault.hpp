@@ -45,6 +45,9 @@ public:
     /// Opens the vault in `directory` (default: the application's data folder), making it if missing. Throws
     /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault. A relative path is
     /// taken from the current folder, now; an empty one stops the process.
+    ///
+    /// A link in the file's place is followed where it names a vault's file, which changes then replace. Any other link
+    /// is left alone, for what it names may only be away: the vault is empty, and every write fails.
     explicit RecipeVault(const std::optional<std::filesystem::path>& directory = std::nullopt);
 
     /// The vault's file.
@@ -81,6 +84,7 @@ private:
     [[nodiscard]] std::vector<LoopRecipe> takeInWhatOthersWrote();
 
     std::filesystem::path file_;
+    std::filesystem::path place_;  // of the file itself, behind a link; set by the constructor only
     mutable std::mutex mutex_;
     std::vector<LoopRecipe> recipes_;           // guarded by mutex_
     std::optional<std::string> lastSaveError_;  // guarded by mutex_

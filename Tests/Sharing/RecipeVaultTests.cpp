@@ -294,6 +294,39 @@ TEST_F(RecipeVaultTests, ARelativeFolderIsTakenFromTheCurrentOneOnce) {
     EXPECT_DEATH(RecipeVault(std::filesystem::path()), "folder has a path");
 }
 
+TEST_F(RecipeVaultTests, ALinkToAVaultsFileIsFollowed) {
+    const RecipeBundle found{.recipes = {builtInRecipe(1)}};
+    folder.putFile("dotfiles/recipes.json", encodeJSON(found, JSONWriter::Form::pretty));
+    std::filesystem::create_directory(place);
+    std::filesystem::create_symlink("../dotfiles/recipes.json", place / "saved.json");
+    RecipeVault vault(place);
+
+    vault.save(builtInRecipe(2));
+
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_TRUE(std::filesystem::is_symlink(place / "saved.json"));
+    EXPECT_EQ(RecipeBundle::decode(folder.content("dotfiles/recipes.json")).recipes,
+              (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+}
+
+TEST_F(RecipeVaultTests, ALinkThatNamesAnythingElseIsLeftAlone) {
+    folder.putFile("dotfiles/notes.txt", "precious");
+    std::filesystem::create_directory(place);
+    for (const char* target : {"../dotfiles/notes.txt", "../dotfiles/away.json", "../dotfiles"}) {
+        SCOPED_TRACE(target);
+        std::filesystem::remove(place / "saved.json");
+        std::filesystem::create_symlink(target, place / "saved.json");
+        RecipeVault vault(place);
+
+        EXPECT_TRUE(vault.save(builtInRecipe()));
+
+        EXPECT_NE(vault.lastSaveError(), std::nullopt);
+        EXPECT_EQ(std::filesystem::read_symlink(place / "saved.json"), target);
+        EXPECT_EQ(folder.content("dotfiles/notes.txt"), "precious");
+        EXPECT_FALSE(std::filesystem::exists(folder.path() / "dotfiles/away.json"));
+    }
+}
+
 TEST_F(RecipeVaultTests, AFailedWriteIsKeptAsAnErrorUntilOneSucceeds) {
     RecipeVault vault(place);
     std::filesystem::remove(place);
