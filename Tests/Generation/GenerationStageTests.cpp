@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <limits>
 #include <random>
 #include <string>
 
@@ -65,6 +66,21 @@ TEST(GenerationStageTests, EngineLinesGiveTheirStages) {
 TEST(GenerationStageTests, SpacesOfAProgressLineCountOnceAndMayTrail) {
     EXPECT_EQ(Stage::fromEngineLine("progress   decoding  2/3   1/1 waiting    1  "),
               Stage(Stage::DecodingBlock{2, 3, 1, 1, Activity::Waiting{1}}));
+}
+
+TEST(GenerationStageTests, NumbersMayHaveLeadingZeros) {
+    EXPECT_EQ(Stage::fromEngineLine("sample 003/0050"), Stage(Stage::Sampling{3, 50}));
+    EXPECT_EQ(Stage::fromEngineLine("progress encoding 01/4 waiting 05"),
+              Stage(Stage::EncodingBlock{1, 4, Activity::Waiting{5}}));
+    EXPECT_EQ(Stage::fromEngineLine("sample 00/0050"), std::nullopt);
+}
+
+TEST(GenerationStageTests, NumbersReachTheLimitsOfSixtyFourBits) {
+    constexpr auto most = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(Stage::fromEngineLine("sample 1/9223372036854775807"), Stage(Stage::Sampling{1, most}));
+    EXPECT_EQ(Stage::fromEngineLine("sample 9223372036854775807/9223372036854775807"),
+              Stage(Stage::Sampling{most, most}));
+    EXPECT_EQ(Stage::fromEngineLine("sample 1/9223372036854775808"), std::nullopt);
 }
 
 TEST(GenerationStageTests, BreaksOfOneToFiveSecondsAreBelieved) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -94,7 +95,8 @@ TEST(BlendStepTests, APositionTakesTheNearestStopHalvesAwayFromZero) {
         std::int64_t index;
     };
     for (const auto& row : {Row{0.0, 0}, Row{0.24, 0}, Row{0.25, 1}, Row{0.5, 1}, Row{0.74, 1}, Row{0.75, 4},
-                            Row{1.0, 4}, Row{-5, 0}, Row{7, 4}, Row{-0.25, 0}, Row{4.6e18, 4}, Row{-4.6e18, 0}}) {
+                            Row{1.0, 4}, Row{-5, 0}, Row{7, 4}, Row{-0.25, 0}, Row{4.6e18, 4}, Row{-4.6e18, 0},
+                            Row{std::nextafter(0x1p62, 0), 4}, Row{-0x1p62, 0}}) {
         SCOPED_TRACE(row.position);
         EXPECT_EQ(BlendStep::atPosition(row.position).index(), row.index);
     }
@@ -102,7 +104,8 @@ TEST(BlendStepTests, APositionTakesTheNearestStopHalvesAwayFromZero) {
 
 TEST(BlendStepDeathTests, APositionThatIsNoNumberInRangeStopsTheProcess) {
     for (const double position : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
-                                  -std::numeric_limits<double>::infinity(), 0x1p63, -0x1.8p63, 1e308}) {
+                                  -std::numeric_limits<double>::infinity(), 0x1p62, std::nextafter(-0x1p62, -1e300),
+                                  0x1p63, -0x1.8p63, 1e308}) {
         SCOPED_TRACE(position);
         EXPECT_DEATH((void)BlendStep::atPosition(position), "a blend position must be a finite number in range");
     }

@@ -417,6 +417,19 @@ TEST_F(MoodSpecTests, OnePlayableAndOneUnplayableNeverRenderAlike) {
     EXPECT_FALSE(spec.rendersLike(other));
 }
 
+TEST_F(MoodSpecTests, TwoUnplayableOnesRenderAlikeWhereTheirPromptsAgree) {
+    MoodSpec one = MoodSpec::blank(MoodGlyph::wave);
+    MoodSpec other = MoodSpec::blank(MoodGlyph::arc);
+    one.energetic.bpm = 120;
+    other.energetic.bpm = 120;
+    ASSERT_FALSE(one.isPlayable());
+    ASSERT_FALSE(other.isPlayable());
+    EXPECT_TRUE(one.rendersLike(other));
+
+    other.energetic.bpm = 121;
+    EXPECT_FALSE(one.rendersLike(other));
+}
+
 TEST_F(MoodSpecTests, JSONHasTheFieldsInOrderAndTheLegacyOneLast) {
     spec.calm = MoodEnd::empty;
     spec.energetic = MoodEnd::empty;

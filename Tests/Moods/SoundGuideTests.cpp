@@ -175,6 +175,21 @@ TEST_F(SoundGuideTests, NoRoomMeansTheBeginning) {
     for (std::int64_t seed = 0; seed < 20; ++seed) EXPECT_EQ(guide.offset(seed, 120.0), 0);
 }
 
+TEST_F(SoundGuideTests, AWindowOfAHalfSampleIsRoundedToTheEvenOne) {
+    const auto hasRoomFor = [&](double samples, std::int64_t sampleCount) {
+        EXPECT_EQ(samples / 44100.0 * 44100.0, samples);
+        guide.sampleCount = sampleCount;
+        guide.latentCount = 2;
+        EXPECT_TRUE(guide.isValid());
+        std::set<std::int64_t> offsets;
+        for (std::int64_t seed = 0; seed < 50; ++seed) offsets.insert(guide.offset(seed, samples / 44100.0));
+        return offsets.size() == 2;
+    };
+    EXPECT_TRUE(hasRoomFor(2.5, 4096 + 2));
+    EXPECT_FALSE(hasRoomFor(3.5, 4096 + 3));
+    EXPECT_TRUE(hasRoomFor(3.5, 4096 + 4));
+}
+
 TEST_F(SoundGuideTests, WhatMakesNoSenseBeginsAtZero) {
     EXPECT_EQ(guide.offset(-1, 120.0), 0);
     EXPECT_EQ(guide.offset(least, 120.0), 0);
