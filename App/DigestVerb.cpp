@@ -24,7 +24,7 @@ void addDigestVerb(CLI::App& app, Host& host) {
             try {
                 const std::string digest = AudioPCM::digest(FileURL::fromPath(std::filesystem::absolute(file)));
                 writer.beginObject();
-                writer.member("file", file);
+                writer.member("file", pathText(file));
                 writer.member("digest", digest);
                 writer.endObject();
                 if (!host.json) std::printf("%s  %s\n", digest.c_str(), safeForTerminal(file).c_str());

@@ -1,8 +1,11 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "App/Host.hpp"
+#include "App/Suggestion.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
@@ -16,6 +19,28 @@ constexpr const char* footer =
     "Exit status: 0 done, 1 failed, 2 wrong command line, 3 damage found, 4 library in use,\n"
     "5 done but not saved, 130 interrupted.\n\n"
     "Example: quillmere generate --mood designflow --blend 1 --count 3";
+
+// Where the command line names a verb, or a part of one, that there is not: the one that was probably meant.
+void suggestVerb(CLI::App& app, int argumentCount, char** arguments) {
+    CLI::App* verb = &app;
+    for (int i = 1; i < argumentCount; ++i) {
+        const std::string_view word = arguments[i];
+        if (word.starts_with('-')) continue;
+        std::vector<std::string> names;
+        CLI::App* named = nullptr;
+        for (CLI::App* part : verb->get_subcommands([](const CLI::App*) { return true; })) {
+            names.push_back(part->get_name());
+            if (names.back() == word) named = part;
+        }
+        if (named == nullptr) {
+            if (const auto near = quillmere::app::suggestion(word, names)) {
+                std::fprintf(stderr, "Did you mean \"%s\"?\n", near->c_str());
+            }
+            return;
+        }
+        verb = named;
+    }
+}
 
 int run(int argumentCount, char** arguments) {
     CLI::App app("Endless, unobtrusive background music, generated on your own computer.", "quillmere");
@@ -39,7 +64,9 @@ int run(int argumentCount, char** arguments) {
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::usage);
+        if (app.exit(error) == 0) return 0;
+        suggestVerb(app, argumentCount, arguments);
+        return static_cast<int>(ExitCode::usage);
     } catch (const quillmere::LibraryInUse& error) {
         host.fail(ExitCode::libraryInUse, error.what());
     } catch (const std::exception& error) {

@@ -6,11 +6,16 @@
 
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/Text.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 
 namespace quillmere::app {
 
 void printJSON(JSONWriter& writer) { std::printf("%s\n", safeJSON(writer.take()).c_str()); }
+
+std::string pathText(const std::filesystem::path& path) {
+    return isValidUTF8(path.native()) ? path.native() : safeForTerminal(path.native());
+}
 
 OutputFile::OutputFile(std::filesystem::path file, bool mayReplace)
     : file_(std::filesystem::absolute(file).lexically_normal()),

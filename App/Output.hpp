@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 #include "QuillmereKit/Platform/JSONWriter.hpp"
@@ -9,6 +10,9 @@ namespace quillmere::app {
 
 /// Prints the whole text of `writer` and a line end on standard output, safe for a terminal.
 void printJSON(JSONWriter& writer);
+
+/// A path as JSON can hold it: bytes that are no UTF-8 are replaced.
+[[nodiscard]] std::string pathText(const std::filesystem::path& path);
 
 /// A file that a verb makes for its user: written under another name beside its place, and moved there once it is
 /// whole. Whatever fails before, nothing is left and nothing was replaced.

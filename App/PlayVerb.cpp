@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
@@ -31,10 +32,12 @@ struct PlayOptions {
     bool isForced = false;
 };
 
-// One piece of the stream.
+// One piece of the stream: no more than is reported, for there may be many.
 struct Played {
     std::int64_t startFrame = 0;
-    LoopArtifact piece;
+    std::string fingerprint;
+    std::string moodID;
+    std::string file;
     double gainDB = 0;
 };
 
@@ -66,10 +69,13 @@ public:
             const double gainDB = gainOf(piece);
             try {
                 Voice voice(piece.url.path(), gainDB);
-                played_.push_back({startFrame, piece, gainDB});
+                if (voice.frames() < Voice::sampleRate) {
+                    throw Error("\"" + piece.url.path().string() + "\" is shorter than a second.");
+                }
+                played_.push_back({startFrame, piece.id(), piece.identity.moodID, pathText(piece.url.path()), gainDB});
                 return voice;
-            } catch (const FileError& error) {
-                Host::warn(error.what());
+            } catch (const Error& error) {
+                if (passedOver_.insert(piece.id()).second) Host::warn(error.what());
             }
         }
         return std::nullopt;
@@ -104,6 +110,7 @@ private:
     std::map<std::string, Playlist> playlists_;
     std::size_t pieces_ = 0;
     std::vector<Played> played_;
+    std::set<std::string> passedOver_;  // said so once
 };
 
 std::uint64_t randomSeed() {
@@ -118,10 +125,10 @@ double secondsOf(std::int64_t frames) { return static_cast<double>(frames) / Voi
 void report(const Host& host, const std::string& file, std::uint64_t seed, std::int64_t frames,
             const std::vector<Played>& played) {
     if (!host.json) {
-        for (const auto& [start, piece, gain] : played) {
-            const auto seconds = static_cast<long long>(secondsOf(start));
+        for (const Played& piece : played) {
+            const auto seconds = static_cast<long long>(secondsOf(piece.startFrame));
             std::printf("%4lld:%02lld  %-16s %s  %+.1f dB\n", seconds / 60, seconds % 60,
-                        safeForTerminal(piece.identity.moodID).c_str(), piece.id().c_str(), gain);
+                        safeForTerminal(piece.moodID).c_str(), piece.fingerprint.c_str(), piece.gainDB);
         }
         std::printf("%s  %.0f s  seed %llu\n", safeForTerminal(file).c_str(), secondsOf(frames),
                     static_cast<unsigned long long>(seed));
@@ -135,13 +142,13 @@ void report(const Host& host, const std::string& file, std::uint64_t seed, std::
     writer.unsignedInteger(seed);
     writer.key("pieces");
     writer.beginArray();
-    for (const auto& [start, piece, gain] : played) {
+    for (const Played& piece : played) {
         writer.beginObject();
-        writer.member("start", secondsOf(start));
-        writer.member("fingerprint", piece.id());
-        writer.member("moodID", piece.identity.moodID);
-        writer.member("file", piece.url.path().string());
-        writer.member("gainDB", gain);
+        writer.member("start", secondsOf(piece.startFrame));
+        writer.member("fingerprint", piece.fingerprint);
+        writer.member("moodID", piece.moodID);
+        writer.member("file", piece.file);
+        writer.member("gainDB", piece.gainDB);
         writer.endObject();
     }
     writer.endArray();
@@ -166,25 +173,26 @@ void play(Host& host, const PlayOptions& options) {
     Programme programme(options, chosenRadio(host, options), seed, *host.store());
 
     OutputFile output(options.output, options.isForced);
+    const std::int64_t total = std::llround(options.minutes * 60 * Voice::sampleRate);
     std::int64_t frames = 0;
     try {
         WAVWriter wav(output.temporary(), Voice::sampleRate, static_cast<int>(Voice::channels));
         Mixer mixer(std::llround(options.crossfade * Voice::sampleRate));
         frames = mixer.play(
-            std::llround(options.minutes * 60 * Voice::sampleRate),
-            [&](std::int64_t start) { return programme.next(start); },
+            total, [&](std::int64_t start) { return programme.next(start); },
             [&](std::span<const std::int16_t> samples) {
                 if (stop.stop_requested()) throw CancellationError();
                 wav.write(samples);
             },
             [](const std::string& reason) { Host::warn(reason); });
         if (frames == 0) throw Error("No piece could be played.");
+        if (frames < total) Host::warn("The file is shorter than asked: no further piece could be played.");
         wav.finish();
     } catch (const CancellationError&) {
         return host.fail(ExitCode::interrupted, "Stopped.");
     }
     output.moveIntoPlace();
-    report(host, std::filesystem::absolute(options.output).lexically_normal().string(), seed, frames,
+    report(host, pathText(std::filesystem::absolute(options.output).lexically_normal()), seed, frames,
            programme.played());
 }
 

@@ -38,7 +38,7 @@ void exportRecipe(Host& host, const Options& options) {
     if (host.json) {
         JSONWriter writer(JSONWriter::Form::pretty);
         writer.beginObject();
-        writer.member("file", std::filesystem::absolute(options.output).lexically_normal().string());
+        writer.member("file", pathText(std::filesystem::absolute(options.output).lexically_normal()));
         writer.member("fingerprint", recipe.fingerprint);
         writer.member("name", recipe.name);
         writer.endObject();

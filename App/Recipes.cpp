@@ -25,7 +25,7 @@ bool isEngineFile(const LoopArtifact& piece) {
     try {
         const AudioFile audio(piece.url.path());
         return audio.format() == engineFormat && audio.frames() == std::llround(piece.seconds * 48000);
-    } catch (const FileError&) {
+    } catch (const Error&) {  // damaged, gone, or without loss where no module can read that
         return false;
     }
 }

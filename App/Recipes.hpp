@@ -21,8 +21,8 @@ struct RecipeFile {
     RecipeBundle::Partition recipes{};  ///< Checked. A single recipe that fails its checks is thrown instead.
 };
 
-/// Reads a file of one recipe or several, at most 16 MiB. Throws `FileError`, `JSONError` with the place, or
-/// `ImportError`.
+/// Reads a file of one recipe or several, at most `recipeFileLimit` bytes. Throws `FileError`, `JSONError` with the
+/// place, or `ImportError`.
 [[nodiscard]] RecipeFile readRecipes(const std::filesystem::path& file);
 
 /// The stored piece with this fingerprint. Throws `CLI::ValidationError` with a suggestion for a mistyped one.

@@ -117,7 +117,7 @@ std::optional<Recreation> recreate(const LoopRecipe& recipe, const std::string& 
 }
 
 void report(const Recreation& done, Host& host) {
-    const std::string file = done.piece.url.path().string();
+    const std::string file = pathText(done.piece.url.path());
     if (host.json) {
         JSONWriter writer(JSONWriter::Form::pretty);
         writer.beginObject();

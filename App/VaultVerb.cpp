@@ -94,7 +94,7 @@ void exportAll(Host& host, const Options& options) {
     if (host.json) {
         JSONWriter writer(JSONWriter::Form::pretty);
         writer.beginObject();
-        writer.member("file", std::filesystem::absolute(options.output).lexically_normal().string());
+        writer.member("file", pathText(std::filesystem::absolute(options.output).lexically_normal()));
         writer.member("count", static_cast<std::int64_t>(vault.count()));
         writer.endObject();
         printJSON(writer);

@@ -55,6 +55,11 @@ class DigestTests(HostTest):
         done = self.digest(file, self.place / "b\x1b[2J.wav", expect=1)
         self.assertNotIn("\x1b", done.out + done.err)
 
+    def test_names_that_are_no_text_are_read_all_the_same(self):
+        file = self.tone("a\udcff.wav", frames=10)
+        self.assertEqual(len(self.digest(file).out.split()[0]), 64)
+        self.assertIn("a\ufffd.wav", self.run_json("digest", file, home=False)[0]["file"])
+
     def test_loads_nothing_heavy(self):
         file = self.tone("tone.wav")
         if not shutil.which("strace"):

@@ -151,6 +151,12 @@ class PlayTests(HostTest):
         self.assertIn("No piece could be played", done.err)
         self.assertFalse((self.place / "none.wav").exists())
 
+    def test_what_is_shorter_than_a_second_is_passed_over(self):
+        self.library([([1], None), ([1] * RATE, None)])
+        done = self.run_host("play", "--mood", "designflow", "--minutes", 0.05, "--output", self.output)
+        self.assertEqual(done.err.count("is shorter than a second"), 1)
+        self.assertEqual(len(samples(self.output)), 2 * 3 * RATE)
+
     def test_a_mood_without_pieces_says_how_to_get_some(self):
         done = self.run_host("play", "--mood", "sprint", "--output", self.output, expect=1)
         self.assertIn("quillmere generate --mood sprint", done.err)

@@ -69,6 +69,11 @@ class RecipeTests(HostTest):
                 self.assert_help("recipe", *part)
         self.run_host("recipe", expect=2)
 
+    def test_mistyped_verbs_get_a_suggestion(self):
+        for words, meant in ((["recpie", "show"], "recipe"), (["recipe", "exprot", "x"], "export"),
+                             (["moods", "edti", "x"], "edit")):
+            self.assertIn(f'Did you mean "{meant}"?', self.run_host(*words, expect=2).err)
+
     def test_export_writes_what_is_known_of_the_piece(self):
         piece = self.piece()
         file = self.export(piece["identity"])
@@ -364,14 +369,14 @@ class RecipeTests(HostTest):
                     self.assertTrue(done.err.startswith("quillmere: "))
                     self.assertEqual(done.out, "")
 
-    def test_only_regular_files_of_at_most_16_mib_are_read(self):
+    def test_only_regular_files_of_bounded_size_are_read(self):
         fifo = self.place / "fifo"
         os.mkfifo(fifo)
-        large = self.write(json.dumps(self.recipe()).encode() + b" " * 16 * 1024 * 1024, "large.json")
+        large = self.write(json.dumps(self.recipe()).encode() + b" " * 64 * 1024 * 1024, "large.json")
         for file in (fifo, large, self.place, self.place / "none.json", "/dev/zero"):
             self.run_host("recipe", "show", file, expect=1)
 
-    def test_the_largest_file_needs_a_bounded_memory(self):
+    def test_a_large_file_needs_a_bounded_memory(self):
         one = json.dumps(self.recipe(name=""))
         count = (16 * 1024 * 1024 - 100) // (len(one) + 1)
         many = self.write(('{"schema":"quillmere.recipes/1","recipes":[' + ",".join([one] * count) + "]}").encode())
