@@ -9,7 +9,7 @@ import subprocess
 import unittest
 import wave
 
-from host import QUILLMERE, HostTest
+from host import QUILLMERE, HostTest, with_lossless
 
 DAMAGED = "This shared file is damaged."
 OTHER_VERSION = "This shared track was made by a different version of Quillmere. Ask the sender to use Export Audio."
@@ -258,6 +258,7 @@ class RecipeTests(HostTest):
         self.assertNotIn("isSame", made)
         self.assertIn("does not say", self.run_host("recipe", "recreate", self.write(self.recipe())).out)
 
+    @with_lossless
     def test_a_copy_stored_without_loss_is_still_known_as_the_same(self):
         piece = self.piece()
         file = self.export(piece["identity"])

@@ -11,6 +11,8 @@ import unittest
 import wave
 
 QUILLMERE = os.environ["QUILLMERE"]
+# For the tests of lossless files, in builds that can read them.
+with_lossless = unittest.skipUnless(os.environ.get("QUILLMERE_HAS_LOSSLESS", "1") == "1", "built without lossless files")
 
 
 class HostTest(unittest.TestCase):
