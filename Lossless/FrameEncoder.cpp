@@ -9,6 +9,31 @@ extern "C" {
 #include "Lossless/Failure.hpp"
 
 namespace quillmere {
+namespace {
+
+// Puts interleaved samples into the frame's channels. Two channels have a loop of their own, which compilers turn into
+// one without a step for each sample.
+void separate(std::span<const std::int16_t> samples, const AVFrame& frame, int channels) {
+    const auto plane = [&](int channel) { return reinterpret_cast<std::int16_t*>(frame.extended_data[channel]); };
+    const std::size_t count = samples.size() / static_cast<std::size_t>(channels);
+    const std::int16_t* source = samples.data();
+    if (channels == 2) {
+        std::int16_t* const left = plane(0);
+        std::int16_t* const right = plane(1);
+        for (std::size_t i = 0; i < count; ++i) {
+            left[i] = source[2 * i];
+            right[i] = source[2 * i + 1];
+        }
+        return;
+    }
+    for (int channel = 0; channel < channels; ++channel) {
+        std::int16_t* const target = plane(channel);
+        const std::int16_t* next = source + channel;
+        for (std::size_t i = 0; i < count; ++i, next += channels) target[i] = *next;
+    }
+}
+
+}  // namespace
 
 FrameEncoder::FrameEncoder(std::int32_t sampleRate, std::int32_t channels) {
     try {
@@ -57,11 +82,7 @@ void FrameEncoder::encode(std::span<const std::int16_t> samples, std::int64_t st
     require(av_frame_make_writable(frame_) >= 0, "out of memory");
     frame_->nb_samples = count;
     frame_->pts = start;
-    for (int channel = 0; channel < channels; ++channel) {
-        auto* const target = reinterpret_cast<std::int16_t*>(frame_->extended_data[channel]);
-        const std::int16_t* source = samples.data() + channel;
-        for (int i = 0; i < count; ++i, source += channels) target[i] = *source;
-    }
+    separate(samples, *frame_, channels);
     const bool isEncoded = avcodec_send_frame(encoder_, frame_) >= 0 && avcodec_receive_packet(encoder_, &packet) >= 0;
     require(isEncoded, "the audio cannot be encoded");
 }

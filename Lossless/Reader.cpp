@@ -31,6 +31,27 @@ unsigned int frameSamples(const AVCodecParameters& parameters) {
            static_cast<unsigned int>(bytes[2]) << 8 | static_cast<unsigned int>(bytes[3]);
 }
 
+// Puts samples of the frame's channels one beside the other. Two channels have a loop of their own, which compilers
+// turn into one without a step for each sample.
+void interleave(const AVFrame& frame, int offset, std::int64_t count, int channels, std::int16_t* target) {
+    const auto plane = [&](int channel) {
+        return reinterpret_cast<const std::int16_t*>(frame.extended_data[channel]) + offset;
+    };
+    if (channels == 2) {
+        const std::int16_t* const left = plane(0);
+        const std::int16_t* const right = plane(1);
+        for (std::int64_t i = 0; i < count; ++i) {
+            target[2 * i] = left[i];
+            target[2 * i + 1] = right[i];
+        }
+        return;
+    }
+    for (int channel = 0; channel < channels; ++channel) {
+        const std::int16_t* const source = plane(channel);
+        for (std::int64_t i = 0; i < count; ++i) target[i * channels + channel] = source[i];
+    }
+}
+
 int refuseToOpen(AVFormatContext*, AVIOContext**, const char*, int, AVDictionary**) { return AVERROR(EPERM); }
 
 }  // namespace
@@ -116,10 +137,7 @@ std::int64_t LosslessReader::read(std::int16_t* samples, std::int64_t frames) {
         if (frame_->nb_samples <= offset_ && !decodeNext()) break;
         const auto count = std::min<std::int64_t>(frames - done, frame_->nb_samples - offset_);
         std::int16_t* const target = samples + done * channels_;
-        for (int channel = 0; channel < channels_; ++channel) {
-            const auto* const source = reinterpret_cast<const std::int16_t*>(frame_->extended_data[channel]) + offset_;
-            for (std::int64_t i = 0; i < count; ++i) target[i * channels_ + channel] = source[i];
-        }
+        interleave(*frame_, offset_, count, channels_, target);
         done += count;
         offset_ += static_cast<int>(count);
     }

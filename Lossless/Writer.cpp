@@ -10,6 +10,7 @@ extern "C" {
 #include <cstdio>
 #include <span>
 #include <system_error>
+#include <utility>
 
 #include "Lossless/Failure.hpp"
 
@@ -18,8 +19,10 @@ namespace {
 
 constexpr int outputBufferSize = 1 << 16;
 
-// Enough that two threads seldom wait for each other, little enough that memory stays small: 512 KiB of stereo.
-constexpr std::size_t batchFrames = 32;
+// In a batch. With two threads enough that they seldom wait for each other: 1 MiB of stereo. Alone, few stay in the
+// processor's cache.
+constexpr std::size_t sharedFrames = 64;
+constexpr std::size_t lonelyFrames = 2;
 
 }  // namespace
 
@@ -27,6 +30,7 @@ LosslessWriter::LosslessWriter(int descriptor, std::int32_t sampleRate, std::int
     : descriptor_(descriptor),
       sampleRate_(sampleRate),
       channels_(channels),
+      batchFrames_(threads > 1 ? sharedFrames : lonelyFrames),
       wantsHelper_(threads > 1),
       encoder_(sampleRate, channels) {
     try {
@@ -55,9 +59,14 @@ void LosslessWriter::open() {
     const bool isBegun = avformat_write_header(container_, nullptr) >= 0;
     require(isBegun, systemError_, "the file cannot be begun");
 
-    pending_.reserve(batchFrames * encoder_.frameSamples());
-    packets_.resize(batchFrames);
-    for (auto& packet : packets_) {
+    prepare(filling_);
+    prepare(working_);
+}
+
+void LosslessWriter::prepare(Batch& batch) const {
+    batch.samples.reserve(batchFrames_ * encoder_.frameSamples());
+    batch.packets.resize(batchFrames_);
+    for (auto& packet : batch.packets) {
         packet = av_packet_alloc();
         require(packet != nullptr, "out of memory");
     }
@@ -65,7 +74,8 @@ void LosslessWriter::open() {
 
 void LosslessWriter::release() noexcept {
     stopHelper();
-    for (auto& packet : packets_) av_packet_free(&packet);
+    for (auto& packet : filling_.packets) av_packet_free(&packet);
+    for (auto& packet : working_.packets) av_packet_free(&packet);
     avformat_free_context(container_);
     container_ = nullptr;
     if (output_ != nullptr) av_freep(&output_->buffer);
@@ -73,22 +83,39 @@ void LosslessWriter::release() noexcept {
 }
 
 void LosslessWriter::write(const std::int16_t* samples, std::int64_t frames) {
-    const auto whole = batchFrames * encoder_.frameSamples();
+    const auto whole = batchFrames_ * encoder_.frameSamples();
     std::size_t left = static_cast<std::size_t>(frames) * static_cast<std::size_t>(channels_);
     while (left > 0) {
-        const auto count = std::min(left, whole - pending_.size());
-        pending_.insert(pending_.end(), samples, samples + count);
+        const auto count = std::min(left, whole - filling_.samples.size());
+        filling_.samples.insert(filling_.samples.end(), samples, samples + count);
         samples += count;
         left -= count;
-        if (pending_.size() == whole) encodeBatch();
+        if (filling_.samples.size() == whole) handOver();
     }
 }
 
 void LosslessWriter::finish() {
-    if (!pending_.empty()) encodeBatch();
+    handOver();
+    complete();
+    passOn(working_);
     const bool isComplete = av_write_trailer(container_) >= 0;
     avio_flush(output_);
     require(isComplete && output_->error >= 0, systemError_, "the file cannot be completed");
+}
+
+// Lets the batch at work come to its end and the filled one begin, and writes what came of the first.
+void LosslessWriter::handOver() {
+    complete();
+    filling_.start = working_.start + static_cast<std::int64_t>(working_.samples.size()) / channels_;
+    std::swap(filling_, working_);
+    nextFrame_ = 0;
+    if (working_.samples.size() > encoder_.frameSamples()) startHelper();
+    if (helper_.joinable()) {
+        isHelperAtWork_ = true;
+        begin_.release();
+    }
+    passOn(filling_);
+    filling_.samples.clear();
 }
 
 // Where there is no thread to be had, one encodes alone.
@@ -112,41 +139,33 @@ void LosslessWriter::startHelper() {
 
 void LosslessWriter::stopHelper() noexcept {
     if (!helper_.joinable()) return;
+    nextFrame_ = batchFrames_;  // the file will not be finished any more
+    if (isHelperAtWork_) end_.acquire();
     isEnding_ = true;
     begin_.release();
     helper_.join();
 }
 
-void LosslessWriter::encodeBatch() {
-    const auto frameSamples = encoder_.frameSamples();
-    const auto frames = (pending_.size() + frameSamples - 1) / frameSamples;
-    if (frames > 1) startHelper();
-
-    nextFrame_ = 0;
-    const bool isShared = frames > 1 && helper_.joinable();
-    if (isShared) begin_.release();
+// Encodes what is left of the batch at work, and waits for the helper's part.
+void LosslessWriter::complete() {
     takeFrames(encoder_);
-    if (isShared) end_.acquire();
+    if (std::exchange(isHelperAtWork_, false)) end_.acquire();
     if (failure_) std::rethrow_exception(failure_);
-
-    for (std::size_t i = 0; i < frames; ++i) passOn(*packets_[i]);
-    written_ += static_cast<std::int64_t>(pending_.size()) / channels_;
-    pending_.clear();
 }
 
-// Encodes frames of the batch until none is left. Only the last frame of the file may be a short one, and whoever takes
-// that one encodes none after it.
+// Encodes frames of the batch at work until none is left. Only the last frame of the file may be a short one, and
+// whoever takes that one encodes none after it.
 void LosslessWriter::takeFrames(FrameEncoder& encoder) noexcept {
     try {
         const auto frameSamples = encoder.frameSamples();
-        const std::span<const std::int16_t> batch(pending_);
+        const std::span<const std::int16_t> samples(working_.samples);
         for (;;) {
             const auto frame = nextFrame_.fetch_add(1);
             const auto first = frame * frameSamples;
-            if (first >= batch.size()) return;
-            const auto samples = batch.subspan(first, std::min(frameSamples, batch.size() - first));
-            const auto start = written_ + static_cast<std::int64_t>(first) / channels_;
-            encoder.encode(samples, start, *packets_[frame]);
+            if (first >= samples.size()) return;
+            const auto start = working_.start + static_cast<std::int64_t>(first) / channels_;
+            const auto count = std::min(frameSamples, samples.size() - first);
+            encoder.encode(samples.subspan(first, count), start, *working_.packets[frame]);
         }
     } catch (...) {
         const std::lock_guard lock(failureMutex_);
@@ -154,13 +173,16 @@ void LosslessWriter::takeFrames(FrameEncoder& encoder) noexcept {
     }
 }
 
-// Hands a packet to the container.
-void LosslessWriter::passOn(AVPacket& packet) {
-    packet.stream_index = stream_->index;
-    av_packet_rescale_ts(&packet, encoder_.settings().time_base, stream_->time_base);
-    const bool isWritten = av_write_frame(container_, &packet) >= 0;
-    av_packet_unref(&packet);
-    require(isWritten, systemError_, "the file cannot be written");
+// Hands the packets of a batch to the container.
+void LosslessWriter::passOn(Batch& batch) {
+    for (AVPacket* const packet : batch.packets) {
+        if (packet->size == 0) break;
+        packet->stream_index = stream_->index;
+        av_packet_rescale_ts(packet, encoder_.settings().time_base, stream_->time_base);
+        const bool isWritten = av_write_frame(container_, packet) >= 0;
+        av_packet_unref(packet);
+        require(isWritten, systemError_, "the file cannot be written");
+    }
 }
 
 int LosslessWriter::writeBytes(void* self, std::uint8_t* buffer, int size) {

@@ -200,12 +200,14 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     static_cast<void>(losslessModule());  // nothing is encoded that could not be verified
 
     const FileURL target = FileURL::fromPath(files.target);
-    FileFacts verified;
+    std::optional<FileFacts> verified;
     try {
         state.folder.sync(target);
         verified = verifyLossless(own, files.target, proof, stop);
     } catch (const FileError&) {
-        // Not there, or not to be trusted: it is made anew.
+        verified = std::nullopt;  // not there, or not to be trusted: it is made anew
+    }
+    if (!verified) {
         const auto verify = [&] { verified = verifyLossless(own, files.temporary, proof, stop); };
         state.encodeLossless(discard_, key, files, encode, verify, stop);
     }
@@ -213,7 +215,7 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
 
     const std::lock_guard lock(state.mutex);
     if (!isStillThere()) return false;
-    if (!isSameFile(own.facts(files.target), verified)) failAsCorrupt(files.target);
+    if (!isSameFile(own.facts(files.target), *verified)) failAsCorrupt(files.target);
     state.put(artifact.withURL(target));
     try {
         state.save();
