@@ -11,6 +11,13 @@ inline constexpr std::size_t blockFrames = 64;
 /// One channel of one block.
 using Channel = std::array<float, blockFrames>;
 
+/// 0, 1, 2 ... as the compiler likes it best in a loop over a block.
+inline constexpr Channel countingUp = [] {
+    Channel values{};
+    for (std::size_t i = 0; i < blockFrames; ++i) values[i] = static_cast<float>(i);
+    return values;
+}();
+
 /// One block of stereo sound. Only the first frames count where a block is cut short.
 struct Block {
     Channel left{};

@@ -54,11 +54,10 @@ Echo::Echo(std::size_t delay, double feedback, double highestHertz)
 
 void Echo::process(const Block& input, Block& output, std::size_t count) noexcept {
     std::array<Channel, 2> past;
-    for (std::size_t side = 0; side < 2; ++side) {
-        lines_[side].read(past[side].data(), delay_, count);
-        for (std::size_t i = 0; i < count; ++i) {
-            past[side][i] = static_cast<float>(filters_[side].lowpass(static_cast<double>(past[side][i])));
-        }
+    for (std::size_t side = 0; side < 2; ++side) lines_[side].read(past[side].data(), delay_, count);
+    for (std::size_t i = 0; i < count; ++i) {
+        past[0][i] = static_cast<float>(filters_[0].lowpass(static_cast<double>(past[0][i])));
+        past[1][i] = static_cast<float>(filters_[1].lowpass(static_cast<double>(past[1][i])));
     }
     Channel left;
     Channel right;

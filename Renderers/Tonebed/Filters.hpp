@@ -11,14 +11,16 @@ public:
     explicit OnePole(double hertz) noexcept { tune(hertz); }
 
     void tune(double hertz) noexcept {
-        share_ = 1 - powerOfTwo(-9.064720283654388 * hertz / static_cast<double>(sampleRate));  // 1 - e^(-2πf/rate)
+        kept_ = powerOfTwo(-9.064720283654388 * hertz / static_cast<double>(sampleRate));  // e^(-2πf/rate)
+        taken_ = 1 - kept_;
     }
 
-    double lowpass(double x) noexcept { return state_ += share_ * (x - state_); }
+    double lowpass(double x) noexcept { return state_ = kept_ * state_ + taken_ * x; }
     double highpass(double x) noexcept { return x - lowpass(x); }
 
 private:
-    double share_ = 1;
+    double kept_ = 0;
+    double taken_ = 1;
     double state_ = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "Renderers/Tonebed/ModalVoice.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 #include "Renderers/Tonebed/Arithmetic.hpp"
 #include "Renderers/Tonebed/Random.hpp"
@@ -10,14 +11,26 @@ namespace {
 
 constexpr auto rate = static_cast<double>(sampleRate);
 constexpr double highestHertz = 17000;
-constexpr double inaudible = 1e-4;
+constexpr double inaudible = 5e-4;
 
-using Lanes = std::array<float, blockFrames + 8>;
+/// Four numbers that are computed at once, each as it would be alone.
+using Four [[gnu::vector_size(16)]] = float;
+
+Four loaded(const float* values) noexcept {
+    Four four;
+    std::memcpy(&four, values, sizeof four);
+    return four;
+}
+
+void store(float* values, Four four) noexcept { std::memcpy(values, &four, sizeof four); }
 
 }  // namespace
 
 ModalVoice::ModalVoice(const Settings& settings, const Note& note)
-    : length_(note.length), attack_(settings.attack * rate), release_(settings.release * rate) {
+    : width_(static_cast<float>(settings.width)),
+      length_(note.length),
+      attack_(settings.attack * rate),
+      release_(settings.release * rate) {
     const double fundamental = frequencyOf(note.pitch);
     double total = 0;
     for (const Partial& partial : settings.partials) total += partial.amplitude;
@@ -27,7 +40,7 @@ ModalVoice::ModalVoice(const Settings& settings, const Note& note)
     std::size_t index = 0;
     for (const Partial& partial : settings.partials) {
         const double hertz = fundamental * partial.ratio + partial.detune;
-        const double side = (index++ % 2 == 0 ? -1 : 1) * settings.width;
+        auto& side = modes_[index++ % 2];
         const double turn = random.between(-0.02, 0.02);
         if (hertz >= highestHertz || partial.amplitude <= 0) continue;
         Mode mode;
@@ -46,10 +59,8 @@ ModalVoice::ModalVoice(const Settings& settings, const Note& note)
         mode.turnImaginary = static_cast<float>(shrink * sine(angle));
         const double audible = logarithm(std::max(partial.amplitude / total, inaudible) / inaudible);
         mode.frames = nearest(audible / halvings) + 1;
-        mode.left = static_cast<float>(1 - side);
-        mode.right = static_cast<float>(1 + side);
         longest = std::max(longest, mode.frames);
-        modes_.push_back(mode);
+        side.push_back(mode);
     }
     end_ = std::min(longest, length_ + static_cast<std::int64_t>(release_));
     const double turns = (note.pan * 0.75 + 1) * 0.125;
@@ -65,52 +76,68 @@ double ModalVoice::level(std::int64_t age) const noexcept {
     return left < 2400 ? level * smoothStep(left / 2400) : level;
 }
 
+void ModalVoice::turn(Mode& mode, float* sum, std::size_t count) noexcept {
+    const float c = mode.turnReal;
+    const float s = mode.turnImaginary;
+    std::size_t frame = 0;
+    // Left to itself the compiler does these eight one by one, at three times the cost.
+    std::array<Four, 2> x = {loaded(mode.real.data()), loaded(mode.real.data() + 4)};
+    std::array<Four, 2> y = {loaded(mode.imaginary.data()), loaded(mode.imaginary.data() + 4)};
+    for (; frame + lanes <= count; frame += lanes) {
+        for (std::size_t half = 0; half < 2; ++half) {
+            float* place = sum + frame + 4 * half;
+            store(place, loaded(place) + y[half]);
+            const Four next = x[half] * c - y[half] * s;
+            y[half] = x[half] * s + y[half] * c;
+            x[half] = next;
+        }
+    }
+    for (std::size_t half = 0; half < 2; ++half) {
+        store(mode.real.data() + 4 * half, x[half]);
+        store(mode.imaginary.data() + 4 * half, y[half]);
+    }
+    const std::size_t rest = count - frame;
+    if (rest > 0) {
+        // Only some of the eight are heard now: the others come first next time.
+        std::array<float, 2 * lanes> reals{};
+        std::array<float, 2 * lanes> imaginaries{};
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            const float real = mode.real[lane];
+            const float imaginary = mode.imaginary[lane];
+            if (lane < rest) sum[frame + lane] += imaginary;
+            reals[lane] = real;
+            imaginaries[lane] = imaginary;
+            reals[lanes + lane] = real * c - imaginary * s;
+            imaginaries[lanes + lane] = real * s + imaginary * c;
+        }
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            mode.real[lane] = reals[lane + rest];
+            mode.imaginary[lane] = imaginaries[lane + rest];
+        }
+    }
+}
+
 bool ModalVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
     const std::size_t count = to - from;
-    Lanes left{};
-    Lanes right{};
-    for (Mode& mode : modes_) {
-        if (age_ >= mode.frames) continue;
-        // Both sides take part of each partial, so that width never turns into opposite phase.
-        const float leftShare = mode.left;
-        const float rightShare = mode.right;
-        std::size_t frame = 0;
-        for (; frame < count; frame += lanes) {
-            for (std::size_t lane = 0; lane < lanes; ++lane) {
-                left[frame + lane] += leftShare * mode.imaginary[lane];
-                right[frame + lane] += rightShare * mode.imaginary[lane];
-            }
-            std::array<float, lanes> nextReal;
-            std::array<float, lanes> nextImaginary;
-            for (std::size_t lane = 0; lane < lanes; ++lane) {
-                nextReal[lane] = mode.real[lane] * mode.turnReal - mode.imaginary[lane] * mode.turnImaginary;
-                nextImaginary[lane] = mode.real[lane] * mode.turnImaginary + mode.imaginary[lane] * mode.turnReal;
-            }
-            const std::size_t used = std::min(lanes, count - frame);
-            if (used == lanes) {
-                mode.real = nextReal;
-                mode.imaginary = nextImaginary;
-            } else {
-                // Only some of the eight were heard: the rest comes first next time.
-                for (std::size_t lane = 0; lane < lanes; ++lane) {
-                    const bool isOld = lane + used < lanes;
-                    const std::size_t source = (lane + used) % lanes;
-                    const float real = isOld ? mode.real[source] : nextReal[source];
-                    const float imaginary = isOld ? mode.imaginary[source] : nextImaginary[source];
-                    mode.real[lane] = real;
-                    mode.imaginary[lane] = imaginary;
-                }
-            }
+    std::array<Channel, 2> sums{};
+    for (std::size_t side = 0; side < 2; ++side) {
+        for (Mode& mode : modes_[side]) {
+            if (age_ < mode.frames) turn(mode, sums[side].data(), count);
         }
     }
     const std::int64_t end = age_ + static_cast<std::int64_t>(count);
     const double nextLevel = end >= end_ ? 0 : level(end);
     const auto start = static_cast<float>(level_);
     const auto step = static_cast<float>((nextLevel - level_) / static_cast<double>(count));
+    // Both sides take part of each partial, so that width never turns into opposite phase.
+    const float near = 1 + width_;
+    const float far = 1 - width_;
+    const float leftPan = pan_[0];
+    const float rightPan = pan_[1];
     for (std::size_t i = 0; i < count; ++i) {
-        const float gain = start + step * static_cast<float>(i);
-        bus.left[from + i] += pan_[0] * gain * left[i];
-        bus.right[from + i] += pan_[1] * gain * right[i];
+        const float gain = start + step * countingUp[i];
+        bus.left[from + i] += leftPan * gain * (near * sums[0][i] + far * sums[1][i]);
+        bus.right[from + i] += rightPan * gain * (far * sums[0][i] + near * sums[1][i]);
     }
     age_ = end;
     level_ = nextLevel;

@@ -30,7 +30,7 @@ public:
         double gain = 1;
         double attack = 0.002;  ///< Seconds.
         double release = 0.3;   ///< Seconds from the note's end until it is silent.
-        double width = 0.25;    ///< How much of the partials' pairs differs between left and right.
+        double width = 0.25;    ///< How far every other partial stands to the left, the rest to the right.
     };
 
     ModalVoice(const Settings& settings, const Note& note);
@@ -53,7 +53,11 @@ private:
 
     [[nodiscard]] double level(std::int64_t age) const noexcept;
 
-    std::vector<Mode> modes_;
+    /// Adds `count` frames of a mode.
+    static void turn(Mode& mode, float* sum, std::size_t count) noexcept;
+
+    std::array<std::vector<Mode>, 2> modes_;  // more to the left, more to the right
+    float width_ = 0;
     std::int64_t age_ = 0;
     std::int64_t length_ = 0;
     std::int64_t end_ = 0;

@@ -79,26 +79,35 @@ void NoiseBed::add(Layer layer, double gain) {
 
 void NoiseBed::renderLayer(Layer& layer, Block& bus, std::int64_t position, std::size_t count) noexcept {
     const std::int64_t end = position + static_cast<std::int64_t>(count);
+    std::array<double, 2> gains{};
+    std::array<double, 2> steps{};
+    std::array<std::uint32_t, 2> streams = {layer.stream, layer.stream + 0x9e3779b9U};
+    std::array<Channel, 2> noises;
     for (std::size_t side = 0; side < 2; ++side) {
         const double first = layer.swells[side].at(position);
         const double last = layer.swells[side].at(end);
-        if (layer.octaves > 0) {
-            const double hertz = layer.lowest * powerOfTwo(layer.octaves * (0.5 + 0.25 * (first + last)));
-            layer.bands[side].tune(hertz, layer.damping);
-        }
-        double gain = layer.gain * (1 - layer.depth * (0.5 - 0.5 * first));
-        const double step = (layer.gain * (1 - layer.depth * (0.5 - 0.5 * last)) - gain) / static_cast<double>(count);
-        const std::uint32_t stream = layer.stream + static_cast<std::uint32_t>(side) * 0x9e3779b9U;
-        Channel& channel = side == 0 ? bus.left : bus.right;
+        const auto level = [&](double swell) { return layer.gain * (1 - layer.depth * (0.5 - 0.5 * swell)); };
+        gains[side] = level(first);
+        steps[side] = (level(last) - gains[side]) / static_cast<double>(count);
+        const auto start = static_cast<std::uint32_t>(position);
         for (std::size_t i = 0; i < count; ++i) {
-            float noise = noiseAt(stream, static_cast<std::uint32_t>(position) + static_cast<std::uint32_t>(i));
-            if (layer.octaves > 0) {
-                noise = layer.isBand ? layer.bands[side].bandpass(noise) : layer.bands[side].lowpass(noise);
-            }
-            const double smooth = layer.lows[side].lowpass(static_cast<double>(noise));
-            channel[i] += static_cast<float>(gain * layer.highs[side].highpass(smooth));
-            gain += step;
+            noises[side][i] = noiseAt(streams[side], start + static_cast<std::uint32_t>(i));
         }
+        if (layer.octaves <= 0) continue;
+        const double hertz = layer.lowest * powerOfTwo(layer.octaves * (0.5 + 0.25 * (first + last)));
+        layer.bands[side].tune(hertz, layer.damping);
+        for (std::size_t i = 0; i < count; ++i) {
+            const float noise = noises[side][i];
+            noises[side][i] = layer.isBand ? layer.bands[side].bandpass(noise) : layer.bands[side].lowpass(noise);
+        }
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const double left = layer.lows[0].lowpass(static_cast<double>(noises[0][i]));
+        const double right = layer.lows[1].lowpass(static_cast<double>(noises[1][i]));
+        bus.left[i] += static_cast<float>(gains[0] * layer.highs[0].highpass(left));
+        bus.right[i] += static_cast<float>(gains[1] * layer.highs[1].highpass(right));
+        gains[0] += steps[0];
+        gains[1] += steps[1];
     }
 }
 

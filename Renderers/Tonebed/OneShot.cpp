@@ -176,9 +176,13 @@ OneShotVoice::OneShotVoice(const OneShot& sound, double gain, double pan) noexce
 
 bool OneShotVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
     const std::size_t count = std::min(to - from, sound_->left.size() - position_);
+    const float leftGain = left_;
+    const float rightGain = right_;
+    const float* left = sound_->left.data() + position_;
+    const float* right = sound_->right.data() + position_;
     for (std::size_t i = 0; i < count; ++i) {
-        bus.left[from + i] += left_ * sound_->left[position_ + i];
-        bus.right[from + i] += right_ * sound_->right[position_ + i];
+        bus.left[from + i] += leftGain * left[i];
+        bus.right[from + i] += rightGain * right[i];
     }
     position_ += count;
     return position_ < sound_->left.size();

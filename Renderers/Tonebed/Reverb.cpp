@@ -73,14 +73,15 @@ void Reverb::process(const Block& input, Block& output, std::size_t count) noexc
     std::array<Channel, 2> entering;
     for (std::size_t side = 0; side < 2; ++side) {
         const Channel& source = side == 0 ? input.left : input.right;
-        Channel& channel = entering[side];
-        early_[side].read(channel.data(), earlyDelay_, count);
+        early_[side].read(entering[side].data(), earlyDelay_, count);
         early_[side].write(source.data(), count);
-        for (std::size_t i = 0; i < count; ++i) {
-            channel[i] = static_cast<float>(rumble_[side].highpass(static_cast<double>(channel[i])));
-        }
-        diffuse(channel, diffusers_[side], count);
     }
+    for (std::size_t i = 0; i < count; ++i) {
+        entering[0][i] = static_cast<float>(rumble_[0].highpass(static_cast<double>(entering[0][i])));
+        entering[1][i] = static_cast<float>(rumble_[1].highpass(static_cast<double>(entering[1][i])));
+    }
+    diffuse(entering[0], diffusers_[0], count);
+    diffuse(entering[1], diffusers_[1], count);
 
     std::array<Channel, lines> values;
     std::array<float, blockFrames + 2> past;

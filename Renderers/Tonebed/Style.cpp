@@ -15,7 +15,7 @@ using enum Feature;
 
 /// The share of energy and brightness by which the energetic end is above the calm one at least.
 constexpr double leastRiseOfEnergy = 0.26;
-constexpr double leastRiseOfBrightness = 0.3;
+constexpr double leastRiseOfBrightness = 0.36;
 
 /// One word of a prompt in lower case, or a mark that ends a phrase (then `text` is that mark alone).
 struct Word {

@@ -188,11 +188,18 @@ struct Synthesizer::State {
         const auto start = static_cast<float>(first);
         const auto step = static_cast<float>((last - first) / static_cast<double>(count));
         for (std::size_t i = 0; i < count; ++i) {
-            const float level = start + step * static_cast<float>(i);
+            const float level = start + step * countingUp[i];
             block.left[i] = level * padFilters[0].lowpass(block.left[i]);
             block.right[i] = level * padFilters[1].lowpass(block.right[i]);
         }
         chorus.process(block, position, count);
+    }
+
+    /// One sample without rumble, its treble and bass weighed against each other.
+    float tilted(std::size_t side, float sample) noexcept {
+        const double x = rumbles[side].highpass(static_cast<double>(sample));
+        const double low = tilts[side].lowpass(x);
+        return static_cast<float>(bassGain * low + trebleGain * (x - low));
     }
 
     void playBlock() {
@@ -237,15 +244,12 @@ struct Synthesizer::State {
         room.process(toRoom, sum, count);
 
         const bool isRunUp = played < runUp;
-        for (std::size_t side = 0; side < 2; ++side) {
-            const Channel& channel = side == 0 ? sum.left : sum.right;
-            std::vector<float>& output = side == 0 ? left : right;
-            for (std::size_t i = 0; i < count; ++i) {
-                const double x = rumbles[side].highpass(static_cast<double>(channel[i]));
-                const double low = tilts[side].lowpass(x);
-                const auto value = static_cast<float>(bassGain * low + trebleGain * (x - low));
-                if (!isRunUp) output[static_cast<std::size_t>(position) + i] = value;
-            }
+        for (std::size_t i = 0; i < count; ++i) {
+            const float l = tilted(0, sum.left[i]);
+            const float r = tilted(1, sum.right[i]);
+            if (isRunUp) continue;
+            left[static_cast<std::size_t>(position) + i] = l;
+            right[static_cast<std::size_t>(position) + i] = r;
         }
         position += static_cast<std::int64_t>(count);
         played += static_cast<std::int64_t>(count);

@@ -21,11 +21,11 @@ inline constexpr std::int64_t mostFrames = 120 * 48000;
 
 /// What a piece is made from. The same values give the same piece, to the byte, on every machine.
 struct Piece {
-    std::string moodID;
-    std::string calmPrompt;
-    std::string energeticPrompt;
-    std::optional<std::string> prompt;  ///< Decides alone, where present.
-    std::int64_t blendIndex = 0;        ///< 0 to 4; beyond that counts as the end.
+    std::string moodID = {};
+    std::string calmPrompt = {};
+    std::string energeticPrompt = {};
+    std::optional<std::string> prompt = {};  ///< Decides alone, where present.
+    std::int64_t blendIndex = 0;             ///< 0 to 4; beyond that counts as the end.
     std::int64_t seed = 0;
     std::int64_t frames = 0;  ///< `fewestFrames` to `mostFrames`.
 };

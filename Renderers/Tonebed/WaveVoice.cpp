@@ -62,6 +62,7 @@ bool WaveVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
 
     Block sum;
     sum.clear();
+    Channel values;
     double bend = 1;
     if (settings_.vibrato > 0) {
         const double depth = settings_.vibrato * smoothStep(age_ / (0.8 * rate));
@@ -83,24 +84,26 @@ bool WaveVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
             float share = shareStart;
             for (std::size_t i = 0; i < count; ++i) {
                 const float soft = Waveform::at(oscillator.table, phase);
-                const float value = soft + share * (Waveform::at(oscillator.bright, phase) - soft);
-                sum.left[i] += oscillator.left * value;
-                sum.right[i] += oscillator.right * value;
+                values[i] = soft + share * (Waveform::at(oscillator.bright, phase) - soft);
                 phase += step;
                 share += shareStep;
             }
         } else {
             for (std::size_t i = 0; i < count; ++i) {
-                const float value = Waveform::at(oscillator.table, phase);
-                sum.left[i] += oscillator.left * value;
-                sum.right[i] += oscillator.right * value;
+                values[i] = Waveform::at(oscillator.table, phase);
                 phase += step;
             }
+        }
+        const float left = oscillator.left;
+        const float right = oscillator.right;
+        for (std::size_t i = 0; i < count; ++i) {
+            sum.left[i] += left * values[i];
+            sum.right[i] += right * values[i];
         }
         oscillator.phase = phase;
     }
     for (std::size_t i = 0; i < count; ++i) {
-        const float gain = levelStart + levelStep * static_cast<float>(i);
+        const float gain = levelStart + levelStep * countingUp[i];
         bus.left[from + i] += gain * sum.left[i];
         bus.right[from + i] += gain * sum.right[i];
     }
