@@ -18,10 +18,10 @@ inline constexpr Channel countingUp = [] {
     return values;
 }();
 
-/// One block of stereo sound. Only the first frames count where a block is cut short.
+/// One block of stereo sound, silent only once it is cleared. Only the first frames count where a block is cut short.
 struct Block {
-    Channel left{};
-    Channel right{};
+    Channel left;
+    Channel right;
 
     void clear() noexcept {
         left.fill(0);

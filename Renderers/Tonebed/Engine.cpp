@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,15 +73,6 @@ double rounded(double value, double digits) noexcept { return static_cast<double
 
 double decibelsOf(double factor) noexcept { return 6.020599913279624 * logarithm(factor); }
 
-void sayAudio(EngineHost& host, const std::string& file, std::int64_t frames) {
-    JSONWriter writer(JSONWriter::Form::compact);
-    writer.beginObject();
-    writer.member("file", file);
-    writer.member("seconds", static_cast<double>(frames) / static_cast<double>(sampleRate));
-    writer.endObject();
-    host.say("audio " + writer.take());
-}
-
 void sayResult(EngineHost& host, const EngineRequest& request, const Synthesizer& synthesizer) {
     // No step at all counts as half of the smallest one.
     const double seam = std::max(synthesizer.seamStep(), 1.0 / 65536);
@@ -95,10 +88,55 @@ void sayResult(EngineHost& host, const EngineRequest& request, const Synthesizer
     host.say("result " + writer.take());
 }
 
+/// Lets others hear the piece while it is being made: a second file that grows. Its level is not yet the final one, so
+/// that the file of the piece itself can only be written at the end.
+class PartialAudio {
+public:
+    PartialAudio(const EngineRequest& request, EngineHost& host)
+        : host_(host),
+          folder_(request.folder),
+          name_(request.file == "partial.wav" ? "partial-audio.wav" : "partial.wav"),
+          frames_(request.piece.frames) {}
+
+    /// Writes and reports what is due: every five seconds of music, and the rest of the piece.
+    void report(Synthesizer& synthesizer) {
+        while (written_ < frames_) {
+            const std::int64_t count = std::min(windowFrames, frames_ - written_);
+            if (synthesizer.framesToDraft() < count) return;
+            if (!writer_) writer_.emplace(folder_ / name_, static_cast<int>(sampleRate), 2);
+            samples_.resize(static_cast<std::size_t>(2 * count));
+            synthesizer.draft(samples_);
+            writer_->write(samples_);
+            writer_->flushHeader();
+            written_ += count;
+            say();
+        }
+    }
+
+private:
+    void say() {
+        JSONWriter writer(JSONWriter::Form::compact);
+        writer.beginObject();
+        writer.member("file", name_);
+        writer.member("seconds", static_cast<double>(written_) / static_cast<double>(sampleRate));
+        writer.endObject();
+        host_.say("audio " + writer.take());
+    }
+
+    EngineHost& host_;
+    const std::filesystem::path folder_;
+    const std::string name_;
+    const std::int64_t frames_;
+    std::optional<WAVWriter> writer_;
+    std::vector<std::int16_t> samples_;
+    std::int64_t written_ = 0;
+};
+
 EngineResult render(const EngineRequest& request, EngineHost& host) {
     Pacer pacer(request.dutyCycle, host);
     host.say("text encoder");
     WAVWriter writer(request.folder / request.file, static_cast<int>(sampleRate), 2);
+    PartialAudio partial(request, host);
     Synthesizer synthesizer(request.piece);
 
     const std::int64_t toPlay = synthesizer.framesToPlay();
@@ -115,6 +153,7 @@ EngineResult render(const EngineRequest& request, EngineHost& host) {
         }
         if (host.wait(Duration::zero())) return EngineResult::stopped;
         synthesizer.play(partFrames);
+        partial.report(synthesizer);
         if (pacer.rest(progress, false)) return EngineResult::stopped;
     }
 
@@ -134,8 +173,6 @@ EngineResult render(const EngineRequest& request, EngineHost& host) {
         samples.resize(static_cast<std::size_t>(2 * count));
         synthesizer.read(start, samples);
         writer.write(samples);
-        writer.flushHeader();
-        sayAudio(host, request.file, start + count);
         if (pacer.rest(progress, false)) return EngineResult::stopped;
     }
     writer.finish();

@@ -32,7 +32,7 @@ EngineRequest readRender(const JSONValue& root) {
     const auto frames = root.member<std::int64_t>("frames");
     constexpr auto rate = static_cast<double>(sampleRate);
     const bool isPossible =
-        std::isfinite(seconds) && seconds <= mostFrames / rate && frames >= fewestFrames && frames <= mostFrames;
+        seconds > 0 && seconds <= mostFrames / rate && frames >= fewestFrames && frames <= mostFrames;
     require(isPossible, "Tonebed makes pieces of 0.1 to 120 seconds.");
     // Whoever asks may round either way.
     require(std::abs(seconds * rate - static_cast<double>(frames)) <= 1.0,

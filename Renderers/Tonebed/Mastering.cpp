@@ -15,6 +15,10 @@ constexpr std::size_t limiterBlock = 64;
 constexpr std::size_t reach = 20;            // blocks on each side that a peak lowers,
 constexpr std::size_t rounding = reach - 1;  // and over which the lowered level is rounded off
 
+constexpr std::size_t seamFrames = 480;           // on each side of the seam, in which its level may change,
+constexpr std::size_t seamNeighbourhood = 48000;  // and in which it is compared with other places
+constexpr int mostEasings = 40;
+
 float magnitude(float x) noexcept { return x < 0 ? -x : x; }
 
 /// Multiplies by `gain`, and by less around what would be above the ceiling. True if something had to give way.
@@ -70,13 +74,58 @@ bool applyGain(std::span<float> left, std::span<float> right, double gain) {
     return true;
 }
 
+/// The value itself up to a knee, and above it ever less, up to the ceiling.
+float roundedOff(float value) noexcept {
+    constexpr float knee = 0.6f;
+    constexpr float room = static_cast<float>(ceiling) - knee;
+    const float excess = magnitude(value) - knee;
+    if (excess <= 0) return value;
+    const float rounded = knee + room * (excess / (room + excess));
+    return value < 0 ? -rounded : rounded;
+}
+
+int stepOf(float from, float to) noexcept {
+    const int step = sixteenBits(to) - sixteenBits(from);
+    return step < 0 ? -step : step;
+}
+
+/// How far the step across the seam is above the largest one near it, but not where easing it changes that one:
+/// above 1 is too far.
+double seamExcess(std::span<const float> channel) noexcept {
+    const std::size_t frames = channel.size();
+    const std::size_t neighbours = std::min(seamNeighbourhood, frames - 1);
+    int largest = 1;
+    for (std::size_t i = std::min(seamFrames, neighbours) + 1; i <= neighbours; ++i) {
+        largest = std::max(largest, stepOf(channel[i - 1], channel[i]));
+        largest = std::max(largest, stepOf(channel[frames - i - 1], channel[frames - i]));
+    }
+    return static_cast<double>(stepOf(channel.back(), channel.front())) / static_cast<double>(largest);
+}
+
 }  // namespace
 
-double master(std::span<float> left, std::span<float> right) {
+void easeSeam(std::span<float> left, std::span<float> right) {
+    const std::size_t frames = left.size();
+    for (int turn = 0; turn < mostEasings; ++turn) {
+        const double excess = std::max(seamExcess(left), seamExcess(right));
+        if (excess <= 1) return;
+        const double depth = 1 - 0.98 / excess;
+        for (std::size_t i = 0; i < std::min(seamFrames, frames / 2); ++i) {
+            const double share = static_cast<double>(i) / static_cast<double>(seamFrames);
+            const auto factor = static_cast<float>(1 - depth * (1 - smoothStep(share)));
+            for (const std::span<float> channel : {left, right}) {
+                channel[i] *= factor;
+                channel[frames - 1 - i] *= factor;
+            }
+        }
+    }
+}
+
+double master(std::span<float> left, std::span<float> right, double energy) {
     double total = 1;
     // Limiting takes a little loudness away, which the next turn makes up for.
     for (int turn = 0; turn < 3; ++turn) {
-        const double energy = gatedEnergy(left, right);
+        if (turn > 0) energy = gatedEnergy(left, right);
         if (energy <= 0) return total;
         const double gain = std::sqrt(targetEnergy / energy);
         if (turn > 0 && gain > 0.99 && gain < 1.01) break;
@@ -86,9 +135,17 @@ double master(std::span<float> left, std::span<float> right) {
     return total;
 }
 
-std::int16_t sixteenBits(float value) noexcept {
-    const double scaled = static_cast<double>(value) * 32767;
-    return static_cast<std::int16_t>(clamped(static_cast<double>(nearest(scaled)), -32768, 32767));
+void DraftLevel::apply(std::span<const float> left, std::span<const float> right, double energy,
+                       std::span<std::int16_t> samples) noexcept {
+    const double wished = energy > 0 ? std::sqrt(targetEnergy / energy) : 1;
+    const double start = gain_ > 0 ? gain_ : wished;
+    const double step = (wished - start) / static_cast<double>(left.size());
+    for (std::size_t i = 0; i < left.size(); ++i) {
+        const auto gain = static_cast<float>(start + step * static_cast<double>(i));
+        samples[2 * i] = sixteenBits(roundedOff(gain * left[i]));
+        samples[2 * i + 1] = sixteenBits(roundedOff(gain * right[i]));
+    }
+    gain_ = wished;
 }
 
 }  // namespace quillmere::tonebed

@@ -1,7 +1,7 @@
 #include "Renderers/Tonebed/ModalVoice.hpp"
 
 #include <algorithm>
-#include <cstring>
+#include <functional>
 
 #include "Renderers/Tonebed/Arithmetic.hpp"
 #include "Renderers/Tonebed/Random.hpp"
@@ -12,17 +12,6 @@ namespace {
 constexpr auto rate = static_cast<double>(sampleRate);
 constexpr double highestHertz = 17000;
 constexpr double inaudible = 5e-4;
-
-/// Four numbers that are computed at once, each as it would be alone.
-using Four [[gnu::vector_size(16)]] = float;
-
-Four loaded(const float* values) noexcept {
-    Four four;
-    std::memcpy(&four, values, sizeof four);
-    return four;
-}
-
-void store(float* values, Four four) noexcept { std::memcpy(values, &four, sizeof four); }
 
 }  // namespace
 
@@ -47,21 +36,26 @@ ModalVoice::ModalVoice(const Settings& settings, const Note& note)
         // 60 dB are a factor of 2^9.9658.
         const double halvings = 9.965784284662087 / (partial.seconds * rate);
         const double amplitude = gain * partial.amplitude;
-        for (std::size_t lane = 0; lane < lanes; ++lane) {
-            const auto age = static_cast<double>(lane);
-            const double size = amplitude * powerOfTwo(-halvings * age);
-            mode.real[lane] = static_cast<float>(size * cosine(turn + hertz * age / rate));
-            mode.imaginary[lane] = static_cast<float>(size * sine(turn + hertz * age / rate));
+        mode.real = static_cast<float>(amplitude * cosine(turn));
+        mode.imaginary = static_cast<float>(amplitude * sine(turn));
+        const double shrink = powerOfTwo(-halvings);
+        const double stepReal = shrink * cosine(hertz / rate);
+        const double stepImaginary = shrink * sine(hertz / rate);
+        double real = 1;
+        double imaginary = 0;
+        for (std::size_t i = 0; i < blockFrames; ++i) {
+            const double next = real * stepReal - imaginary * stepImaginary;
+            imaginary = real * stepImaginary + imaginary * stepReal;
+            real = next;
+            mode.turnReal[i] = static_cast<float>(real);
+            mode.turnImaginary[i] = static_cast<float>(imaginary);
         }
-        const double shrink = powerOfTwo(-halvings * static_cast<double>(lanes));
-        const double angle = hertz * static_cast<double>(lanes) / rate;
-        mode.turnReal = static_cast<float>(shrink * cosine(angle));
-        mode.turnImaginary = static_cast<float>(shrink * sine(angle));
         const double audible = logarithm(std::max(partial.amplitude / total, inaudible) / inaudible);
         mode.frames = nearest(audible / halvings) + 1;
         longest = std::max(longest, mode.frames);
         side.push_back(mode);
     }
+    for (auto& modes : modes_) std::ranges::stable_sort(modes, std::greater{}, &Mode::frames);
     end_ = std::min(longest, length_ + static_cast<std::int64_t>(release_));
     const double turns = (note.pan * 0.75 + 1) * 0.125;
     pan_ = {static_cast<float>(cosine(turns)), static_cast<float>(sine(turns))};
@@ -76,53 +70,30 @@ double ModalVoice::level(std::int64_t age) const noexcept {
     return left < 2400 ? level * smoothStep(left / 2400) : level;
 }
 
-void ModalVoice::turn(Mode& mode, float* sum, std::size_t count) noexcept {
-    const float c = mode.turnReal;
-    const float s = mode.turnImaginary;
-    std::size_t frame = 0;
-    // Left to itself the compiler does these eight one by one, at three times the cost.
-    std::array<Four, 2> x = {loaded(mode.real.data()), loaded(mode.real.data() + 4)};
-    std::array<Four, 2> y = {loaded(mode.imaginary.data()), loaded(mode.imaginary.data() + 4)};
-    for (; frame + lanes <= count; frame += lanes) {
-        for (std::size_t half = 0; half < 2; ++half) {
-            float* place = sum + frame + 4 * half;
-            store(place, loaded(place) + y[half]);
-            const Four next = x[half] * c - y[half] * s;
-            y[half] = x[half] * s + y[half] * c;
-            x[half] = next;
-        }
+void ModalVoice::turn(Mode& mode, Channel& sum, bool isFirst, std::size_t count) noexcept {
+    const float x = mode.real;
+    const float y = mode.imaginary;
+    // The whole block whatever is asked for: loops of fixed length are done several frames at once.
+    if (isFirst) {
+        for (std::size_t i = 0; i < blockFrames; ++i) sum[i] = x * mode.turnImaginary[i] + y * mode.turnReal[i];
+    } else {
+        for (std::size_t i = 0; i < blockFrames; ++i) sum[i] += x * mode.turnImaginary[i] + y * mode.turnReal[i];
     }
-    for (std::size_t half = 0; half < 2; ++half) {
-        store(mode.real.data() + 4 * half, x[half]);
-        store(mode.imaginary.data() + 4 * half, y[half]);
-    }
-    const std::size_t rest = count - frame;
-    if (rest > 0) {
-        // Only some of the eight are heard now: the others come first next time.
-        std::array<float, 2 * lanes> reals{};
-        std::array<float, 2 * lanes> imaginaries{};
-        for (std::size_t lane = 0; lane < lanes; ++lane) {
-            const float real = mode.real[lane];
-            const float imaginary = mode.imaginary[lane];
-            if (lane < rest) sum[frame + lane] += imaginary;
-            reals[lane] = real;
-            imaginaries[lane] = imaginary;
-            reals[lanes + lane] = real * c - imaginary * s;
-            imaginaries[lanes + lane] = real * s + imaginary * c;
-        }
-        for (std::size_t lane = 0; lane < lanes; ++lane) {
-            mode.real[lane] = reals[lane + rest];
-            mode.imaginary[lane] = imaginaries[lane + rest];
-        }
-    }
+    mode.real = x * mode.turnReal[count - 1] - y * mode.turnImaginary[count - 1];
+    mode.imaginary = x * mode.turnImaginary[count - 1] + y * mode.turnReal[count - 1];
 }
 
 bool ModalVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
     const std::size_t count = to - from;
-    std::array<Channel, 2> sums{};
+    std::array<Channel, 2> sums;
     for (std::size_t side = 0; side < 2; ++side) {
-        for (Mode& mode : modes_[side]) {
-            if (age_ < mode.frames) turn(mode, sums[side].data(), count);
+        auto& modes = modes_[side];
+        while (!modes.empty() && modes.back().frames <= age_) modes.pop_back();
+        if (modes.empty()) sums[side].fill(0);
+        bool isFirst = true;
+        for (Mode& mode : modes) {
+            turn(mode, sums[side], isFirst, count);
+            isFirst = false;
         }
     }
     const std::int64_t end = age_ + static_cast<std::int64_t>(count);

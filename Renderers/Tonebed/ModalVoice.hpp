@@ -12,8 +12,8 @@ namespace quillmere::tonebed {
 
 /// One struck or plucked note: a few partials, each a decaying sine of its own.
 ///
-/// A partial is a complex number that turns by a fixed angle and shrinks by a fixed factor each frame; eight frames
-/// are turned at once. As with every voice, all is a function of the note's age.
+/// A partial is a complex number that turns by a fixed angle and shrinks by a fixed factor each frame; what that comes
+/// to over the frames of a block is computed once for the note. As with every voice, all is a function of its age.
 class ModalVoice {
 public:
     /// One partial of an instrument.
@@ -39,24 +39,20 @@ public:
     bool render(Block& bus, std::size_t from, std::size_t to) noexcept;
 
 private:
-    static constexpr std::size_t lanes = 8;
-
     struct Mode {
-        std::array<float, lanes> real{};       // of the next eight frames
-        std::array<float, lanes> imaginary{};  // what is heard
-        float turnReal = 1;                    // by eight frames
-        float turnImaginary = 0;
+        float real = 0;       // in the frame before the next one
+        float imaginary = 0;  // what is heard
+        Channel turnReal{};   // the turn by 1, 2, 3 ... frames
+        Channel turnImaginary{};
         std::int64_t frames = 0;  // until it cannot be heard
-        float left = 1;
-        float right = 1;
     };
 
     [[nodiscard]] double level(std::int64_t age) const noexcept;
 
-    /// Adds `count` frames of a mode.
-    static void turn(Mode& mode, float* sum, std::size_t count) noexcept;
+    /// Adds a mode's next frames to the sum, or begins it with them, and goes on by `count`, 1 to a whole block.
+    static void turn(Mode& mode, Channel& sum, bool isFirst, std::size_t count) noexcept;
 
-    std::array<std::vector<Mode>, 2> modes_;  // more to the left, more to the right
+    std::array<std::vector<Mode>, 2> modes_;  // more to the left, more to the right; the longest first
     float width_ = 0;
     std::int64_t age_ = 0;
     std::int64_t length_ = 0;

@@ -81,7 +81,7 @@ void NoiseBed::renderLayer(Layer& layer, Block& bus, std::int64_t position, std:
     const std::int64_t end = position + static_cast<std::int64_t>(count);
     std::array<double, 2> gains{};
     std::array<double, 2> steps{};
-    std::array<std::uint32_t, 2> streams = {layer.stream, layer.stream + 0x9e3779b9U};
+    std::array<std::uint32_t, 2> streams = {layer.stream, layer.stream + 1};
     std::array<Channel, 2> noises;
     for (std::size_t side = 0; side < 2; ++side) {
         const double first = layer.swells[side].at(position);

@@ -52,8 +52,10 @@ private:
 /// White noise without memory: the value at one place of one stream, evenly in -1 to 1 (excluded).
 /// An integer hash of 32 bits with low bias (two rounds of xorshift and multiply).
 [[nodiscard]] constexpr float noiseAt(std::uint32_t stream, std::uint32_t place) noexcept {
+    // Streams that are numbered in turn must not come out shifted against each other.
+    const std::uint32_t mixed = stream * 0x9e3779b9U;
     std::uint32_t x = place;
-    x = (x ^ (x >> 16)) * 0x7feb352dU + stream;
+    x = (x ^ (x >> 16)) * 0x7feb352dU + (mixed ^ (mixed >> 16)) * 0x21f0aaadU;
     x = (x ^ (x >> 15)) * 0x846ca68bU;
     x ^= x >> 16;
     return static_cast<float>(static_cast<std::int32_t>(x)) * 0x1p-31f;

@@ -54,9 +54,13 @@ std::vector<Word> wordsOf(std::string_view text) {
     return words;
 }
 
+/// Whether a word is the known one or its plural.
 bool matches(std::string_view word, std::string_view known) noexcept {
-    if (word == known) return true;
-    return word.size() == known.size() + 1 && word.back() == 's' && word.substr(0, known.size()) == known;
+    if (!word.starts_with(known)) return false;
+    const std::string_view ending = word.substr(known.size());
+    if (ending.empty() || ending == "s") return true;
+    const bool hisses = known.ends_with('s') || known.ends_with('x') || known.ends_with("sh") || known.ends_with("ch");
+    return ending == "es" && hisses;
 }
 
 /// How many words of the text, from `at` on, the phrase covers; 0 if it does not stand there.

@@ -11,6 +11,7 @@
 #include "Renderers/Tonebed/Effects.hpp"
 #include "Renderers/Tonebed/Filters.hpp"
 #include "Renderers/Tonebed/Instruments.hpp"
+#include "Renderers/Tonebed/Loudness.hpp"
 #include "Renderers/Tonebed/Mastering.hpp"
 #include "Renderers/Tonebed/ModalVoice.hpp"
 #include "Renderers/Tonebed/NoiseBed.hpp"
@@ -72,6 +73,10 @@ void renderAll(std::vector<Playing<Sound>>& playing, std::array<Block, busCount>
         ++kept;
     }
     playing.erase(playing.begin() + static_cast<std::ptrdiff_t>(kept), playing.end());
+}
+
+std::span<const float> part(const std::vector<float>& channel, std::int64_t start, std::size_t count) noexcept {
+    return std::span(channel).subspan(static_cast<std::size_t>(start), count);
 }
 
 }  // namespace
@@ -251,6 +256,7 @@ struct Synthesizer::State {
             left[static_cast<std::size_t>(position) + i] = l;
             right[static_cast<std::size_t>(position) + i] = r;
         }
+        if (!isRunUp) meter.append(part(left, position, count), part(right, position, count));
         position += static_cast<std::int64_t>(count);
         played += static_cast<std::int64_t>(count);
         if (position == frames) {
@@ -290,6 +296,9 @@ struct Synthesizer::State {
     std::array<StateVariable, 2> padFilters;
     std::array<OnePole, 2> tilts{OnePole(950), OnePole(950)};
     std::array<OnePole, 2> rumbles{OnePole(26), OnePole(26)};
+    EnergyMeter meter;
+    DraftLevel draftLevel;
+    std::int64_t drafted = 0;
     double gain = 1;
     double treble = 0;
 };
@@ -313,8 +322,20 @@ void Synthesizer::play(std::int64_t frames) {
     while (state_->played < end) state_->playBlock();
 }
 
+std::int64_t Synthesizer::framesToDraft() const noexcept {
+    return std::max<std::int64_t>(0, state_->played - state_->runUp) - state_->drafted;
+}
+
+void Synthesizer::draft(std::span<std::int16_t> samples) {
+    const std::size_t count = samples.size() / 2;
+    state_->draftLevel.apply(part(state_->left, state_->drafted, count), part(state_->right, state_->drafted, count),
+                             state_->meter.energy(), samples);
+    state_->drafted += static_cast<std::int64_t>(count);
+}
+
 void Synthesizer::finish() {
-    state_->gain = master(state_->left, state_->right);
+    state_->gain = master(state_->left, state_->right, state_->meter.energy());
+    easeSeam(state_->left, state_->right);
     state_->treble = brightnessOf(state_->left, state_->right);
 }
 

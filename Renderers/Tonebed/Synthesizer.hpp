@@ -58,6 +58,13 @@ public:
     /// Plays about `frames` more.
     void play(std::int64_t frames);
 
+    /// Frames that are played and not yet given by `draft`.
+    [[nodiscard]] std::int64_t framesToDraft() const noexcept;
+
+    /// The next frames of the piece, from its beginning on, while it is still being made: 16 bits, left and right in
+    /// turn, see `DraftLevel`. No more than there are. Drafts do not change the piece. Not after `finish`.
+    void draft(std::span<std::int16_t> samples);
+
     /// Brings the piece, which must be played to its end, to its final level. Call once.
     void finish();
 

@@ -60,8 +60,6 @@ bool WaveVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
     const auto levelStart = static_cast<float>(level_);
     const auto levelStep = static_cast<float>((nextLevel - level_) / static_cast<double>(count));
 
-    Block sum;
-    sum.clear();
     Channel values;
     double bend = 1;
     if (settings_.vibrato > 0) {
@@ -97,15 +95,11 @@ bool WaveVoice::render(Block& bus, std::size_t from, std::size_t to) noexcept {
         const float left = oscillator.left;
         const float right = oscillator.right;
         for (std::size_t i = 0; i < count; ++i) {
-            sum.left[i] += left * values[i];
-            sum.right[i] += right * values[i];
+            const float value = (levelStart + levelStep * countingUp[i]) * values[i];
+            bus.left[from + i] += left * value;
+            bus.right[from + i] += right * value;
         }
         oscillator.phase = phase;
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-        const float gain = levelStart + levelStep * countingUp[i];
-        bus.left[from + i] += gain * sum.left[i];
-        bus.right[from + i] += gain * sum.right[i];
     }
     age_ = end;
     level_ = nextLevel;

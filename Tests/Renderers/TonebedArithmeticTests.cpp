@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <numbers>
 
 #include "Renderers/Tonebed/Arithmetic.hpp"
@@ -72,19 +74,22 @@ TEST(TonebedArithmeticTests, NoiseIsWhiteAndOfTwoStreamsUnrelated) {
     double mean = 0;
     double power = 0;
     double neighbours = 0;
-    double streams = 0;
+    constexpr std::array<std::uint32_t, 6> others = {6, 8, 9, 15, 0, 0x80000007U};
+    std::array<double, others.size()> streams{};
     constexpr std::uint32_t count = 50000;
     for (std::uint32_t place = 0; place < count; ++place) {
         const double value = static_cast<double>(noiseAt(7, place));
         mean += value;
         power += value * value;
         neighbours += value * static_cast<double>(noiseAt(7, place + 1));
-        streams += value * static_cast<double>(noiseAt(8, place));
+        for (std::size_t i = 0; i < others.size(); ++i) {
+            streams[i] += value * static_cast<double>(noiseAt(others[i], place));
+        }
     }
     EXPECT_NEAR(mean / count, 0, 0.01);
     EXPECT_NEAR(power / count, 1.0 / 3, 0.01);
     EXPECT_NEAR(neighbours / count, 0, 0.01);
-    EXPECT_NEAR(streams / count, 0, 0.01);
+    for (std::size_t i = 0; i < others.size(); ++i) EXPECT_NEAR(streams[i] / count, 0, 0.01) << others[i];
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -22,6 +23,9 @@ using nlohmann::json;
 using Duration = EngineHost::Duration;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+
+const AudioFormat wantedFormat{
+    .codec = AudioFormat::Codec::linearPCM, .bitsPerChannel = 16, .sampleRate = 48000, .channels = 2};
 
 LoopIdentity anIdentity() { return test::playableMoods().at(3).identity(BlendStep(1), 7, "sa3_medium_mlx_v2").value(); }
 
@@ -260,7 +264,7 @@ TEST_F(TonebedEngineTests, StagesOnlyGoForward) {
     EXPECT_EQ(window, 3);
 }
 
-TEST_F(TonebedEngineTests, PartialAudioIsAWholeFileOfTheFinalSamplesEveryFiveSeconds) {
+TEST_F(TonebedEngineTests, PartialAudioIsAWholeFileThatGrowsByFiveSecondsWhileThePieceIsBeingMade) {
     std::vector<double> lengths;
     std::vector<std::vector<std::int16_t>> parts;
     host.onLine = [&](const std::string& line) {
@@ -268,23 +272,68 @@ TEST_F(TonebedEngineTests, PartialAudioIsAWholeFileOfTheFinalSamplesEveryFiveSec
         const json audio = json::parse(line.substr(6));
         lengths.push_back(audio.at("seconds"));
         WAVFile file(folder.path() / audio.at("file").get<std::string>());
+        EXPECT_EQ(file.format(), wantedFormat);
         std::vector<std::int16_t> samples(static_cast<std::size_t>(2 * file.frames()));
         EXPECT_EQ(file.read(samples), static_cast<std::size_t>(file.frames()));
-        EXPECT_GE(static_cast<double>(file.frames()) / 48000, lengths.back());
+        EXPECT_EQ(static_cast<double>(file.frames()) / 48000, lengths.back());
         parts.push_back(samples);
     };
     ASSERT_EQ(run(request(), host), EngineResult::done);
 
     EXPECT_EQ(lengths, (std::vector<double>{5, 10, 11}));
+    const auto decoder = std::ranges::find(host.lines, "decoder");
+    EXPECT_EQ(std::find_if(decoder, host.lines.end(), [](const auto& line) { return line.starts_with("audio "); }),
+              host.lines.end());
+    // Between two parts there is work to be seen: they do not come all at once.
+    const auto first = std::ranges::find(host.lines, R"(audio {"file":"partial.wav","seconds":5})");
+    const auto second = std::ranges::find(host.lines, R"(audio {"file":"partial.wav","seconds":10})");
+    EXPECT_GE(std::count_if(first, second, [](const auto& line) { return line.starts_with("progress sampling"); }), 3);
+    for (const auto& part : parts) EXPECT_TRUE(std::equal(part.begin(), part.end(), parts.back().begin()));
+}
+
+TEST_F(TonebedEngineTests, PartialAudioIsThePieceAtNearlyItsLevel) {
+    ASSERT_EQ(run(request(), host), EngineResult::done);
+
+    const auto samplesOf = [&](const char* name) {
+        WAVFile file(folder.path() / name);
+        std::vector<std::int16_t> samples(static_cast<std::size_t>(2 * file.frames()));
+        EXPECT_EQ(file.read(samples), static_cast<std::size_t>(file.frames()));
+        return samples;
+    };
+    const auto piece = samplesOf("audio.wav");
+    const auto partial = samplesOf("partial.wav");
+    ASSERT_EQ(partial.size(), piece.size());
+    double both = 0;
+    double ofPiece = 0;
+    double ofPartial = 0;
+    for (std::size_t i = 0; i < piece.size(); ++i) {
+        both += static_cast<double>(piece[i]) * partial[i];
+        ofPiece += static_cast<double>(piece[i]) * piece[i];
+        ofPartial += static_cast<double>(partial[i]) * partial[i];
+    }
+    EXPECT_GT(both / std::sqrt(ofPiece * ofPartial), 0.99);
+    EXPECT_NEAR(10 * std::log10(ofPartial / ofPiece), 0, 1.5) << "decibels";
+}
+
+TEST_F(TonebedEngineTests, TheResultIsTheWholePieceToTheByte) {
+    ASSERT_EQ(run(request(), host), EngineResult::done);
+
     WAVFile file(folder.path() / "audio.wav");
-    EXPECT_EQ(file.format(),
-              (AudioFormat{
-                  .codec = AudioFormat::Codec::linearPCM, .bitsPerChannel = 16, .sampleRate = 48000, .channels = 2}));
+    EXPECT_EQ(file.format(), wantedFormat);
     ASSERT_EQ(file.frames(), 528000);
     std::vector<std::int16_t> whole(2 * 528000);
     EXPECT_EQ(file.read(whole), 528000U);
-    for (const auto& part : parts) EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin()));
     EXPECT_EQ(whole, test::Rendering(request().piece).samples);
+}
+
+TEST_F(TonebedEngineTests, AResultThatIsNamedLikeThePartialAudioIsAFileOfItsOwn) {
+    auto asked = request();
+    asked.file = "partial.wav";
+    ASSERT_EQ(run(asked, host), EngineResult::done);
+
+    EXPECT_EQ(folder.names(), (std::vector<std::string>{"partial-audio.wav", "partial.wav"}));
+    EXPECT_EQ(std::ranges::count(host.lines, R"(audio {"file":"partial-audio.wav","seconds":5})"), 1);
+    EXPECT_TRUE(host.lines.back().starts_with(R"(result {"file":"partial.wav",)"));
 }
 
 TEST_F(TonebedEngineTests, AtFullDutyThereIsNoRest) {

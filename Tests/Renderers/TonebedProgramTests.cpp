@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -27,7 +28,10 @@ using nlohmann::json;
 /// The engine as a process, with pipes to its three streams.
 class EngineProcess {
 public:
-    explicit EngineProcess(std::vector<std::string> arguments = {}) {
+    enum class Output { empty, full };
+
+    /// `full`: the pipe takes no more, so that the engine cannot say a word.
+    explicit EngineProcess(std::vector<std::string> arguments = {}, Output output = Output::empty) {
         std::array<std::array<int, 2>, 3> pipes{};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
@@ -36,6 +40,7 @@ public:
             if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
             posix_spawn_file_actions_adddup2(&actions, ends[stream == 0 ? 0 : 1], stream);
         }
+        if (output == Output::full) fill(pipes[1][1]);
         std::string program = QUILLMERE_TONEBED;
         std::vector<char*> texts = {program.data()};
         for (auto& argument : arguments) texts.push_back(argument.data());
@@ -46,6 +51,7 @@ public:
         close(pipes[1][1]);
         close(pipes[2][1]);
         input_ = pipes[0][1];
+        fcntl(input_, F_SETPIPE_SZ, 1);  // one page: there is room again only when all of it is read
         output_ = pipes[1][0];
         error_ = pipes[2][0];
         signal(SIGPIPE, SIG_IGN);
@@ -65,6 +71,12 @@ public:
             const auto count = write(input_, text.data(), text.size());
             if (count <= 0) return;  // it has ended already, which the test will see
             text.remove_prefix(static_cast<std::size_t>(count));
+        }
+    }
+    /// Waits until the engine has read all that was sent.
+    void awaitItsReading() const {
+        pollfd watched{input_, POLLOUT, 0};
+        while (poll(&watched, 1, -1) < 0) {
         }
     }
     void closeInput() {
@@ -122,6 +134,13 @@ public:
     }
 
 private:
+    static void fill(int pipe) {
+        fcntl(pipe, F_SETFL, O_NONBLOCK);
+        for (const char byte = '\n'; write(pipe, &byte, 1) == 1;) {
+        }
+        fcntl(pipe, F_SETFL, 0);
+    }
+
     pid_t process_ = -1;
     int input_ = -1;
     int output_ = -1;
@@ -224,7 +243,7 @@ TEST_F(TonebedProgramTests, APoliteSignalStopsItWithTheSameStatus) {
 
 TEST_F(TonebedProgramTests, ASignalBeforeTheRequestStopsItToo) {
     EngineProcess engine;
-    // The build's answer of another engine: by then this one listens, or ends by the signal itself.
+    // It may not have got so far as to catch the signal; then the signal itself ends it.
     engine.signalEnd(SIGTERM);
 
     const int status = engine.status();
@@ -242,13 +261,20 @@ TEST_F(TonebedProgramTests, AReaderThatHasGoneEndsItQuietly) {
 }
 
 TEST_F(TonebedProgramTests, AReaderThatDoesNotReadIsWaitedForUntilAStop) {
-    // So many rests that their lines fill the pipe.
-    EngineProcess engine;
-    engine.send(request(120));
-    ASSERT_TRUE(engine.reaches("progress"));
-    engine.signalEnd(SIGTERM);
-
+    const auto asked = request(120);
+    {
+        EngineProcess engine({}, EngineProcess::Output::full);
+        engine.send(asked);
+        engine.awaitItsReading();
+        engine.signalEnd(SIGTERM);
+        EXPECT_EQ(engine.status(), 3);
+    }
+    EngineProcess engine({}, EngineProcess::Output::full);
+    engine.send(asked);
+    engine.awaitItsReading();
+    engine.closeInput();
     EXPECT_EQ(engine.status(), 3);
+    EXPECT_EQ(folder.names(), std::vector<std::string>{});
 }
 
 TEST_F(TonebedProgramTests, WhatIsNoRequestIsRefusedWithStatusTwo) {

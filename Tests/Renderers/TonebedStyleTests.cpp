@@ -38,6 +38,9 @@ TEST(TonebedStyleTests, PluralsCapitalsAndPunctuationDoNotMatter) {
         EXPECT_EQ(Style::fromPrompt(prompt)[piano], 1) << prompt;
     }
     EXPECT_EQ(Style::fromPrompt("pianola")[piano], 0);
+    EXPECT_EQ(Style::fromPrompt("brushes")[brushes], Style::fromPrompt("brush")[brushes]);
+    EXPECT_EQ(Style::fromPrompt("music boxes")[bells], Style::fromPrompt("music box")[bells]);
+    EXPECT_EQ(Style::fromPrompt("pianoes")[piano], 0);
 }
 
 TEST(TonebedStyleTests, TheLongestPhraseIsMeant) {

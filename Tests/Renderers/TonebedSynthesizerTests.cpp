@@ -267,14 +267,94 @@ TEST(TonebedSynthesizerTests, MasteringTamesPeaksAcrossTheSeamAndLeavesSilenceAl
     left.front() = 3;
     left[50000] = -2;
     std::vector<float> right = left;
-    master(left, right);
+    master(left, right, gatedEnergy(left, right));
     for (const float value : left) ASSERT_LE(std::abs(static_cast<double>(value)), ceiling + 1e-6);
     // The level gives way on both sides of the seam.
     EXPECT_LT(std::abs(left.back()), std::abs(left[20000]));
 
     std::vector<float> silence(9600, 0.0f);
-    EXPECT_EQ(master(silence, silence), 1);
+    EXPECT_EQ(master(silence, silence, 0), 1);
     EXPECT_EQ(silence, std::vector<float>(9600, 0.0f));
+}
+
+int stepBetween(float from, float to) { return std::abs(sixteenBits(to) - sixteenBits(from)); }
+
+TEST(TonebedSynthesizerTests, ASeamThatIsTheSteepestPlaceIsEasedAndNothingFurtherAway) {
+    for (const std::size_t frames : {std::size_t{4800}, std::size_t{96001}, std::size_t{480000}}) {
+        for (const float steepness : {1.01f, 1.3f, 3.0f}) {
+            SCOPED_TRACE(std::to_string(frames) + " " + std::to_string(steepness));
+            // A slope through zero at the seam that is steeper than any other.
+            std::vector<float> left(frames);
+            for (std::size_t i = 0; i < frames; ++i) left[i] = 0.2f * std::sin(0.05f * static_cast<float>(i));
+            left.front() = 0.005f * steepness;
+            left.back() = -0.005f * steepness;
+            const std::vector<float> before = left;
+            std::vector<float> right(frames, 0.1f);
+            easeSeam(left, right);
+
+            int largest = 0;
+            for (std::size_t i = 1; i <= std::min<std::size_t>(48000, frames - 1); ++i) {
+                largest = std::max(largest, stepBetween(left[i - 1], left[i]));
+                largest = std::max(largest, stepBetween(left[frames - i], left[frames - i - 1]));
+            }
+            EXPECT_LE(stepBetween(left.back(), left.front()), largest);
+            EXPECT_TRUE(std::equal(left.begin() + 480, left.end() - 480, before.begin() + 480));
+            EXPECT_EQ(right[480], 0.1f);
+            EXPECT_EQ(right.front(), right.back());
+        }
+    }
+}
+
+TEST(TonebedSynthesizerTests, ASeamThatIsNotSteepIsLeftAlone) {
+    std::vector<float> left(96000);
+    for (std::size_t i = 0; i < left.size(); ++i) left[i] = 0.2f * std::sin(0.05f * static_cast<float>(i));
+    left.back() = -0.009f;
+    std::vector<float> right = left;
+    easeSeam(right, right);
+
+    EXPECT_EQ(right, left);
+}
+
+TEST(TonebedSynthesizerTests, ADraftIsNeverAboveTheCeilingAndGlidesFromLevelToLevel) {
+    DraftLevel level;
+    std::vector<float> tone(4800);
+    for (std::size_t i = 0; i < tone.size(); ++i) tone[i] = std::sin(0.1f * static_cast<float>(i));
+    std::vector<std::int16_t> first(9600);
+    std::vector<std::int16_t> second(9600);
+    level.apply(tone, tone, targetEnergy / 100, first);
+    level.apply(tone, tone, targetEnergy * 100, second);
+    std::vector<std::int16_t> third(9600);
+    level.apply(tone, tone, targetEnergy * 100, third);
+
+    // Ten times too loud at first; then the level goes down to a tenth.
+    const auto peak = static_cast<double>(*std::ranges::max_element(first)) / 32767;
+    EXPECT_LE(peak, ceiling);
+    EXPECT_GT(peak, 0.8);
+    EXPECT_GT(*std::max_element(second.begin(), second.begin() + 200), 26000);
+    EXPECT_LT(*std::max_element(second.end() - 200, second.end()), 9000);
+    EXPECT_NEAR(*std::ranges::max_element(third), 3277, 5);
+    for (std::size_t i = 0; i < second.size(); i += 2) ASSERT_EQ(second[i], second[i + 1]);
+}
+
+TEST(TonebedSynthesizerTests, DraftsFollowThePlayingAndDoNotChangeThePiece) {
+    const auto piece = pieceOf("piano, drums", 3, 4);
+    Synthesizer synthesizer(piece);
+    std::vector<std::int16_t> samples;
+    std::int64_t drafted = 0;
+    while (synthesizer.framesPlayed() < synthesizer.framesToPlay()) {
+        synthesizer.play(10000);
+        const std::int64_t runUp = synthesizer.framesToPlay() - piece.frames;
+        ASSERT_EQ(synthesizer.framesToDraft(), std::max<std::int64_t>(0, synthesizer.framesPlayed() - runUp) - drafted);
+        samples.resize(static_cast<std::size_t>(2 * synthesizer.framesToDraft()));
+        drafted += synthesizer.framesToDraft();
+        if (!samples.empty()) synthesizer.draft(samples);
+    }
+    EXPECT_EQ(drafted, piece.frames);
+    synthesizer.finish();
+    samples.resize(static_cast<std::size_t>(2 * piece.frames));
+    synthesizer.read(0, samples);
+
+    EXPECT_EQ(samples, Rendering(piece).samples);
 }
 
 TEST(TonebedSynthesizerTests, SamplesAreRoundedToTheNearestAndLimited) {
