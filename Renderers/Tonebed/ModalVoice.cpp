@@ -53,9 +53,8 @@ ModalVoice::ModalVoice(const Settings& settings, const Note& note)
         const double audible = logarithm(std::max(partial.amplitude / total, inaudible) / inaudible);
         mode.frames = nearest(audible / halvings) + 1;
         longest = std::max(longest, mode.frames);
-        side.push_back(mode);
+        side.insert(std::ranges::upper_bound(side, mode.frames, std::greater{}, &Mode::frames), mode);
     }
-    for (auto& modes : modes_) std::ranges::stable_sort(modes, std::greater{}, &Mode::frames);
     end_ = std::min(longest, length_ + static_cast<std::int64_t>(release_));
     const double turns = (note.pan * 0.75 + 1) * 0.125;
     pan_ = {static_cast<float>(cosine(turns)), static_cast<float>(sine(turns))};
