@@ -450,6 +450,20 @@ TEST_F(LoopStoreMigrationTests, ASourceThatChangedMeanwhileIsNotDiscarded) {
     EXPECT_THAT(discarded, IsEmpty());
 }
 
+TEST_F(LoopStoreMigrationTests, AFileThatChangedHandsAfterItsVerificationIsNotTrusted) {
+    // The invalid target is discarded between the verification and the move.
+    home.putFile("Loops/" + m4a().filename().string(), "no audio");
+    writeManifest(std::vector{track});
+    LoopStore store(folder, ResourceBundle(home.path() / "App"), [&](const FileURL& url) {
+        if (url.path() == m4a()) writeALAC(temporary(), tones(5, 2, 20'001));
+        return std::filesystem::remove(url.path());
+    });
+
+    EXPECT_EQ(failureOf(store, encode), corrupt);
+
+    expectUntouched(store);
+}
+
 // What stands in the way
 
 TEST_F(LoopStoreMigrationTests, ALinkOrAFolderInTheTargetsPlaceIsLeftAlone) {
