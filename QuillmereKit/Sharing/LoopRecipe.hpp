@@ -14,8 +14,8 @@
 
 namespace quillmere {
 
-/// No file of recipes may be larger, in bytes: a longer one is not read, nor ever written by the vault.
-inline constexpr std::size_t recipeFileLimit = std::size_t{64} * 1024 * 1024;
+/// The largest file of recipes from others that is read, in bytes.
+inline constexpr std::size_t recipeFileLimit = std::size_t{16} * 1024 * 1024;
 
 /// The ids of the built-in moods: the moods that a recipe may name without carrying a specification.
 [[nodiscard]] const std::set<std::string, std::less<>>& builtInMoodIDs();

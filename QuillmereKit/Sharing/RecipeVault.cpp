@@ -132,7 +132,7 @@ std::vector<LoopRecipe> RecipeVault::read() {
     knownFingerprints_.clear();
     isUnreadable_ = false;
     try {
-        const auto bytes = readFileIfPresent(place_, recipeFileLimit);
+        const auto bytes = readFileIfPresent(place_, mostBytes);
         if (!bytes) return {};
         auto bundle = RecipeBundle::decode(*bytes);
         for (LoopRecipe& recipe : bundle.recipes) {
@@ -198,7 +198,7 @@ std::optional<std::string> RecipeVault::write() {
         }
     }
     const std::string bytes = encodeJSON(bundle, JSONWriter::Form::pretty);
-    if (bytes.size() > recipeFileLimit) {
+    if (bytes.size() > mostBytes) {
         throw FileError("write", place_, std::make_error_code(std::errc::file_too_large));
     }
     if (isUnreadable_) {

@@ -27,6 +27,9 @@ namespace quillmere {
 /// Thread-safe: yes. Blocks on disk: construction and every change; reading the list never does.
 class RecipeVault {
 public:
+    /// The vault's file is never larger, in bytes: a longer one is not read, nor ever written.
+    static constexpr std::size_t mostBytes = std::size_t{64} * 1024 * 1024;
+
     /// What an import did, each list in the file's order.
     struct ImportResult {
         std::vector<LoopRecipe> added;                 ///< New, and saved.

@@ -254,7 +254,7 @@ TEST_F(RecipeVaultTests, WhatCouldNotBeReadAgainIsNotWritten) {
     RecipeVault vault(place);
     vault.save(builtInRecipe(1));
     LoopRecipe huge = builtInRecipe(2);
-    huge.name.assign(recipeFileLimit, 'n');
+    huge.name.assign(RecipeVault::mostBytes, 'n');
 
     EXPECT_TRUE(vault.save(huge));
 
