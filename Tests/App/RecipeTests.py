@@ -71,7 +71,7 @@ class RecipeTests(HostTest):
 
     def test_mistyped_verbs_get_a_suggestion(self):
         for words, meant in ((["recpie", "show"], "recipe"), (["recipe", "exprot", "x"], "export"),
-                             (["moods", "edt", "x"], "edit")):
+                             (["moods", "edti", "x"], "edit")):
             self.assertIn(f'Did you mean "{meant}"?', self.run_host(*words, expect=2).err)
 
     def test_export_writes_what_is_known_of_the_piece(self):
