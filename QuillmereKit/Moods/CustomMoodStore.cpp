@@ -78,6 +78,7 @@ void CustomMoodStore::load() {
     auto place = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
     if (isBroken) return;
     try {
+        known_ = factsOf(place);
         if (const auto text = readFileIfPresent(place, mostBytes)) specs_ = decodeFile(*text);
         place_ = std::move(place);
         return;
@@ -121,14 +122,27 @@ void CustomMoodStore::remove(std::string_view id) {
     });
 }
 
+// Only where another process wrote the file since: its list is the one to change.
+void CustomMoodStore::takeInWhatOthersWrote() {
+    const auto present = factsOf(place_);
+    if (!present || present->kind != FileFacts::Kind::regular || isUnreadableInPlace_) return;
+    if (known_ && known_->inode == present->inode && known_->modified == present->modified) return;
+    try {
+        if (const auto text = readFileIfPresent(place_, mostBytes)) specs_ = decodeFile(*text);
+    } catch (const Error&) {
+        isUnreadableInPlace_ = true;
+    }
+}
+
 void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& change) {
     const std::lock_guard lock(mutex_);
-    auto next = specs_;
-    change(next);
-
     if (file_.empty()) {
         throw FileError("find the user's data folder", file_, make_error_code(std::errc::no_such_file_or_directory));
     }
+    takeInWhatOthersWrote();
+    auto next = specs_;
+    change(next);
+
     const std::string text = encodeFile(next);
     if (text.size() > mostBytes) throw FileError("write", place_, make_error_code(std::errc::file_too_large));
     try {
@@ -141,9 +155,11 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
     try {
         writeDurably(place_, text);
     } catch (const FileError& error) {
+        known_.reset();
         if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
         throw;
     }
+    known_ = factsOf(place_);
     specs_ = std::move(next);
 }
 

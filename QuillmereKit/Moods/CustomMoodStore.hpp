@@ -11,6 +11,7 @@
 
 #include "QuillmereKit/Moods/MoodSpec.hpp"
 #include "QuillmereKit/Platform/Calendar.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 
 namespace quillmere {
 
@@ -19,6 +20,9 @@ namespace quillmere {
 /// A change is on disk before it is in memory: each update writes a whole new file beside the old one, syncs it and
 /// renames it into place, so a crash leaves the old list or the new one, never a mixture, and a reader never sees
 /// what is not on disk.
+///
+/// Where another process wrote the file since, an update changes what that one wrote; until then the list is what this
+/// process last read or wrote. Two updates in the very same moment are not kept apart: the later one holds.
 ///
 /// Thread-safe: yes; one plain mutex, held for the whole of an update. Blocks on disk: only where a member says so.
 class CustomMoodStore {
@@ -62,6 +66,7 @@ public:
 
 private:
     void load();
+    void takeInWhatOthersWrote();
     void update(const std::function<void(std::vector<MoodSpec>&)>& change);
 
     const std::filesystem::path file_;
@@ -69,6 +74,7 @@ private:
     std::filesystem::path place_;  // of the file itself, behind a link; set by the constructor only
     mutable std::mutex mutex_;
     std::vector<MoodSpec> specs_;       // guarded by mutex_
+    std::optional<FileFacts> known_;    // guarded by mutex_; the file as last read or written
     bool isUnreadableInPlace_ = false;  // guarded by mutex_; the file must be kept aside before it is replaced
 };
 

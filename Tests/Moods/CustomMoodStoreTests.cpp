@@ -445,6 +445,44 @@ TEST_F(CustomMoodStoreTests, ALinkToNoMoodFileIsLeftAloneAndNothingIsSavedInItsP
     EXPECT_EQ(folder.content("damaged.json"), "{");
 }
 
+// Two stores of one file stand for two processes.
+TEST_F(CustomMoodStoreTests, AnUpdateChangesWhatAnotherProcessWroteSince) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    CustomMoodStore other(file);
+    other.save(mood("my-b"));
+    other.remove("my-a");
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+
+    store.save(mood("my-c"));
+
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b"}));
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, AFileThatAnotherProcessDamagedIsKeptAndTheListWrittenAgain) {
+    auto store = open();
+    store.save(mood("my-a"));
+    folder.putFile("Moods.json", "damaged");
+
+    store.save(mood("my-b"));
+
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-b", "my-a"}));
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+    EXPECT_EQ(folder.content(asideName), "damaged");
+}
+
+TEST_F(CustomMoodStoreTests, AFileThatWasTakenAwayIsWrittenAgainWhole) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    std::filesystem::remove(file);
+
+    store.save(mood("my-b"));
+
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-b", "my-a"}));
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
 TEST_F(CustomMoodStoreTests, AFileKeptEarlierUnderTheSameNameStays) {
     folder.putFile(asideName, "an earlier one");
     folder.putFile("Moods.json", "damaged");
