@@ -11,6 +11,7 @@
 #include "App/EventText.hpp"
 #include "App/Host.hpp"
 #include "App/MoodChoice.hpp"
+#include "App/NumberBetween.hpp"
 #include "App/Terminal.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Generation/GenerationActivity.hpp"
@@ -188,7 +189,7 @@ void addGenerateVerb(CLI::App& app, Host& host) {
     verb.add_option("--seed", options->seed, "The first piece's seed; the next ones follow it (default: random)")
         ->check(CLI::NonNegativeNumber);
     verb.add_option("--seconds", options->seconds, "Length of a piece, up to 120")
-        ->check(CLI::Range(1.0, trackSeconds))
+        ->check(NumberBetween(1, trackSeconds))
         ->default_str("120");
     verb.add_option("--model", options->model, "The model that makes the identity (default: the setting)")
         ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationModel>{
@@ -203,7 +204,7 @@ void addGenerateVerb(CLI::App& app, Host& host) {
                                                                           {"background", GenerationPace::background},
                                                                           {"fast", GenerationPace::fast}}));
     verb.add_option("--break", options->breakSeconds, "Seconds of rest between two pieces (default: the pace's own)")
-        ->check(CLI::Range(0.0, 86400.0));
+        ->check(NumberBetween(0, 86400));
     verb.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

@@ -40,11 +40,17 @@ std::filesystem::path Host::libraryFolder() const {
     return *data / "Loops";
 }
 
-const std::shared_ptr<LoopStore>& Host::store() {
-    if (!store_)
-        store_ = std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()));
+const std::shared_ptr<LoopStore>& Host::open(LoopStore::Access access) {
+    if (!store_) {
+        store_ =
+            std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()), access);
+    }
     return store_;
 }
+
+const std::shared_ptr<LoopStore>& Host::store() { return open(LoopStore::Access::writing); }
+
+const std::shared_ptr<LoopStore>& Host::readingStore() { return open(LoopStore::Access::reading); }
 
 const std::shared_ptr<LoopStore>& Host::writableStore() {
     if (!lock_) {

@@ -31,6 +31,9 @@ public:
     /// The loop library, opened on first use.
     [[nodiscard]] const std::shared_ptr<LoopStore>& store();
 
+    /// The same for a verb that only looks: nothing is made, cleaned up or locked, so that others may write meanwhile.
+    [[nodiscard]] const std::shared_ptr<LoopStore>& readingStore();
+
     /// The same for a verb that changes the library. Throws `LibraryInUse` if another process holds it, before anything
     /// is done.
     [[nodiscard]] const std::shared_ptr<LoopStore>& writableStore();
@@ -53,6 +56,8 @@ public:
     static void warn(std::string_view message);
 
 private:
+    const std::shared_ptr<LoopStore>& open(LoopStore::Access access);
+
     std::shared_ptr<FolderLock> lock_;
     std::shared_ptr<LoopStore> store_;
     std::optional<SettingsFile> settings_;

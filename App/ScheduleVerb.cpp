@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "App/Host.hpp"
+#include "App/Output.hpp"
 #include "App/ScheduleState.hpp"
 #include "App/TimeWindow.hpp"
 #include "App/Verbs.hpp"
@@ -32,7 +33,7 @@ void addScheduleVerb(CLI::App& app, Host& host) {
             writer.member("mode", settings.mode);
             writer.member("zone", Calendar::current().zone());
             writer.endObject();
-            std::printf("%s\n", writer.take().c_str());
+            printJSON(writer);
             return;
         }
         std::printf("%s\n", state.text(settings.schedule).c_str());

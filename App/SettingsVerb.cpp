@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "App/Host.hpp"
+#include "App/Output.hpp"
 #include "App/SettingsFile.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
@@ -125,7 +126,7 @@ void printAsJSON(const Settings& settings, const std::string& name) {
         writer.raw(*value);
     }
     writer.endObject();
-    std::printf("%s\n", writer.take().c_str());
+    printJSON(writer);
 }
 
 void printAsText(const Settings& settings, const std::string& name) {

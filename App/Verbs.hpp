@@ -12,6 +12,7 @@ class Host;
 // has been read, throws what it cannot handle, and leaves its result in `Host::exitCode`.
 void addMoodsVerb(CLI::App& app, Host& host);
 void addGenerateVerb(CLI::App& app, Host& host);
+void addLibraryVerb(CLI::App& app, Host& host);
 void addScheduleVerb(CLI::App& app, Host& host);
 void addSettingsVerb(CLI::App& app, Host& host);
 void addDigestVerb(CLI::App& app, Host& host);

@@ -56,10 +56,11 @@ void ignoringFailure(const Action& action) {
 
 }  // namespace
 
-LoopFolder::LoopFolder(std::filesystem::path path)
+LoopFolder::LoopFolder(std::filesystem::path path, bool isWritten)
     : files_(std::move(path)),
       manifestFile_(files_.path() / "manifest.json"),
       urlPrefix_(FileURL::fromPath(files_.path()).text() + "/") {
+    if (!isWritten) return;
     ignoringFailure([&] { createFolders(this->path()); });
     lock_ = FolderLock::tryAcquire(lockFile());
 }
@@ -163,12 +164,12 @@ void LoopFolder::sync(const FileURL& url) const {
     syncFolder(path());
 }
 
-// The lock, the manifest and the copies of it: an entry that names one of them must not cost it.
+// The lock, the manifest, the digests and the copies of them: an entry that names one of them must not cost it.
 bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept {
     const std::string_view place = file.native();
     const auto name = place.substr(place.rfind('/') + 1);
-    return name == lockName ||
-           (name.starts_with("manifest.") && place.size() == path().native().size() + 1 + name.size());
+    const bool isRecord = name.starts_with("manifest.") || name.starts_with(digestsPrefix);
+    return name == lockName || (isRecord && place.size() == path().native().size() + 1 + name.size());
 }
 
 std::vector<LoopArtifact> LoopFolder::readManifest() {

@@ -26,8 +26,11 @@ public:
     /// What the names of renderers' working folders begin with.
     static constexpr std::string_view workPrefix = "Render-";
 
-    /// Makes the folder with its parents if it can, and takes its lock if it can.
-    explicit LoopFolder(std::filesystem::path path);
+    /// What the name of a host's own records of the pieces' samples begins with; they are as safe as the manifest.
+    static constexpr std::string_view digestsPrefix = "digests.";
+
+    /// To be written in, makes the folder with its parents if it can, and takes its lock if it can.
+    explicit LoopFolder(std::filesystem::path path, bool isWritten = true);
 
     [[nodiscard]] const std::filesystem::path& path() const noexcept { return files_.path(); }
 

@@ -104,12 +104,13 @@ bool UsedFiles::contains(const std::filesystem::path& file) const {
     return !realFolder_.empty() && paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
 }
 
-LoopStore::State::State(std::filesystem::path directory) : folder(std::move(directory)) {
+LoopStore::State::State(std::filesystem::path directory, Access access)
+    : folder(std::move(directory), access == Access::writing) {
     folder.load(table);
     folder.cleanLeftovers(table);
 }
 
-std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::path& directory) {
+std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::path& directory, Access access) {
     // Never destroyed: a shared store may be opened or closed while the process ends.
     static auto& mutex = *new std::mutex;
     static auto& states = *new std::vector<std::weak_ptr<State>>;
@@ -123,7 +124,7 @@ std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::
                                       std::filesystem::equivalent(state->folder.path(), directory, ignored));
         if (isSame) return state;
     }
-    auto state = std::make_shared<State>(directory);
+    auto state = std::make_shared<State>(directory, access);
     states.push_back(state);
     return state;
 }
@@ -224,11 +225,12 @@ bool LoopStore::State::mayChangeFiles() noexcept {
     }
 }
 
-void LoopStore::State::mergeSeeds(const ResourceBundle& bundle) {
+void LoopStore::State::mergeSeeds(const ResourceBundle& bundle, Access access) {
     bool isChanged = false;
     for (const auto& seed : seedsOf(bundle)) {
         const auto key = LoopKey::of(seed.identity);
         bundledIDs.insert(key);
+        if (access == Access::reading) continue;
         if (table.find(key) == nullptr) {
             if (!importSeed(seed, bundle)) continue;
             isChanged = true;
@@ -272,10 +274,11 @@ const std::shared_ptr<LoopStore>& LoopStore::shared() {
     return store;
 }
 
-LoopStore::LoopStore(std::optional<std::filesystem::path> directory, ResourceBundle bundle, Discard discard)
-    : state_(State::open(directoryFrom(directory))), discard_(discard ? std::move(discard) : discardToTrash) {
+LoopStore::LoopStore(std::optional<std::filesystem::path> directory, ResourceBundle bundle, Discard discard,
+                     Access access)
+    : state_(State::open(directoryFrom(directory), access)), discard_(discard ? std::move(discard) : discardToTrash) {
     const std::lock_guard lock(state_->mutex);
-    state_->mergeSeeds(bundle);
+    state_->mergeSeeds(bundle, access);
 }
 
 LoopStore::~LoopStore() = default;
@@ -327,6 +330,12 @@ void LoopStore::add(LoopArtifact artifact) {
     state_->saveIgnoringFailure();
 }
 
+void LoopStore::add(std::vector<LoopArtifact> artifacts) {
+    const std::lock_guard lock(state_->mutex);
+    for (auto& artifact : artifacts) state_->put(std::move(artifact));
+    state_->saveIgnoringFailure();
+}
+
 void LoopStore::addPersistent(LoopArtifact artifact) {
     const std::lock_guard lock(state_->mutex);
     const auto key = LoopKey::of(artifact.identity);
@@ -352,6 +361,13 @@ bool LoopStore::discardUnstored(const FileURL& url) {
     const auto parent = place.parent_path();
     if (folder.isFinishedWork(parent)) isRemoved = State::tryDiscard(discard_, FileURL::fromPath(parent)) || isRemoved;
     return isRemoved;
+}
+
+std::set<std::string> LoopStore::bundledFingerprints() const {
+    const std::lock_guard lock(state_->mutex);
+    std::set<std::string> fingerprints;
+    for (const auto key : state_->bundledIDs) fingerprints.insert(key.text());
+    return fingerprints;
 }
 
 void LoopStore::protectFromMigration(std::set<std::string> fingerprints, const UUID& owner) {

@@ -39,6 +39,16 @@ public:
     /// Removes a file or folder for the store; true if it is gone from its place. An exception counts as false.
     using Discard = std::function<bool(const FileURL&)>;
 
+    /// What a store is opened for.
+    enum class Access {
+        /// To answer and to change: the lock on the folder is taken at once if it is free, what dead processes left is
+        /// cleaned up, and new seeds are imported.
+        writing,
+        /// To answer: nothing in the folder is made, changed or locked, so that others are free to write. A later
+        /// change through this store takes the lock first, and then takes in what others wrote.
+        reading,
+    };
+
     /// A piece that ships with the application: one element of the resource "seeds.json".
     struct BundledSeed {
         std::string file;                                  ///< Name of the audio resource, without its extension "m4a".
@@ -64,7 +74,8 @@ public:
     /// fewer pieces. An entry counts only if its file exists and is a regular file; a disk that cannot tell is given
     /// the benefit of the doubt.
     explicit LoopStore(std::optional<std::filesystem::path> directory = std::nullopt,
-                       ResourceBundle bundle = ResourceBundle::main(), Discard discard = {});
+                       ResourceBundle bundle = ResourceBundle::main(), Discard discard = {},
+                       Access access = Access::writing);
     ~LoopStore();
     LoopStore(const LoopStore&) = delete;
     LoopStore& operator=(const LoopStore&) = delete;
@@ -91,6 +102,9 @@ public:
     /// piece stays stored in memory, and the next save tries again.
     void add(LoopArtifact artifact);
 
+    /// The same for many pieces, with one save.
+    void add(std::vector<LoopArtifact> artifacts);
+
     /// The same for the caller who has to know: when this returns, the manifest on disk lists the piece and would
     /// survive a power cut. The manifest is then written in the form meant for people, and also lists the pieces whose
     /// files lie outside the folder, until the next ordinary save. Throws `FileError`, `LibraryInUse` or, for a piece
@@ -103,6 +117,9 @@ public:
     /// folder or behind a link, for what is no regular file, for files that a piece uses, however its URL is spelled,
     /// and for the store's own records.
     bool discardUnstored(const FileURL& url);
+
+    /// The fingerprints of all seeds that ship with the application, imported or not.
+    [[nodiscard]] std::set<std::string> bundledFingerprints() const;
 
     /// Keeps pieces as they are while `owner` plays them; replaces what the owner protected before. An empty set ends
     /// the protection. In memory only.

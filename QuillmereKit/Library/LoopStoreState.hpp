@@ -43,13 +43,13 @@ struct MigrationFiles {
 
 /// What all stores of this process on one folder share. Everything but `mutex` is guarded by it.
 struct LoopStore::State {
-    explicit State(std::filesystem::path directory);
+    State(std::filesystem::path directory, Access access);
 
-    /// The state of the folder, shared with every store of this process that has it open.
-    [[nodiscard]] static std::shared_ptr<State> open(const std::filesystem::path& directory);
+    /// The state of the folder, shared with every store of this process that has it open, for whatever it was opened.
+    [[nodiscard]] static std::shared_ptr<State> open(const std::filesystem::path& directory, Access access);
 
-    /// Imports the seeds of an application's resources that the library does not hold yet.
-    void mergeSeeds(const ResourceBundle& bundle);
+    /// Notes the seeds of an application's resources and, for writing, imports those that the library does not hold.
+    void mergeSeeds(const ResourceBundle& bundle, Access access);
 
     /// Stores a piece in memory.
     void put(LoopArtifact artifact);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <utility>
 
 #include "QuillmereKit/Platform/Precondition.hpp"
@@ -22,6 +23,14 @@ LoopKey LoopKey::of(const LoopIdentity& identity) {
     const auto key = fromText(identity.fingerprint());
     precondition(key.has_value(), "a fingerprint is 16 lower-case hexadecimal characters");
     return *key;
+}
+
+std::string LoopKey::text() const {
+    std::string digits(16, '0');
+    char significant[16];
+    const auto end = std::to_chars(std::begin(significant), std::end(significant), value, 16).ptr;
+    const auto count = static_cast<std::size_t>(end - significant);
+    return digits.replace(digits.size() - count, count, significant, count);
 }
 
 std::optional<LoopKey> LoopKey::fromText(std::string_view text) noexcept {

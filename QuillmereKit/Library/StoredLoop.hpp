@@ -24,6 +24,9 @@ struct LoopKey {
     /// The key that a fingerprint's text names, or nothing if it is no fingerprint.
     [[nodiscard]] static std::optional<LoopKey> fromText(std::string_view text) noexcept;
 
+    /// The fingerprint's text.
+    [[nodiscard]] std::string text() const;
+
     friend auto operator<=>(const LoopKey&, const LoopKey&) = default;
 };
 

@@ -89,6 +89,7 @@ class GenerateTests(HostTest):
                       ["generate", "--mood", "designflow", "--seconds", "0"],
                       ["generate", "--mood", "designflow", "--seconds", "121"],
                       ["generate", "--mood", "designflow", "--count", "0"],
+                      ["generate", "--mood", "designflow", "--seconds", "nan"],
                       ["generate", "--mood", "designflow", "--seed", "-1"],
                       ["generate", "--mood", "designflow", "--seed", "9223372036854775807", "--count", "2"],
                       ["generate", "--mood", "designflow", "--pace", "brisk"]):

@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import resource
 import shutil
 import signal
 import subprocess
@@ -55,6 +56,15 @@ class HostTest(unittest.TestCase):
         done = self.run_host(*arguments, "--json", **options)
         subprocess.run([sys.executable, "-m", "json.tool"], input=done.out, text=True, check=True, capture_output=True)
         return json.loads(done.out)
+
+    def run_without_space(self, *words):
+        """Runs the program to its end where no file can be written, as on a full disk."""
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+
+        return subprocess.run([QUILLMERE, *map(str, words), "--home", str(self.home)], env=self.environment,
+                              preexec_fn=limit, capture_output=True, text=True, timeout=120)
 
     def generate(self, *arguments, mood="designflow", seconds=4, count=1, **options):
         return self.run_host("generate", "--mood", mood, "--seconds", seconds, "--count", count, *arguments, **options)

@@ -281,14 +281,16 @@ TEST_F(LoopStoreHostileTests, OnlyRegularFilesCountAsPieces) {
 TEST_F(LoopStoreHostileTests, EntriesThatNameTheStoresOwnRecordsCostNothing) {
     open();  // makes the folder and its lock file
     const auto copy = home.putFile("Loops/manifest.before-2024-05-01T10-20-30Z.json", "kept");
+    home.putFile("Loops/digests.json", "digests");
     std::vector<LoopArtifact> manifest;
-    for (const auto* name : {"manifest.json", ".lock", "manifest.before-2024-05-01T10-20-30Z.json"}) {
+    for (const auto* name : {"manifest.json", ".lock", "manifest.before-2024-05-01T10-20-30Z.json", "digests.json"}) {
         manifest.push_back(artifactAt(identity("deepcode", 2, std::ssize(manifest)), FileURL::fromPath(folder / name)));
     }
 
     removeAllThatCanBe(manifest);
 
     EXPECT_EQ(home.content("Loops/manifest.before-2024-05-01T10-20-30Z.json"), "kept");
+    EXPECT_EQ(home.content("Loops/digests.json"), "digests");
     EXPECT_TRUE(std::filesystem::exists(folder / "manifest.json"));
     EXPECT_TRUE(std::filesystem::exists(folder / ".lock"));
     EXPECT_THAT(discarded, IsEmpty());
@@ -354,6 +356,14 @@ TEST_F(LoopStoreHostileTests, FileIsLookedAtAgainWhenItsTurnComes) {
 
 struct LoopStoreSharingTests : test::LoopStoreFixture {
     LoopStoreSharingTests() { std::filesystem::create_directory(folder); }
+
+    [[nodiscard]] LoopStore openForReading() const {
+        return LoopStore(folder, ResourceBundle(home.path() / "App"), {}, LoopStore::Access::reading);
+    }
+
+    [[nodiscard]] static std::string seedText(const LoopIdentity& identity) {
+        return R"({"file":"seed","seconds":1,"identity":)" + encodeJSON(identity, JSONWriter::Form::compact) + "}";
+    }
 };
 
 TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsReadButNotWritten) {
@@ -379,6 +389,39 @@ TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsReadButNotWritten) {
     }
     EXPECT_THROW(store.setLoudness({.integratedLUFS = -18.0, .peak = 1, .seconds = 1}, stored), LibraryInUse);
     EXPECT_EQ(manifestText(), before);
+}
+
+TEST_F(LoopStoreSharingTests, StoreOpenedForReadingMakesAndChangesNothing) {
+    std::filesystem::remove(folder);
+    EXPECT_EQ(openForReading().count(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(folder));
+
+    const auto stored = piece("deepcode");
+    writeManifest({stored});
+    home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
+    home.putFile("Loops/Render-1/.lock", "");
+    home.putFile("App/seeds.json", "[" + seedText(identity("sprint")) + "]");
+    home.putFile("App/seed.m4a", "audio");
+    const auto store = openForReading();
+
+    EXPECT_EQ(store.all(), std::vector{stored});
+    EXPECT_THAT(store.bundledFingerprints(), ElementsAre(identity("sprint").fingerprint()));
+    EXPECT_THAT(namesBeginning(""), testing::UnorderedElementsAre("manifest.json", stored.url.path().filename(),
+                                                                  testing::StartsWith(".quillmere-"), "Render-1"));
+}
+
+TEST_F(LoopStoreSharingTests, StoreOpenedForReadingLeavesTheLibraryToOthersUntilItChangesIt) {
+    writeManifest({piece("deepcode")});
+    auto store = openForReading();
+    EXPECT_FALSE(FolderLock::isHeld(folder / ".lock"));
+    const auto written = piece("sprint");
+    writeManifest({piece("deepcode"), written});
+
+    store.add(std::vector{piece("recovery"), piece("winddown")});
+
+    EXPECT_TRUE(FolderLock::isHeld(folder / ".lock"));
+    EXPECT_TRUE(store.contains(written.identity)) << "what was written meanwhile is taken in";
+    EXPECT_THAT(listedURLs(), SizeIs(4));
 }
 
 TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsNotCleanedPrunedOrTrashed) {

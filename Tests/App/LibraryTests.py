@@ -1,0 +1,320 @@
+"""The host's verbs `library list`, `show`, `measure`, `prune` and `trash`."""
+import json
+import math
+import re
+import unittest
+from urllib.parse import quote
+
+from host import interrupt
+from library import LibraryTest, fingerprint, identity, write_wav
+
+
+class ListTests(LibraryTest):
+    def test_an_empty_library_is_an_empty_list_and_nothing_is_made(self):
+        self.loops.rmdir()
+        self.home.rmdir()
+
+        self.assertEqual(self.library("list").out, "")
+        self.assertEqual(self.library_json("list"), [])
+        self.assertFalse(self.home.exists())
+
+    def test_lists_the_pieces_by_mood_and_then_by_fingerprint(self):
+        marks = {mood: [self.put(seed, mood) for seed in (1, 2, 3)] for mood in ("winddown", "deepcode")}
+
+        lines = self.library("list").out.splitlines()
+
+        self.assertEqual([line.split()[:2] for line in lines],
+                         [[mark, mood] for mood in ("deepcode", "winddown") for mark in sorted(marks[mood])])
+
+    def test_json_holds_each_piece_with_its_file(self):
+        mark = self.put(7, age=60)
+
+        (piece,) = self.library_json("list")
+
+        self.assertEqual(piece["fingerprint"], mark)
+        self.assertEqual(piece["artifact"]["identity"], identity(seed=7))
+        self.assertEqual(piece["bytes"], self.file_of(mark).stat().st_size)
+        self.assertEqual(piece["modified"], "2023-11-14T22:12:20Z")
+
+    def test_only_the_pieces_of_a_mood(self):
+        self.put(1, "deepcode")
+        mark = self.put(2, "my-old-mood")
+
+        self.assertEqual([piece["fingerprint"] for piece in self.library_json("list", "--mood", "my-old-mood")], [mark])
+        self.assertEqual(self.library_json("list", "--mood", "sprint"), [])
+        self.assertIn('Did you mean "deepcode"?', self.library("list", "--mood", "deepcod", expect=2).err)
+
+    def test_looking_neither_locks_nor_changes_the_library(self):
+        self.put(1)
+        (self.loops / ".quillmere-0.tmp").write_bytes(b"half")
+        before = self.snapshot()
+
+        self.library("list")
+        self.library("show", fingerprint(identity(seed=1)))
+
+        self.assertEqual(self.snapshot(), before)
+
+    def test_shows_a_piece_by_the_beginning_of_its_fingerprint(self):
+        mark = self.put(1)
+        self.put(2)
+
+        shown = self.library("show", mark[:6]).out
+
+        self.assertIn("calm pads", shown)
+        self.assertIn(mark, shown)
+        self.assertEqual(self.library_json("show", mark)["artifact"]["seconds"], 120)
+
+    def test_a_piece_that_is_not_there_gets_a_suggestion(self):
+        mark = self.put(1)
+        mistyped = "0" + mark[1:] if mark[0] != "0" else "1" + mark[1:]
+
+        self.assertIn(f'Did you mean "{mark}"?', self.library("show", mistyped, expect=2).err)
+        self.assertIn("no piece", self.library("show", mark[:3], expect=2).err)
+        self.assertIn("no piece", self.library("show", "", expect=2).err)
+
+    def test_text_from_the_manifest_cannot_reach_the_terminal_as_it_is(self):
+        mark = self.put(1, "my-\x1b[31mred\u202e", name="x.wav", prompt="\x1b]0;title\x07\u009b2J")
+
+        for words in (["list"], ["show", self.library_json("list")[0]["fingerprint"]]):
+            said = self.library(*words).out
+            self.assertNotRegex(said, "[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]")
+
+    def test_a_mistyped_verb_is_a_wrong_command_line(self):
+        self.library("lst", expect=2)
+        self.library(expect=2)
+
+    def test_every_verb_has_help_with_an_example(self):
+        helped = self.run_host("library", "--help", home=False).out
+        verbs = re.findall(r"(?m)^  ([a-z]+) ", helped.split("Subcommands:")[1])
+
+        self.assertGreaterEqual(len(verbs), 5)
+        for verb in verbs:
+            self.assertIn(f"Example: quillmere library {verb}", self.library(verb, "--help", home=False).out)
+
+
+class MeasureTests(LibraryTest):
+    def test_measures_what_lacks_a_measurement_and_keeps_it(self):
+        mark = self.put(1, audio=None)
+        # A sine at 997 Hz in both channels at a peak of -20 dBFS reads -20 LUFS (EBU Tech 3341).
+        write_wav(self.loops / f"designflow_b2_{mark}.wav", 2.0, 997.0, 10 ** (-20 / 20))
+
+        done = self.library_json("measure")
+
+        self.assertAlmostEqual(done["measured"][mark]["integratedLUFS"], -20.0, delta=0.1)
+        self.assertAlmostEqual(done["measured"][mark]["peak"], 0.1, delta=0.001)
+        self.assertEqual(done["failed"], {})
+        self.assertEqual(self.manifest()[0]["quality"]["loudness"], done["measured"][mark])
+        self.assertEqual(self.library_json("measure"), {"measured": {}, "failed": {}})
+
+    def test_silence_is_measured_as_silence(self):
+        mark = self.put(1, audio=None)
+        write_wav(self.loops / f"designflow_b2_{mark}.wav", 1.0, level=0)
+
+        self.assertIn("silent, peak 0.000", self.library("measure").out)
+
+    def test_audio_that_cannot_be_measured_is_a_failure_and_the_others_are_measured(self):
+        damaged = self.put(1)
+        self.file_of(damaged).write_bytes(b"RIFF")
+        other_rate = self.put(2, audio=None)
+        write_wav(self.loops / f"designflow_b2_{other_rate}.wav", 0.1, rate=44100)
+        good = self.put(3)
+
+        done = json.loads(self.library("measure", "--json", expect=1).out)
+
+        self.assertEqual(sorted(done["failed"]), sorted([damaged, other_rate]))
+        self.assertEqual(list(done["measured"]), [good])
+
+    def test_a_library_that_cannot_be_saved_is_told_apart(self):
+        mark = self.put(1)
+        before = self.manifest()
+
+        done = self.run_without_space("library", "measure")
+
+        self.assertEqual(done.returncode, 5, done.stderr)
+        self.assertIn("could not be saved", done.stderr)
+        self.assertEqual(self.manifest(), before)
+        self.assertTrue(self.file_of(mark).exists())
+
+
+class PruneTests(LibraryTest):
+    def prune(self, *arguments, **options):
+        return self.library_json("prune", *arguments, **options)
+
+    def test_prints_its_plan_and_changes_nothing(self):
+        self.put(1, age=10)
+        old = self.put(2, age=20)
+        before = self.snapshot()
+
+        plan = self.prune("--keep", 2)
+        said = self.library("prune", "--keep", 2).out
+
+        self.assertFalse(plan["isDone"])
+        self.assertEqual([piece["fingerprint"] for piece in plan["pieces"]], [old])
+        self.assertEqual(plan["bytes"], self.file_of(old).stat().st_size)
+        self.assertIn("--yes deletes", said)
+        self.assertIn(old, said)
+        self.assertEqual(self.snapshot(), before)
+
+    def test_keeps_of_each_mood_the_newest_by_file_time(self):
+        marks = {}
+        for mood in ("deepcode", "winddown"):
+            for age in (50, 10, 40, 20, 30):
+                marks[mood, age] = self.put(age, mood, seconds=60, age=age)
+
+        done = self.prune("--keep", 3, "--yes")
+
+        gone = [marks[mood, age] for mood in ("deepcode", "winddown") for age in (50, 40)]
+        self.assertTrue(done["isDone"])
+        self.assertEqual([piece["fingerprint"] for piece in done["pieces"]], gone, "by mood, the oldest first")
+        self.assertEqual(self.marks(), sorted(set(marks.values()) - set(gone)))
+        self.assertEqual(len(self.audio()), 6)
+
+    def test_the_last_piece_that_is_kept_may_reach_beyond_the_minutes(self):
+        new = self.put(1, seconds=90, age=1)
+        older = self.put(2, seconds=90, age=2)
+        self.put(3, seconds=90, age=3)
+
+        self.prune("--keep", 2, "--yes")
+
+        self.assertEqual(self.marks(), sorted([new, older]))
+
+    def test_keeping_nothing_deletes_all_but_recordings_and_files_elsewhere(self):
+        self.put(1)
+        outside = self.place / "outside.wav"
+        write_wav(outside, 0.1)
+        self.entries.append({"identity": identity(seed=3), "url": f"file://{outside}", "seconds": 9})
+        self.write_manifest()
+
+        done = self.prune("--keep", 0, "--yes")
+
+        self.assertEqual(len(done["pieces"]), 1)
+        self.assertEqual(done["kept"], 1)
+        self.assertEqual(self.audio(), [])
+        self.assertTrue(outside.exists())
+
+    def vault(self, of):
+        self.home.joinpath("saved.json").write_text(json.dumps({
+            "schema": "quillmere.recipes/1",
+            "recipes": [{"schema": "quillmere.recipe/2", "name": "Kept", "identity": of,
+                         "fingerprint": fingerprint(of)}]}))
+
+    def test_keeps_what_is_in_the_vault(self):
+        mark = self.put(1)
+        self.put(2)
+        self.vault(identity(seed=1))
+
+        self.prune("--keep", 0, "--yes")
+
+        self.assertEqual(self.marks(), [mark])
+
+    def test_deletes_nothing_while_the_vault_cannot_be_read(self):
+        self.put(1)
+        (self.home / "saved.json").write_text("{")
+        before = self.snapshot()
+
+        done = self.library("prune", "--keep", 0, "--yes", expect=1)
+
+        self.assertIn("saved.json", done.err)
+        self.assertEqual(self.snapshot(), before)
+
+    def test_keeps_the_seeds_of_the_application(self):
+        seed = self.put(1)
+        self.put(2)
+        resources = self.place / "resources"
+        resources.mkdir()
+        (resources / "seeds.json").write_text(json.dumps(
+            [{"file": "one", "identity": identity(seed=1), "seconds": 1}]))
+
+        self.prune("--keep", 0, "--yes", environment={"QUILLMERE_RESOURCES": str(resources)})
+
+        self.assertEqual(self.marks(), [seed])
+
+    def test_forgets_the_digests_of_what_is_gone(self):
+        gone, kept = self.put(1, age=2), self.put(2, age=1)
+        (self.loops / "digests.json").write_text(json.dumps(
+            {"version": 1, "digests": {gone: "0" * 64, kept: "1" * 64}}))
+
+        self.prune("--keep", 1, "--yes")
+
+        self.assertEqual(json.loads((self.loops / "digests.json").read_text()),
+                         {"version": 1, "digests": {kept: "1" * 64}})
+
+    def test_a_library_in_use_is_not_pruned(self):
+        self.put(1)
+        process = self.start("generate", "--mood", "designflow", "--count", "500", "--json")
+        process.stdout.readline()
+
+        refused = self.library("prune", "--keep", 0, "--yes", expect=4)
+        plan = self.prune("--keep", 0)
+        interrupt(process)
+        process.communicate(timeout=30)
+
+        self.assertIn(str(process.pid), refused.err)
+        self.assertGreaterEqual(len(plan["pieces"]), 1, "the plan can be seen all the same")
+
+    def test_a_library_that_cannot_be_saved_is_an_error(self):
+        self.put(1)
+        done = self.run_without_space("library", "prune", "--keep", "0", "--yes")
+
+        self.assertEqual(done.returncode, 5, done.stderr)
+        self.assertIn("could not be saved", done.stderr)
+
+    def test_wrong_minutes_are_a_wrong_command_line(self):
+        for words in ([], ["--keep", "-1"], ["--keep", "many"], ["--keep", "nan"], ["--keep", "inf"]):
+            self.library("prune", *words, expect=2)
+
+
+class TrashTests(LibraryTest):
+    def setUp(self):
+        super().setUp()
+        (self.place / "user").mkdir()  # the trash is that of the home folder's file system
+
+    def test_prints_what_it_would_move_and_changes_nothing(self):
+        mark = self.put(1)
+        before = self.snapshot()
+
+        said = self.library("trash", mark[:8]).out
+
+        self.assertIn(mark, said)
+        self.assertIn("--yes", said)
+        self.assertEqual(self.snapshot(), before)
+
+    def test_moves_the_named_pieces_to_the_trash(self):
+        first, second, third = (self.put(seed) for seed in (1, 2, 3))
+        content = self.file_of(first).read_bytes()
+        name = self.file_of(first).name
+
+        done = self.library_json("trash", first, second, "--yes")
+
+        self.assertEqual([(piece["fingerprint"], piece["isMoved"]) for piece in done["pieces"]],
+                         [(first, True), (second, True)])
+        self.assertEqual(self.marks(), [third])
+        self.assertEqual((self.place / "data/Trash/files" / name).read_bytes(), content)
+
+    def test_moves_all_pieces_of_a_mood(self):
+        self.put(1, "deepcode")
+        self.put(2, "deepcode")
+        kept = self.put(3, "sprint")
+
+        self.library("trash", "--mood", "deepcode", "--yes")
+
+        self.assertEqual(self.marks(), [kept])
+
+    def test_what_cannot_be_moved_stays(self):
+        (self.place / "data").write_text("no folder can be made here")
+        mark = self.put(1)
+        before = self.file_of(mark).read_bytes()
+
+        done = self.library("trash", mark, "--yes", expect=1)
+
+        self.assertIn("not moved", done.out)
+        self.assertEqual(self.file_of(mark).read_bytes(), before)
+        self.assertEqual(self.marks(), [mark])
+
+    def test_something_must_be_named(self):
+        self.library("trash", "--yes", expect=2)
+        self.library("trash", "0000000000000000", expect=2)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
