@@ -6,6 +6,7 @@
 #include <limits>
 #include <map>
 
+#include "App/DigestBook.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Engines.hpp"
 #include "App/EventText.hpp"
@@ -16,6 +17,7 @@
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Generation/GenerationActivity.hpp"
 #include "QuillmereKit/Generation/GenerationQueue.hpp"
+#include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 
 namespace quillmere::app {
@@ -46,7 +48,8 @@ public:
           model_(options.model.value_or(host.settingsFile().settings().model)),
           pace_(options.pace.value_or(host.settingsFile().settings().pace)),
           breakSeconds_(options.breakSeconds.value_or(interval(pace_))),
-          seed_(options.seed.value_or(randomSeed())) {
+          seed_(options.seed.value_or(randomSeed())),
+          digests_(store_->directory()) {
         queue_ = std::make_unique<GenerationQueue>(enginesFor(options.engine, store_), store_, options.seconds);
     }
 
@@ -102,6 +105,7 @@ private:
             isNew_ = true;
         } else if (const auto* finished = std::get_if<Progress::Finished>(&value)) {
             report(finished->piece);
+            if (isNew_) keepDigest(finished->piece);
             ++done_;
             if (store_->lastSaveError() || done_ == options_.count || isInterrupted_) {
                 end();
@@ -115,6 +119,17 @@ private:
             end();
         } else if (std::holds_alternative<Progress::Idle>(value)) {
             end();
+        }
+    }
+
+    // What the samples are now, `library verify` proves later.
+    void keepDigest(const LoopArtifact& piece) {
+        try {
+            digests_.set(piece.id(), AudioPCM::digest(piece.url));
+            digests_.save([&](const std::string& fingerprint) { return store_->artifact(fingerprint).has_value(); });
+            digestFailure_.reset();
+        } catch (const Error& error) {
+            digestFailure_ = error.what();
         }
     }
 
@@ -153,6 +168,9 @@ private:
         if (const auto error = store_->lastSaveError()) {
             return host_.fail(ExitCode::notSaved, "The library could not be saved: " + *error);
         }
+        if (digestFailure_) {
+            return host_.fail(ExitCode::notSaved, "The digests could not be saved: " + *digestFailure_);
+        }
         if (done_ < options_.count) return host_.fail(ExitCode::interrupted, "Stopped.");
     }
 
@@ -171,6 +189,8 @@ private:
     std::atomic<bool> isInterrupted_ = false;
     std::atomic<bool> isBreak_ = false;
     std::atomic<bool> isOver_ = false;
+    DigestBook digests_;
+    std::optional<std::string> digestFailure_;
     std::optional<std::string> failure_;
     std::unique_ptr<GenerationQueue> queue_;  // last, so that it ends before what its handler uses goes
 };

@@ -14,6 +14,9 @@ void addLibraryVerb(CLI::App& app, Host& host) {
     addLibraryMeasureVerb(verb, host);
     addLibraryPruneVerb(verb, host);
     addLibraryTrashVerb(verb, host);
+    addLibraryMigrateVerb(verb, host);
+    addLibraryVerifyVerb(verb, host);
+    addLibraryRecoverVerb(verb, host);
 }
 
 }  // namespace quillmere::app

@@ -51,9 +51,11 @@ int run(int argumentCount, char** arguments) {
     Host host;
     quillmere::app::addMoodsVerb(app, host);
     quillmere::app::addGenerateVerb(app, host);
+    quillmere::app::addEnginesVerb(app, host);
     quillmere::app::addLibraryVerb(app, host);
     quillmere::app::addScheduleVerb(app, host);
     quillmere::app::addSettingsVerb(app, host);
+    quillmere::app::addStatusVerb(app, host);
     quillmere::app::addPlayVerb(app, host);
     quillmere::app::addRadioVerb(app, host);
     quillmere::app::addRecipeVerb(app, host);

@@ -20,6 +20,7 @@ void addScheduleVerb(CLI::App& app, Host& host) {
 
     verb.callback([window, given, &host] {
         host.prepare();
+        const auto lock = given->count() > 0 ? Host::lockData() : nullptr;  // before the file is read
         SettingsFile& file = host.settingsFile();
         if (given->count() > 0) {
             *window == "none" ? file.reset("schedule") : file.set("schedule", chosenWindow(*window));

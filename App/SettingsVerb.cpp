@@ -172,6 +172,8 @@ void addSettingsVerb(CLI::App& app, Host& host) {
                                didYouMean(name, names, " 'quillmere settings' lists them."));
         }
         if (options->isReset && name.empty()) refuse("--reset", "name the setting.");
+        const bool isChange = options->isReset || value->count() > 0;
+        const auto lock = isChange ? Host::lockData() : nullptr;  // before the file is read
         SettingsFile& file = host.settingsFile();
         if (options->isReset) {
             file.reset(name);

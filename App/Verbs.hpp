@@ -12,9 +12,11 @@ class Host;
 // has been read, throws what it cannot handle, and leaves its result in `Host::exitCode`.
 void addMoodsVerb(CLI::App& app, Host& host);
 void addGenerateVerb(CLI::App& app, Host& host);
+void addEnginesVerb(CLI::App& app, Host& host);
 void addLibraryVerb(CLI::App& app, Host& host);
 void addScheduleVerb(CLI::App& app, Host& host);
 void addSettingsVerb(CLI::App& app, Host& host);
+void addStatusVerb(CLI::App& app, Host& host);
 void addDigestVerb(CLI::App& app, Host& host);
 void addPersonasVerb(CLI::App& app, Host& host);
 void addPlayVerb(CLI::App& app, Host& host);

@@ -1,0 +1,168 @@
+#include "App/LibraryCheck.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <unordered_set>
+
+#include "App/DigestBook.hpp"
+#include "App/ManifestFile.hpp"
+#include "App/Pieces.hpp"
+#include "QuillmereKit/Library/AudioPCM.hpp"
+#include "QuillmereKit/Platform/AudioFile.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
+
+namespace quillmere::app {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Entries = std::map<std::string, LoopArtifact>;  // by fingerprint
+
+Entries entriesOf(const fs::path& folder) {
+    Entries entries;
+    for (auto& artifact : readManifest(manifestFile(folder))) {
+        auto fingerprint = artifact.id();
+        entries.insert_or_assign(std::move(fingerprint), std::move(artifact));
+    }
+    return entries;
+}
+
+// Renderers' working folders with a lock file are their runs' own, or are removed when the library is next written.
+bool isWork(const fs::directory_entry& entry) {
+    const auto name = entry.path().filename().native();
+    const bool isBeingMade = name.starts_with(".Render-");
+    return isBeingMade || (name.starts_with("Render-") && fileExists(entry.path() / ".lock"));
+}
+
+// Every file in the folder that is none of the library's records, links and others that are no folder included.
+std::vector<fs::path> filesIn(const fs::path& folder) {
+    const bool isBeingWritten = FolderLock::isHeld(folder / ".lock");
+    std::vector<fs::path> files;
+    std::error_code error;
+    fs::recursive_directory_iterator place(folder, error);
+    for (; !error && place != fs::recursive_directory_iterator(); place.increment(error)) {
+        const auto& entry = *place;
+        std::error_code ignored;
+        const bool isTop = place.depth() == 0;
+        if (entry.symlink_status(ignored).type() == fs::file_type::directory) {
+            if (isTop && isWork(entry)) place.disable_recursion_pending();
+            continue;
+        }
+        const auto name = entry.path().filename().native();
+        if (isTop && isLibraryRecord(name)) continue;
+        if (isBeingWritten && name.starts_with(".") && name.ends_with(".migration.m4a")) continue;
+        files.push_back(entry.path());
+    }
+    std::ranges::sort(files);
+    return files;
+}
+
+class UsedPaths {
+public:
+    explicit UsedPaths(const fs::path& folder) : folder_(folder) {}
+
+    void add(const Entries& entries) {
+        for (const auto& [fingerprint, artifact] : entries) {
+            const auto file = fileOf(artifact);
+            if (!file) continue;
+            auto place = standardPath(*file);
+            const bool isDirect = place.parent_path() == folder_;
+            paths_.insert(place.native());
+            if (isDirect) continue;
+            // The folder may have been named by another way then.
+            std::error_code error;
+            const auto real = fs::canonical(place.parent_path(), error);
+            if (!error && fs::equivalent(real, folder_, error)) paths_.insert((folder_ / place.filename()).native());
+        }
+    }
+
+    [[nodiscard]] bool contains(const fs::path& file) const { return paths_.contains(file.native()); }
+
+private:
+    fs::path folder_;
+    std::unordered_set<std::string> paths_;
+};
+
+class Checking {
+public:
+    Checking(LibraryCheck& result, const fs::path& folder, const std::stop_token& stop)
+        : result_(result), digests_(folder), stop_(stop) {
+        if (digests_.problem()) result_.unreadable.push_back(*digests_.problem());
+    }
+
+    void check(const std::string& fingerprint, const LoopArtifact& artifact) {
+        const auto file = fileOf(artifact);
+        const auto found = [&](std::vector<LibraryCheck::Finding>& list, const std::string& problem) {
+            list.push_back({fingerprint, file ? file->string() : artifact.url.text(), problem});
+        };
+        if (!file) return found(result_.damaged, "Its address names no file.");
+        try {
+            AudioFile audio(*file);
+            const double seconds = static_cast<double>(audio.frames()) / audio.format().sampleRate;
+            const auto digest = AudioPCM::digest(audio, stop_);
+            const auto made = digests_.digest(fingerprint);
+            if (made && *made != digest) return found(result_.damaged, "Its samples are not those that were made.");
+            constexpr double tolerance = 1;
+            if (!made && !(std::abs(seconds - artifact.seconds) <= tolerance)) {
+                return found(result_.damaged, "Its audio is not as long as the library says.");
+            }
+            ++(made ? result_.proved : result_.unproved);
+        } catch (const FileError& error) {
+            const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+            found(isMissing ? result_.missing : result_.damaged, error.what());
+        }
+    }
+
+private:
+    LibraryCheck& result_;
+    const DigestBook digests_;
+    const std::stop_token stop_;
+};
+
+}  // namespace
+
+LibraryCheck LibraryCheck::make(
+    const fs::path& folder, const std::stop_token& stop,
+    const std::function<void(std::size_t index, std::size_t count, const std::string& fingerprint)>& onPiece) {
+    LibraryCheck result;
+    // The files first: one that is there now and that no later manifest names is not on its way into the library.
+    const auto files = filesIn(folder);
+    Entries entries;
+    try {
+        entries = entriesOf(folder);
+    } catch (const Error& error) {
+        result.unreadable.push_back("The manifest \"" + manifestFile(folder).string() +
+                                    "\" cannot be read: " + error.what());
+        return result;  // nobody knows what the files are for
+    }
+    Checking checking(result, folder, stop);
+    std::size_t index = 0;
+    for (const auto& [fingerprint, artifact] : entries) {
+        if (stop.stop_requested()) throw CancellationError();
+        onPiece(index++, entries.size(), fingerprint);
+        checking.check(fingerprint, artifact);
+    }
+
+    Entries now;
+    try {
+        now = entriesOf(folder);
+    } catch (const Error&) {
+        now = entries;
+    }
+    const auto isOutdated = [&](const Finding& finding) {
+        const auto found = now.find(finding.fingerprint);
+        return found == now.end() || found->second != entries.at(finding.fingerprint);
+    };
+    std::erase_if(result.damaged, isOutdated);
+    std::erase_if(result.missing, isOutdated);
+    UsedPaths used(standardPath(folder));
+    used.add(entries);
+    used.add(now);
+    for (const auto& file : files) {
+        if (!used.contains(file) && factsOf(file)) result.unlisted.push_back(file.string());
+    }
+    return result;
+}
+
+}  // namespace quillmere::app
