@@ -77,6 +77,7 @@ void CustomMoodStore::load() {
     std::error_code isBroken;
     auto place = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
     if (isBroken) return;
+    removeOldTemporaries(place.parent_path());
     try {
         known_ = factsOf(place);
         if (const auto text = readFileIfPresent(place, mostBytes)) specs_ = decodeFile(*text);
@@ -149,7 +150,7 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
         createFolders(place_.parent_path());
         if (isUnreadableInPlace_) keepAside(place_, now_());
     } catch (const FileError& error) {
-        throw FileError(error.step(), error.path(), error.code());  // whatever is in place here, the list is not
+        throw error.notInPlace();  // whatever is in place here, the list is not
     }
     isUnreadableInPlace_ = false;
     try {

@@ -53,6 +53,8 @@ public:
         copy.isInPlace_ = true;
         return copy;
     }
+    /// A copy whose `isInPlace()` is false: for an operation of which the failed write was only a part.
+    [[nodiscard]] FileError notInPlace() const { return {step_, path_, code_}; }
 
 private:
     std::string step_;

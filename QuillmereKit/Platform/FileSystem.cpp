@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -151,6 +153,19 @@ bool isTemporaryFileName(std::string_view name) noexcept {
     return UUID::fromText(name).has_value();
 }
 
+void removeOldTemporaries(const std::filesystem::path& folder) noexcept {
+    constexpr std::chrono::hours old(1);
+    try {
+        for (const auto& entry : listFolder(folder)) {
+            if (entry.kind != FileFacts::Kind::regular || !isTemporaryFileName(entry.name)) continue;
+            const auto facts = factsOf(folder / entry.name);
+            if (facts && facts->modified < std::chrono::system_clock::now() - old) removeFile(folder / entry.name);
+        }
+    } catch (const std::exception&) {
+        return;  // the next start tries again
+    }
+}
+
 Descriptor openRegularFile(const std::filesystem::path& file, FinalLink link) {
     return systemCalls::openRegularAt(AT_FDCWD, systemCalls::pathText(file, "open"), file, link);
 }
@@ -197,12 +212,19 @@ void createFolders(const std::filesystem::path& folder) {
     auto parent = path.parent_path();
     if (parent.empty()) parent = ".";
     if (parent != path) createFolders(parent);
-    if (::mkdir(text, newFolderMode) != 0) {
+    const bool isMade = ::mkdir(text, newFolderMode) == 0;
+    if (!isMade) {
         const auto error = lastError();
         const bool isThereByNow = ::stat(text, &status) == 0 && S_ISDIR(status.st_mode);
         if (!isThereByNow) throw FileError("create folder", folder, error);
     }
-    syncFolder(parent);
+    try {
+        syncFolder(parent);
+    } catch (const FileError&) {
+        // Whoever finds it next takes it for one that is safe.
+        if (isMade) ::rmdir(text);
+        throw;
+    }
 }
 
 std::optional<FileFacts> factsOf(const std::filesystem::path& path) noexcept {

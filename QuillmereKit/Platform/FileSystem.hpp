@@ -60,6 +60,11 @@ void writeDurably(const std::filesystem::path& file, std::string_view bytes);
 /// Whether a name is that of a temporary file of `writeDurably`, left behind by a crash.
 [[nodiscard]] bool isTemporaryFileName(std::string_view name) noexcept;
 
+/// Removes the temporary files of `writeDurably` in a folder that nobody has written to for an hour, as no write takes:
+/// what crashed processes left where no lock says whether they still run. What cannot be removed stays. Does not throw.
+/// A process that was only asleep for so long has its write fail, and its file as it was.
+void removeOldTemporaries(const std::filesystem::path& folder) noexcept;
+
 /// Opens a regular file for reading, never anything else; a fifo nobody writes to is refused at once.
 [[nodiscard]] Descriptor openRegularFile(const std::filesystem::path& file, FinalLink link = FinalLink::refused);
 

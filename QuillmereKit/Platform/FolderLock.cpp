@@ -95,11 +95,13 @@ LibraryInUse::LibraryInUse(std::filesystem::path folder, std::string holder)
 struct FolderLock::State {
     std::filesystem::path file;
     FileKey key;
+    bool isCounted = false;  // among the registry's handles
 };
 
 FolderLock::FolderLock(std::unique_ptr<State> state) noexcept : state_(std::move(state)) {}
 
 FolderLock::~FolderLock() {
+    if (!state_->isCounted) return;
     const std::lock_guard lock(registry().mutex);
     const auto held = registry().held.find(state_->key);
     if (--held->second.handles > 0) return;
@@ -110,7 +112,7 @@ FolderLock::~FolderLock() {
 
 std::shared_ptr<FolderLock> FolderLock::tryAcquire(const std::filesystem::path& lockFile) {
     if (!isUsablePath(lockFile)) return nullptr;
-    auto path = std::filesystem::absolute(lockFile);
+    const auto path = std::filesystem::absolute(lockFile);
     const std::lock_guard lock(registry().mutex);
 
     // The file may be replaced between opening and locking it; then the lock is on a file that nobody finds any more.
@@ -119,6 +121,8 @@ std::shared_ptr<FolderLock> FolderLock::tryAcquire(const std::filesystem::path& 
         FileKey key;
         Descriptor file = openLockFile(path, O_RDWR | O_CREAT, key);
         if (!file.isOpen()) return nullptr;
+        // Made before anything is taken: what can fail for want of memory must not leave a lock that nobody has.
+        std::shared_ptr<FolderLock> handle(new FolderLock(std::make_unique<State>(State{path, key})));
         auto held = registry().held.find(key);
         if (held == registry().held.end()) {
             auto wanted = wholeFileLock();
@@ -127,9 +131,8 @@ std::shared_ptr<FolderLock> FolderLock::tryAcquire(const std::filesystem::path& 
             writeHolder(file);
             held = registry().held.emplace(key, Registry::Held{std::move(file), 0}).first;
         }
-        auto state = std::make_unique<State>(State{std::move(path), key});
-        std::shared_ptr<FolderLock> handle(new FolderLock(std::move(state)));
         ++held->second.handles;
+        handle->state_->isCounted = true;
         return handle;
     }
     return nullptr;

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -221,7 +222,12 @@ void removeFolderAt(int folder, const char* name, const std::filesystem::path& s
     // Folders inside folders are first moved up to the top one. So neither the stack nor the number of open
     // descriptors grows with the depth of what a stranger made.
     for (auto level = entries(top.number(), shown); !level.empty(); level = entries(top.number(), shown)) {
+        // The lock file goes last: by it a folder that somebody died over can still be told from one at work.
+        const auto isLock = [](const FolderEntry& entry) { return entry.name == ".lock"; };
+        const bool isLockAlone = std::ranges::all_of(level, isLock);
+        if (isLockAlone) static_cast<void>(::fsync(top.number()));  // or a power cut might bring back all but the lock
         for (const auto& entry : level) {
+            if (isLock(entry) && !isLockAlone) continue;
             const auto place = shown / entry.name;
             if (entry.kind != FileFacts::Kind::folder) {
                 unlink(top.number(), entry.name.c_str(), 0, place);
