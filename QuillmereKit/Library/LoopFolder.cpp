@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "QuillmereKit/Platform/JSONReader.hpp"
+#include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
 namespace {
@@ -157,9 +158,18 @@ bool LoopFolder::isNothingAt(const std::filesystem::path& place) noexcept {
 
 void LoopFolder::sync(const FileURL& url) const {
     const auto file = fileOf(url);
-    if (!file || !files_.owns(*file)) return;
+    if (!file || !files_.names(*file)) return;
     const auto place = standardPath(*file);
-    syncFile(place);
+    try {
+        systemCalls::sync(files_.open(place).number(), place);
+    } catch (const FileError& error) {
+        // Not its own. But a file that only could not be looked at must not pass for one that is safe.
+        const bool isNotOwn = error.code() == std::errc::operation_not_permitted ||
+                              error.code() == std::errc::no_such_file_or_directory ||
+                              error.code() == make_error_code(FileFault::fileNotRegular);
+        if (error.step() == "open" && isNotOwn) return;
+        throw;
+    }
     for (auto folder = place.parent_path(); folder != path(); folder = folder.parent_path()) syncFolder(folder);
     syncFolder(path());
 }
@@ -175,11 +185,13 @@ bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept
 std::vector<LoopArtifact> LoopFolder::readManifest() {
     manifest_ = factsOf(manifestFile_);
     reasonToKeep_.reset();
+    isUnread_ = false;
     try {
         const auto text = readFileIfPresent(manifestFile_, manifestLimit);
         if (text) return JSONDocument::parse(*text).root().elements<LoopArtifact>();
     } catch (const FileError&) {
         reasonToKeep_ = unreadable;
+        isUnread_ = true;
     } catch (const JSONError&) {
         reasonToKeep_ = unreadable;
     }
@@ -217,7 +229,8 @@ bool LoopFolder::load(LoopTable& table) {
     if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
 
     std::erase_if(listing, [](const FolderEntry& entry) {
-        const bool isFile = entry.kind == FileFacts::Kind::regular && isTemporaryFileName(entry.name);
+        const bool isMigration = entry.name.starts_with(migrationPrefix) && entry.name.ends_with(migrationSuffix);
+        const bool isFile = entry.kind == FileFacts::Kind::regular && (isTemporaryFileName(entry.name) || isMigration);
         const bool isWork = entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix);
         return !isFile && !isWork;
     });
@@ -225,19 +238,22 @@ bool LoopFolder::load(LoopTable& table) {
     return reasonToKeep_ != unreadable;
 }
 
-void LoopFolder::cleanLeftovers(const LoopTable& table) {
+void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating) {
     const auto leftovers = std::exchange(leftovers_, {});
     // Without a readable manifest nobody knows what the folder's files are for.
     if (!lock_ || reasonToKeep_ == unreadable) return;
     std::vector<std::filesystem::path> files;
     std::vector<std::filesystem::path> folders;
+    std::vector<std::filesystem::path> empty;  // perhaps: what was in them went before the process did
     for (const auto& entry : leftovers) {
         const auto place = path() / entry.name;
-        if (entry.kind == FileFacts::Kind::regular) files.push_back(place);
+        if (entry.kind == FileFacts::Kind::regular && !migrating.contains(place)) files.push_back(place);
         // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
-        if (entry.kind == FileFacts::Kind::folder && isFree(place / lockName)) folders.push_back(place);
+        if (entry.kind != FileFacts::Kind::folder) continue;
+        if (isFree(place / lockName)) folders.push_back(place);
+        if (isNothingAt(place / lockName)) empty.push_back(place);
     }
-    if (files.empty() && folders.empty()) return;
+    if (files.empty() && folders.empty() && empty.empty()) return;
 
     std::unordered_set<std::string> used;  // every path inside the folder that an entry needs, the folders too
     table.forEach([&](const StoredLoop& loop) {
@@ -250,14 +266,19 @@ void LoopFolder::cleanLeftovers(const LoopTable& table) {
     std::erase_if(folders, [&](const auto& folder) { return used.contains(folder.native()); });
     for (const auto& file : files) ignoringFailure([&] { files_.remove(file); });
     for (const auto& folder : folders) ignoringFailure([&] { files_.removeFolder(folder); });
+    for (const auto& folder : empty) ignoringFailure([&] { files_.removeEmptyFolder(folder); });
 }
 
 void LoopFolder::takeLock() {
     createFolders(path());
     lock_.reset();
-    lock_ = FolderLock::tryAcquire(lockFile());
-    if (lock_) return;
-    if (isHeld(lockFile())) throw LibraryInUse(path(), FolderLock::holder(lockFile()));
+    // Who held it may have let go before it could be asked who that is.
+    constexpr int attempts = 8;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        lock_ = FolderLock::tryAcquire(lockFile());
+        if (lock_) return;
+        if (isHeld(lockFile())) throw LibraryInUse(path(), FolderLock::holder(lockFile()));
+    }
     throw FileError("lock", lockFile(), std::make_error_code(std::errc::permission_denied));
 }
 
@@ -272,8 +293,12 @@ void LoopFolder::save(std::string_view manifest) {
     // A manifest that somebody else put there since is not ours to lose.
     if (isManifestForeign() && !reasonToKeep_) reasonToKeep_ = before;
     if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
-        keepCopyAside(manifestFile_, *reasonToKeep_,
-                      std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+        try {
+            keepCopyAside(manifestFile_, *reasonToKeep_,
+                          std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+        } catch (const FileError& error) {
+            throw error.notInPlace();  // the copy may be, the manifest is not
+        }
     }
     reasonToKeep_.reset();
     try {

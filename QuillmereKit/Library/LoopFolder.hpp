@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -25,6 +26,9 @@ public:
     static constexpr std::string_view lockName = ".lock";
     /// What the names of renderers' working folders begin with.
     static constexpr std::string_view workPrefix = "Render-";
+    /// What the names of the files that a migration writes into begin and end with.
+    static constexpr std::string_view migrationPrefix = ".";
+    static constexpr std::string_view migrationSuffix = ".migration.m4a";
 
     /// What the name of a host's own records of the pieces' samples begins with; they are as safe as the manifest.
     static constexpr std::string_view digestsPrefix = "digests.";
@@ -82,8 +86,9 @@ public:
     bool load(LoopTable& table);
 
     /// Removes what dead processes had left in the folder when it was loaded, if this one may write in it and the
-    /// manifest could be read: temporary files, and working folders whose lock file is free. Spares what an entry uses.
-    void cleanLeftovers(const LoopTable& table);
+    /// manifest could be read: temporary files, those of migrations too, and working folders whose lock file is free.
+    /// Spares what an entry uses, and the files of `migrating`, which this process is working on.
+    void cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating);
 
     /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
     [[nodiscard]] bool hasLock() const noexcept { return lock_ && lock_->isInForce(); }
@@ -95,6 +100,10 @@ public:
 
     /// Whether the manifest is there and another than this process last read or wrote.
     [[nodiscard]] bool isManifestForeign() const noexcept;
+
+    /// Whether the manifest could not be read when that was last tried, for a reason that may have passed: an input
+    /// error, a missing right. One whose text is damaged was read.
+    [[nodiscard]] bool isManifestUnread() const noexcept { return isUnread_; }
 
     /// Writes the manifest durably, keeping aside what must not be lost by it. For the holder of the lock only. Throws
     /// `FileError`; the manifest is then as it was, unless the error says that it is in place.
@@ -112,7 +121,8 @@ private:
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
-    std::vector<FolderEntry> leftovers_;            // what loading found that may be a dead process's
+    bool isUnread_ = false;
+    std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
 };
 
 }  // namespace quillmere

@@ -107,7 +107,7 @@ bool UsedFiles::contains(const std::filesystem::path& file) const {
 LoopStore::State::State(std::filesystem::path directory, Access access)
     : folder(std::move(directory), access == Access::writing) {
     folder.load(table);
-    folder.cleanLeftovers(table);
+    folder.cleanLeftovers(table, migrating);
 }
 
 std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::path& directory, Access access) {
@@ -137,17 +137,21 @@ void LoopStore::State::put(LoopArtifact artifact) {
 }
 
 void LoopStore::State::requireLock() {
-    if (folder.hasLock()) return;
+    if (folder.hasLock()) {
+        if (folder.isManifestUnread()) catchUp();
+        return;
+    }
     folder.takeLock();
     try {
-        if (folder.isManifestForeign()) catchUp();
+        if (folder.isManifestForeign() || folder.isManifestUnread()) catchUp();
     } catch (...) {
         folder.giveUpLock();  // what this process remembers must not be written over what others wrote
         throw;
     }
 }
 
-// The library as it is on disk, with what this process has stored and could not save.
+// The library as it is on disk, with what this process has stored and could not save. Also for a manifest that could
+// not be read at first: replaced unread it would be kept aside, but the user would find an empty library.
 void LoopStore::State::catchUp() {
     LoopTable present;
     // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
@@ -162,7 +166,7 @@ void LoopStore::State::catchUp() {
         if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
     });
     table = std::move(present);
-    folder.cleanLeftovers(table);
+    folder.cleanLeftovers(table, migrating);
 }
 
 template <class MakeText>
@@ -226,6 +230,7 @@ bool LoopStore::State::mayChangeFiles() noexcept {
 }
 
 void LoopStore::State::mergeSeeds(const ResourceBundle& bundle, Access access) {
+    if (folder.isManifestUnread()) catchUp();
     bool isChanged = false;
     for (const auto& seed : seedsOf(bundle)) {
         const auto key = LoopKey::of(seed.identity);

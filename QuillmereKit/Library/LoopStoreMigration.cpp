@@ -32,7 +32,8 @@ MigrationFiles filesOf(const path& file) {
     const std::string extension = lowerCaseExtension(file);
     path source = extension == ".wav" ? file : path(file).replace_extension(".wav");
     path target = extension == ".m4a" ? file : path(file).replace_extension(".m4a");
-    path temporary = file.parent_path() / ("." + source.filename().string() + ".migration.m4a");
+    path temporary = file.parent_path() / (std::string(LoopFolder::migrationPrefix) + source.filename().string() +
+                                           std::string(LoopFolder::migrationSuffix));
     return {std::move(source), std::move(target), std::move(temporary)};
 }
 
@@ -112,7 +113,12 @@ bool LoopStore::State::canMigrate(const StoredLoop& loop) const {
 }
 
 void LoopStore::State::discardOwn(const Discard& discard, const path& file) const noexcept {
-    if (folder.owns(file)) static_cast<void>(tryDiscard(discard, FileURL::fromPath(file)));
+    if (!folder.owns(file)) return;
+    try {
+        static_cast<void>(discard(FileURL::fromPath(file)));
+    } catch (const std::exception&) {
+        // It stays; the next migration of the piece, or the next start, tries again.
+    }
 }
 
 void LoopStore::State::encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files,
@@ -145,7 +151,11 @@ void LoopStore::State::encodeLossless(const Discard& discard, LoopKey key, const
             if (loop.key != key) usedByOthers.add(loop);
         });
         if (!usedByOthers.contains(files.target)) discardOwn(discard, files.target);
-        OwnFolder(folder.path()).move(files.temporary, files.target);
+        try {
+            OwnFolder(folder.path()).move(files.temporary, files.target);
+        } catch (const FileError& failure) {
+            throw failure.notInPlace();  // the copy is, the record of it is not
+        }
     } catch (...) {
         const std::lock_guard lock(mutex);
         discardOwn(discard, files.temporary);
