@@ -31,11 +31,30 @@ std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
     const auto folder = file.parent_path();
     const auto lockFile = folder / ".saved.lock";
     createFolders(folder);  // it may have been taken away since
-    if (auto lock = FolderLock::tryAcquire(lockFile)) return lock;
-    const auto facts = factsOf(lockFile);
-    const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
-    if (isFile && FolderLock::isHeld(lockFile)) throw LibraryInUse(folder, FolderLock::holder(lockFile));
+    // Who held it may have let go before it could be asked who that is.
+    constexpr int attempts = 8;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (auto lock = FolderLock::tryAcquire(lockFile)) return lock;
+        const auto facts = factsOf(lockFile);
+        const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
+        if (isFile && FolderLock::isHeld(lockFile)) throw LibraryInUse(folder, FolderLock::holder(lockFile));
+    }
     throw FileError("lock", lockFile, std::make_error_code(std::errc::permission_denied));
+}
+
+// Whether nothing stands at a path. False where that cannot be told.
+bool isNothingAt(const std::filesystem::path& place) noexcept {
+    std::error_code error;
+    return std::filesystem::symlink_status(place, error).type() == std::filesystem::file_type::not_found;
+}
+
+// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
+void keepAside(const std::filesystem::path& file) {
+    try {
+        keepCopyAside(file, "unreadable", std::chrono::system_clock::now());
+    } catch (const FileError& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) throw;
+    }
 }
 
 }  // namespace
@@ -61,6 +80,7 @@ RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) 
     std::error_code isBroken;
     place_ = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
     if (isBroken) place_ = file_;
+    removeOldTemporaries(place_.parent_path());
     recipes_ = read();
     if (isLink && isUnreadable_ && recipes_.empty()) place_ = file_;  // what it names is not ours to replace
 }
@@ -110,9 +130,16 @@ std::string RecipeVault::exported() const { return RecipeBundle{.recipes = saved
 RecipeVault::ImportResult RecipeVault::importing(std::string_view bytes) {
     auto partition = RecipeBundle::decode(bytes).partition();
     ImportResult result;
-    for (LoopRecipe& recipe : partition.usable) {
-        auto& list = append(recipe) ? result.added : result.duplicates;
-        list.push_back(std::move(recipe));
+    {
+        const std::lock_guard lock(mutex_);
+        auto next = recipes_;  // all of them or none, whatever fails
+        for (LoopRecipe& recipe : partition.usable) {
+            const bool isNew = std::ranges::find(next, recipe.fingerprint, &LoopRecipe::fingerprint) == next.end();
+            if (isNew) next.push_back(recipe);
+            auto& list = isNew ? result.added : result.duplicates;
+            list.push_back(std::move(recipe));
+        }
+        recipes_ = std::move(next);
     }
     // Written once: a bundle of thousands costs one write, and the file names all of them or none.
     if (!result.added.empty()) persist();
@@ -141,11 +168,14 @@ std::vector<LoopRecipe> RecipeVault::read() {
         // What a file held twice is dropped here; the file as found is kept all the same.
         isUnreadable_ = recipes.size() != bundle.recipes.size();
         return recipes;
+    } catch (const FileError&) {
+        known_.reset();  // the next change tries again
     } catch (const Error&) {
-        knownFingerprints_.clear();
-        isUnreadable_ = true;
-        return {};
+        // Damaged, and so it will stay.
     }
+    knownFingerprints_.clear();
+    isUnreadable_ = true;
+    return {};
 }
 
 // A failure is kept, not thrown: the list in memory stands, and the next change writes it again.
@@ -165,6 +195,9 @@ void RecipeVault::persist() {
 // what it removed.
 std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
     const auto present = factsOf(place_);
+    if (!present && !isNothingAt(place_)) {
+        throw FileError("look at", place_, std::make_error_code(std::errc::io_error));
+    }
     if (!present || present == known_) return saved();
 
     const auto before = knownFingerprints_;
@@ -176,7 +209,8 @@ std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
     std::erase_if(theirs, [&](const LoopRecipe& recipe) {  // removed here since
         return before.contains(recipe.fingerprint) && !held.contains(recipe.fingerprint);
     });
-    for (LoopRecipe& recipe : recipes_) {  // added here since
+    theirs.reserve(theirs.size() + recipes_.size());  // from here on nothing can throw: both lists are taken apart
+    for (LoopRecipe& recipe : recipes_) {             // added here since
         const bool isNew = !before.contains(recipe.fingerprint) && !knownFingerprints_.contains(recipe.fingerprint);
         if (isNew) theirs.push_back(std::move(recipe));
     }
@@ -202,7 +236,7 @@ std::optional<std::string> RecipeVault::write() {
         throw FileError("write", place_, std::make_error_code(std::errc::file_too_large));
     }
     if (isUnreadable_) {
-        if (fileExists(place_)) keepCopyAside(place_, "unreadable", std::chrono::system_clock::now());
+        keepAside(place_);
         isUnreadable_ = false;
     }
     const auto noteWritten = [&] {
