@@ -1,0 +1,284 @@
+#include "Tests/Reliability/Checks.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <ostream>
+#include <utility>
+
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "Tests/Reliability/Disk.hpp"
+
+namespace quillmere::test {
+namespace {
+
+bool isFolder(const std::string& path) { return path.ends_with('/'); }
+
+bool isLock(const std::string& path) { return nameOf(path).ends_with(".lock"); }
+
+/// A copy of a store's file that was kept before it was replaced.
+bool isKeptCopy(const std::string& path) {
+    return path.find(".unreadable-") != std::string::npos || path.find(".before-") != std::string::npos;
+}
+
+bool holds(const Lines& lines, const std::string& line) { return std::ranges::find(lines, line) != lines.end(); }
+
+Lines without(Lines lines, const std::string& line) {
+    std::erase(lines, line);
+    return lines;
+}
+
+Lines sorted(Lines lines) {
+    std::ranges::sort(lines);
+    return lines;
+}
+
+/// Equality that tells what differs, and leaves out the rest of the long lines.
+testing::AssertionResult isSame(const Lines& is, const Lines& should) {
+    if (is == should) return testing::AssertionSuccess();
+    auto failure = testing::AssertionFailure() << is.size() << " entries, not " << should.size();
+    for (const auto& line : is) {
+        if (!holds(should, line)) failure << "\n  not to be there: " << line;
+    }
+    for (const auto& line : should) {
+        if (!holds(is, line)) failure << "\n  missing: " << line;
+    }
+    return failure;
+}
+
+}  // namespace
+
+bool isRest(const std::string& path) {
+    const auto name = nameOf(path);
+    return isTemporaryFileName(name) || (name.starts_with('.') && name.ends_with(".migration.m4a"));
+}
+
+void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
+
+Stage::Stage(const Operation& operation) : operation_(operation) {
+    std::filesystem::create_directories(home_);
+    operation.prepare(home_);
+    prepared_ = readTree(home_);
+
+    auto session = begin();
+    before_ = readTree(home_);
+    const auto outcome = act(*session);
+    EXPECT_EQ(outcome.error, "");
+    EXPECT_TRUE(session->isSaved());
+    after_ = readTree(home_);
+    linesBefore_ = lines(before_);
+    linesAfter_ = lines(after_);
+    // What the operation is said to touch is what it touches.
+    for (const auto& path : operation.mayGo) EXPECT_TRUE(!after_.contains(path) || after_.at(path) != before_.at(path));
+    for (const auto& path : operation.mayCome) EXPECT_TRUE(after_.contains(path)) << path;
+    checkAfterFailure(std::move(session), outcome);
+}
+
+std::unique_ptr<Session> Stage::begin() const {
+    writeTree(home_, prepared_);
+    return operation_.begin(home_);
+}
+
+Stage::Outcome Stage::act(Session& session) const {
+    Outcome outcome;
+    try {
+        session.act();
+    } catch (const FileError& error) {
+        outcome.error = error.what();
+        outcome.isInPlace = error.isInPlace();
+    } catch (const Error& error) {
+        outcome.error = error.what();
+    }
+    return outcome;
+}
+
+Lines Stage::lines(const Tree& tree) const {
+    const auto file = tree.find(mainFile(operation_.shelf));
+    return file == tree.end() ? Lines{} : linesIn(operation_.shelf, file->second);
+}
+
+Lines Stage::withAudio(const Lines& lines, const Tree& tree) const {
+    Lines found;
+    for (const auto& line : lines) {
+        if (line == unreadableLine) continue;
+        if (operation_.shelf != Shelf::loops || tree.contains(audioOf(line, home_))) found.push_back(line);
+    }
+    return found;
+}
+
+void Stage::checkFiles(const Tree& tree, bool mayHaveRests, bool lostPower) const {
+    const auto main = mainFile(operation_.shelf);
+    const auto contentIn = [](const Tree& of, const std::string& path) {
+        const auto found = of.find(path);
+        return found == of.end() ? nullptr : &found->second;
+    };
+    const auto now = lines(tree);
+    const auto listed = [&] {
+        std::set<std::string> files;
+        if (operation_.shelf != Shelf::loops) return files;
+        for (const auto& line : now) {
+            if (line != unreadableLine) files.insert(audioOf(line, home_));
+        }
+        return files;
+    }();
+
+    const bool isDamaged = linesBefore_ == Lines{unreadableLine};
+    if (isDamaged) {
+        const bool isKept = std::ranges::any_of(tree, [&](const auto& file) {
+            return (file.first == main || isKeptCopy(file.first)) && file.second == before_.at(main);
+        });
+        EXPECT_TRUE(isKept) << "the damaged file is gone";
+    }
+    const bool isMovedAside = isDamaged && !tree.contains(main);
+    if (now != linesBefore_ && !isMovedAside) {
+        EXPECT_TRUE(isSame(now, linesAfter_)) << "the store's file is neither old nor new";
+    }
+    for (const auto& [path, content] : before_) {
+        if (path == main || isLock(path) || isFolder(path) || isRest(path)) continue;
+        if (operation_.mayGo.contains(path)) continue;
+        if (lostPower && operation_.isUnsynced.contains(path) && !listed.contains(path)) continue;
+        const auto* is = contentIn(tree, path);
+        EXPECT_TRUE(is != nullptr && *is == content) << path << (is ? " has changed" : " is gone");
+    }
+    for (const auto& [path, content] : tree) {
+        if (path == main || isLock(path) || isFolder(path)) continue;
+        if (isRest(path)) {
+            EXPECT_TRUE(mayHaveRests || before_.contains(path)) << path << " was left";
+            continue;
+        }
+        if (isKeptCopy(path)) {
+            EXPECT_TRUE(before_.contains(main) && content == before_.at(main)) << path << " is no copy";
+            continue;
+        }
+        const auto* old = contentIn(before_, path);
+        const auto* made = contentIn(after_, path);
+        EXPECT_TRUE(old != nullptr || operation_.mayCome.contains(path) || made != nullptr) << path << " is new";
+        if (lostPower && operation_.isUnsynced.contains(path) && !listed.contains(path)) continue;
+        const bool isWhole = (old != nullptr && *old == content) || (made != nullptr && *made == content);
+        // Only what nobody lists may be half there, and only after a power cut: who wrote it had not said it was done.
+        const bool mayBeHalf = operation_.mayCome.contains(path) && !listed.contains(path);
+        EXPECT_TRUE(isWhole || mayBeHalf) << path << " is neither old nor new";
+    }
+    // Every piece that is listed is complete, but for those whose files were to go.
+    for (const auto& path : listed) {
+        const auto* is = contentIn(tree, path);
+        if (operation_.mayGo.contains(path) && is == nullptr && !operation_.mayCome.contains(path)) continue;
+        const auto* old = contentIn(before_, path);
+        const auto* made = contentIn(after_, path);
+        EXPECT_TRUE(is != nullptr && ((old != nullptr && *is == *old) || (made != nullptr && *is == *made)))
+            << path << " is listed and not whole";
+    }
+}
+
+void Stage::checkNothingLost(const Tree& tree, const Lines& wanted) const {
+    Lines kept;
+    const auto main = mainFile(operation_.shelf);
+    for (const auto& [path, content] : tree) {
+        if (path != main && !isKeptCopy(path)) continue;
+        for (const auto& line : linesIn(operation_.shelf, content)) kept.push_back(line);
+    }
+    for (const auto& line : wanted) EXPECT_TRUE(holds(kept, line)) << "lost: " << line;
+}
+
+void Stage::checkAfterFailure(std::unique_ptr<Session> session, const Outcome& outcome) const {
+    const auto tree = readTree(home_);
+    const auto now = lines(tree);
+    checkFiles(tree, outcome.mayLeaveRests, false);
+
+    const bool isDone = outcome.error.empty() && session->isSaved();
+    EXPECT_TRUE(isDone || outcome.isDisturbed) << outcome.error;
+    if (isDone || outcome.isInPlace) {
+        EXPECT_TRUE(isSame(now, linesAfter_)) << "done, and not on disk; " << outcome.error;
+    }
+    if (!isDone && !outcome.isInPlace && !outcome.isOutOfMemory && !outcome.error.empty() && operation_.isExact) {
+        EXPECT_TRUE(isSame(now, linesBefore_)) << "on disk in spite of: " << outcome.error;
+    }
+
+    // The next change is kept, and nothing that was there is lost by it.
+    if (session->isOpen() && operation_.shelf != Shelf::file) {
+        const auto memory = session->memory();
+        if (isDone) {
+            EXPECT_TRUE(isSame(memory, withAudio(linesAfter_, tree)));
+        }
+        if (!operation_.isOpening) {
+            const auto old = withAudio(linesBefore_, before_);
+            EXPECT_TRUE(memory == old || isSame(memory, linesAfter_));
+        }
+        session->change();
+        const auto later = readTree(home_);
+        const auto extra = extraLine(operation_.shelf, home_);
+        EXPECT_TRUE(isSame(lines(later), session->memory()));
+        EXPECT_TRUE(operation_.isOpening || isSame(without(lines(later), extra), memory));
+        EXPECT_TRUE(holds(lines(later), extra));
+        Lines wanted;
+        for (const auto& line : linesBefore_) {
+            if (holds(linesAfter_, line) || holds(memory, line)) wanted.push_back(line);
+        }
+        checkNothingLost(later, wanted);
+        // What could not be read at first is read by then, and not only kept in a copy.
+        for (const auto& line : wanted) EXPECT_TRUE(line == unreadableLine || holds(lines(later), line)) << line;
+    }
+    session.reset();
+    checkNextStart(readTree(home_));
+}
+
+void Stage::checkIsSafe(const std::vector<RecordedCall>& calls) const {
+    Disk disk(home_, before_, operation_.isUnsynced);
+    for (const auto& call : calls) disk.apply(call);
+    const auto tree = disk.safeTree();
+    EXPECT_TRUE(isSame(lines(tree), linesAfter_)) << "done, and a power cut would undo it";
+    if (operation_.shelf != Shelf::loops) return;
+    for (const auto& line : linesAfter_) {
+        const auto& path = audioOf(line, home_);
+        const auto audio = tree.find(path);
+        EXPECT_TRUE(audio != tree.end() && audio->second == after_.at(path)) << path << " is listed, and not safe";
+    }
+}
+
+void Stage::checkAfterStop(bool wasDone, bool lostPower) const {
+    const auto tree = readTree(home_);
+    checkFiles(tree, true, lostPower);
+    if (wasDone) {
+        EXPECT_TRUE(isSame(lines(tree), linesAfter_)) << "it was done, and is not on disk";
+    }
+    checkNextStart(tree);
+}
+
+void Stage::checkNextStart(const Tree& tree) const {
+    if (operation_.shelf == Shelf::file) return;
+    // The next start is tomorrow's: what nobody has written to for so long is a dead process's.
+    for (const auto& [path, content] : tree) {
+        if (!isRest(path)) continue;
+        std::filesystem::last_write_time(home_ / path,
+                                         std::filesystem::file_time_type::clock::now() - std::chrono::hours(24));
+    }
+    const auto now = lines(tree);
+    const auto extra = extraLine(operation_.shelf, home_);
+    auto expected = operation_.isDoneByAnyStart ? linesAfter_ : withAudio(now, tree);
+    if (holds(now, extra) && !holds(expected, extra)) expected.push_back(extra);
+    {
+        const auto session = reopen(operation_.shelf, home_);
+        EXPECT_TRUE(isSame(sorted(session->memory()), sorted(expected)));
+        const auto cleaned = readTree(home_);
+        for (const auto& [path, content] : tree) {
+            if (isRest(path) || isLock(path) || isFolder(path) || operation_.mayGo.contains(path)) continue;
+            if (path == mainFile(operation_.shelf)) continue;
+            const auto left = cleaned.find(path);
+            EXPECT_TRUE(left != cleaned.end() && left->second == content) << path << " was cleaned, or changed";
+        }
+        session->change();
+    }
+    const auto session = reopen(operation_.shelf, home_);
+    EXPECT_TRUE(holds(session->memory(), extra));
+    const auto last = readTree(home_);
+    checkNothingLost(last, expected);
+    for (const auto& [path, content] : last) {
+        const bool shouldBeGone = isRest(path) || (operation_.isDoneByAnyStart && operation_.mayGo.contains(path));
+        EXPECT_FALSE(shouldBeGone) << path << " was not cleaned";
+    }
+}
+
+}  // namespace quillmere::test

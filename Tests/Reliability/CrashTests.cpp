@@ -1,0 +1,63 @@
+// What the next start finds after the process was killed at any of its system calls.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "Tests/Reliability/Checks.hpp"
+#include "Tests/Support/SystemCallFaults.hpp"
+
+namespace quillmere::test {
+namespace {
+
+using Kill = SystemCallFaults::Plan::Kill;
+
+/// Does the operation in a process of its own, which is killed at one call. Returns whether the operation was done.
+bool runAndKill(const Stage& stage, int call, Kill kill) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const auto session = stage.begin();
+        {
+            const SystemCallFaults faults({.failing = call, .kills = kill});
+            static_cast<void>(stage.act(*session));
+        }
+        ::_exit(0);  // as sudden as a kill for all that is on disk
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) || WTERMSIG(status) == SIGKILL);
+    return WIFEXITED(status);
+}
+
+class Crashes : public testing::TestWithParam<Operation> {};
+
+TEST_P(Crashes, AtAnyCallLeaveTheOldOrTheNew) {
+    SystemCallFaults::syncNothing();
+    const Stage stage(GetParam());
+    int kills = 0;
+    for (const auto kill : {Kill::before, Kill::after}) {
+        for (int call = 1;; ++call) {
+            SCOPED_TRACE((kill == Kill::before ? "killed before call " : "killed after call ") + std::to_string(call));
+            const bool wasDone = runAndKill(stage, call, kill);
+            stage.checkAfterStop(wasDone, false);
+            if (HasFailure()) return;
+            if (wasDone) break;
+            ++kills;
+        }
+    }
+    EXPECT_GT(kills, 10);
+    if (std::getenv("QUILLMERE_FIGURES") != nullptr) std::cout << GetParam().name << ": " << kills << " kills\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, Crashes, testing::ValuesIn(operations()),
+                         [](const auto& instance) { return instance.param.name; });
+
+}  // namespace
+}  // namespace quillmere::test

@@ -1,0 +1,214 @@
+// Many processes at work on one library, each of which may be killed at any moment.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <random>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
+#include "Tests/Reliability/Checks.hpp"
+#include "Tests/Reliability/Tree.hpp"
+#include "Tests/Support/SystemCallFaults.hpp"
+
+namespace quillmere::test {
+namespace {
+
+using std::filesystem::path;
+
+constexpr std::size_t processes = 3;
+constexpr std::size_t mostPieces = 10'000;
+constexpr int killsOfARound = 40;  // of one library
+
+enum class Promise : char { none, maybe, kept, unwanted };
+
+/// What the processes told before they died, in memory that outlives them.
+struct Diary {
+    std::atomic<std::uint32_t> pieces;
+    std::atomic<std::uint32_t> refusals;  // a library in use by another process
+    std::array<std::atomic<Promise>, mostPieces> promises;
+};
+
+struct ManyProcesses : testing::Test {
+    TemporaryFolder home;
+    path folder;
+    std::mt19937 random = std::mt19937(11);
+    unsigned seed = 0;
+    std::uint32_t confirmed = 0;
+    Diary* diary =
+        static_cast<Diary*>(mmap(nullptr, sizeof(Diary), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    std::array<int, 2> steps{};  // every process writes a byte for every step that it has done
+
+    ManyProcesses() { EXPECT_EQ(pipe2(steps.data(), O_CLOEXEC), 0); }
+    ~ManyProcesses() override {
+        ::close(steps[0]);
+        ::close(steps[1]);
+        munmap(diary, sizeof(Diary));
+    }
+
+    [[nodiscard]] static LoopIdentity identity(std::uint32_t index) {
+        return LoopStoreFixture::identity("rain", 2, index);
+    }
+    [[nodiscard]] static std::string audio(std::uint32_t index) {
+        return "the sound of piece " + std::to_string(index);
+    }
+    [[nodiscard]] LoopStore open() const {
+        return LoopStore(folder, ResourceBundle(home.path() / "App"),
+                         [](const FileURL& url) { return removeFile(url.path()); });
+    }
+
+    /// One render, as an engine's process does it: work in a folder of its own, a finished file, a stored piece.
+    void renderOne(std::mt19937& dice) const {
+        const auto index = diary->pieces++;
+        if (index >= mostPieces) ::_exit(2);
+        const auto making = folder / (".making-" + std::to_string(index));
+        const auto work = folder / ("Render-" + std::to_string(index));
+        const auto made = work / "audio.wav";
+        createFolders(making);
+        const auto lock = FolderLock::tryAcquire(making / ".lock");
+        std::filesystem::rename(making, work);  // locked from the moment that it has a name others know
+        std::ofstream(made, std::ios::binary) << audio(index);
+        auto store = open();
+        // However many others started meanwhile and cleaned up: nobody touches the work of one who lives.
+        if (!lock || readFile(made, 1000) != audio(index)) ::_exit(3);
+
+        const auto file = folder / (identity(index).filename() + ".wav");
+        moveFile(made, file);
+        diary->promises[index] = Promise::maybe;
+        // As long as another holds the library it is refused; then it takes in what that one wrote.
+        while (diary->promises[index] != Promise::kept) {
+            try {
+                store.addPersistent(LoopStoreFixture::artifactAt(identity(index), FileURL::fromPath(file)));
+                diary->promises[index] = Promise::kept;
+            } catch (const LibraryInUse&) {
+                ++diary->refusals;
+                sched_yield();
+            }
+        }
+        if (dice() % 4 != 0) return;
+        diary->promises[index] = Promise::unwanted;
+        store.trash([&](const LoopArtifact& each) { return each.identity == identity(index); });
+    }
+
+    /// Starts some processes, and kills them one after the other, and in the end all, while others take their place.
+    void killAgainAndAgain();
+
+    /// What they confirmed is there, whole and alone, and the library is free.
+    void check();
+
+    [[nodiscard]] pid_t start(unsigned from) const {
+        const pid_t child = fork();
+        if (child != 0) return child;
+        std::mt19937 own(from);
+        for (;;) {
+            try {
+                renderOne(own);
+            } catch (const std::exception& error) {
+                std::cerr << error.what() << "\n";
+                ::_exit(4);
+            }
+            const char byte = 's';
+            if (::write(steps[1], &byte, 1) != 1) ::_exit(5);
+        }
+    }
+};
+
+void ManyProcesses::killAgainAndAgain() {
+    std::vector<pid_t> children;
+    for (std::size_t each = 0; each < processes; ++each) children.push_back(start(seed++));
+    for (int kill = 0; kill < killsOfARound; ++kill) {
+        // After some steps of whichever processes, one is killed wherever it is.
+        for (auto left = 1 + random() % 8; left > 0; --left) {
+            char byte = 0;
+            ASSERT_EQ(::read(steps[0], &byte, 1), 1);
+        }
+        auto& child = children[random() % children.size()];
+        ASSERT_EQ(::kill(child, SIGKILL), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status)) << "a process ended by itself: " << WEXITSTATUS(status);
+        child = start(seed++);
+    }
+    for (const auto child : children) {
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status)) << "a process ended by itself: " << WEXITSTATUS(status);
+    }
+}
+
+void ManyProcesses::check() {
+    std::set<std::string> listed;
+    {
+        auto store = open();
+        for (const auto& each : store.all()) {
+            listed.insert(each.id());
+            const auto index = static_cast<std::uint32_t>(each.identity.seed);
+            std::ifstream in(each.url.path(), std::ios::binary);
+            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), audio(index)) << each.url.text();
+        }
+        // The lock is free: the first change succeeds.
+        const auto index = diary->pieces++;
+        const auto file = folder / (identity(index).filename() + ".wav");
+        std::ofstream(file, std::ios::binary) << audio(index);
+        EXPECT_NO_THROW(store.addPersistent(LoopStoreFixture::artifactAt(identity(index), FileURL::fromPath(file))));
+    }
+    for (std::uint32_t index = 0; index < diary->pieces; ++index) {
+        if (diary->promises[index] != Promise::kept) continue;
+        ++confirmed;
+        EXPECT_TRUE(listed.contains(identity(index).fingerprint())) << "piece " << index << " is lost";
+    }
+    for (const auto& [name, content] : readTree(folder)) {
+        EXPECT_FALSE(isRest(name)) << name;
+        EXPECT_FALSE(name.starts_with("Render-")) << name << " was not cleaned";
+        EXPECT_EQ(name.find("unreadable"), std::string::npos) << "a torn manifest";
+    }
+}
+
+TEST_F(ManyProcesses, LoseNoPieceAndTearNoFileAndLeaveTheLockFree) {
+    SystemCallFaults::syncNothing();
+    const char* wanted = std::getenv("QUILLMERE_PROCESS_KILLS");
+    const int rounds = wanted == nullptr ? 1 : std::atoi(wanted) / killsOfARound;
+    std::uint32_t pieces = 0;
+    std::uint32_t refusals = 0;
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
+        folder = home.path() / ("Loops-" + std::to_string(round));
+        std::filesystem::create_directories(folder);
+        diary->pieces = 0;
+        diary->refusals = 0;
+        for (auto& promise : diary->promises) promise = Promise::none;
+
+        killAgainAndAgain();
+        if (!HasFatalFailure()) check();
+
+        pieces += diary->pieces;
+        refusals += diary->refusals;
+        std::filesystem::remove_all(folder);
+    }
+    EXPECT_GT(confirmed, 0U);
+    if (std::getenv("QUILLMERE_FIGURES") != nullptr) {
+        std::cout << rounds * killsOfARound << " kills, " << pieces << " pieces, " << confirmed << " confirmed, "
+                  << refusals << " changes refused because another process held the library\n";
+    }
+}
+
+}  // namespace
+}  // namespace quillmere::test

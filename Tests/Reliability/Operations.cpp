@@ -1,0 +1,662 @@
+#include "Tests/Reliability/Operations.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Platform/Descriptor.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/WAVFile.hpp"
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
+#include "Tests/Sharing/SampleRecipes.hpp"
+
+#ifdef QUILLMERE_LOSSLESS
+#include "QuillmereKit/Library/LosslessEncoder.hpp"
+#endif
+
+namespace quillmere::test {
+namespace {
+
+using nlohmann::json;
+using std::filesystem::path;
+
+constexpr Date noon{std::chrono::seconds(1'714'558'830)};
+
+void put(const path& file, std::string_view content) {
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream out(file, std::ios::binary);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+template <class T>
+std::string lineOf(const T& value) {
+    return json::parse(encodeJSON(value, JSONWriter::Form::compact)).dump();
+}
+
+template <class T>
+Lines linesOf(const std::vector<T>& values) {
+    Lines lines;
+    for (const auto& value : values) lines.push_back(lineOf(value));
+    return lines;
+}
+
+/// A new file, as a program writes that leaves syncing to others.
+void writeUnsynced(const path& file, std::string_view bytes) {
+    const auto check = [&](bool holds, const char* step) {
+        if (!holds) throw FileError(step, file, {errno, std::system_category()});
+    };
+    Descriptor descriptor(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    check(descriptor.isOpen(), "create");
+    while (!bytes.empty()) {
+        const auto written = ::write(descriptor.number(), bytes.data(), bytes.size());
+        check(written >= 0 || errno == EINTR, "write");
+        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    check(!descriptor.close(), "close");
+}
+
+void require(bool holds, const char* what) {
+    if (!holds) throw std::logic_error(what);
+}
+
+// MARK: pieces
+
+LoopIdentity identity(const std::string& mood, std::int64_t seed) { return LoopStoreFixture::identity(mood, 2, seed); }
+
+path fileOf(const path& home, const LoopIdentity& identity) { return home / "Loops" / (identity.filename() + ".wav"); }
+
+LoopArtifact piece(const path& home, LoopIdentity identity) {
+    const auto file = fileOf(home, identity);
+    return LoopStoreFixture::artifactAt(std::move(identity), FileURL::fromPath(file));
+}
+
+std::string audio(const LoopIdentity& identity) {
+    std::string bytes;
+    while (bytes.size() < 5000) bytes += "the sound of " + identity.filename() + ", ";
+    return bytes;
+}
+
+const LoopIdentity first = identity("rain", 1);
+const LoopIdentity second = identity("rain", 2);
+const LoopIdentity recorded = LoopStoreFixture::recording("rain", 3);
+const LoopIdentity fresh = identity("rain", 4);
+const LoopIdentity extra = identity("snow", 5);
+
+std::string inLoops(const LoopIdentity& identity, const char* extension = ".wav") {
+    return "Loops/" + identity.filename() + extension;
+}
+
+/// Three pieces, a new one's audio, and a file that is nobody's.
+void prepareLoops(const path& home) {
+    std::vector<LoopArtifact> listed;
+    for (const auto& each : {first, second, recorded}) {
+        put(fileOf(home, each), audio(each));
+        listed.push_back(piece(home, each));
+    }
+    put(fileOf(home, fresh), audio(fresh));
+    put(home / "Loops" / "stranger.wav", "a stranger's");
+    std::ranges::sort(listed, {}, &LoopArtifact::id);
+    put(home / "Loops" / "manifest.json", encodeJSON(listed, JSONWriter::Form::compact));
+}
+
+bool discard(const FileURL& url) {
+    const auto place = url.path();
+    const auto facts = factsOf(place);
+    if (facts && facts->kind == FileFacts::Kind::folder) return removeFolder(place);
+    return removeFile(place);
+}
+
+class LoopSession : public Session {
+public:
+    using Act = std::function<bool(LoopStore& store, const path& home)>;
+
+    LoopSession(path home, Act act) : home_(std::move(home)), act_(std::move(act)) { open(); }
+
+    /// One that opens the store only when it acts.
+    struct Later {};
+    LoopSession(path home, Act act, Later) : home_(std::move(home)), act_(std::move(act)) {}
+
+    void act() override {
+        if (!store_) open();
+        isDone_ = act_(*store_, home_);
+    }
+    [[nodiscard]] bool isSaved() const override { return isDone_ && !store_->lastSaveError(); }
+    [[nodiscard]] bool isOpen() const override { return store_ != nullptr; }
+    [[nodiscard]] Lines memory() const override { return linesOf(store_->all()); }
+    void change() override {
+        put(fileOf(home_, extra), audio(extra));
+        store_->addPersistent(piece(home_, extra));
+    }
+
+private:
+    void open() { store_ = std::make_unique<LoopStore>(home_ / "Loops", ResourceBundle(home_ / "App"), discard); }
+
+    path home_;
+    Act act_;
+    std::unique_ptr<LoopStore> store_;
+    bool isDone_ = false;
+};
+
+Operation onLoops(std::string name, LoopSession::Act act) {
+    return {.name = std::move(name), .shelf = Shelf::loops, .prepare = prepareLoops, .begin = [act](const path& home) {
+                return std::make_unique<LoopSession>(home, act);
+            }};
+}
+
+Operation onOpening(std::string name, LoopSession::Act act) {
+    auto operation = onLoops(std::move(name), {});
+    operation.begin = [act](const path& home) {
+        return std::make_unique<LoopSession>(home, act, LoopSession::Later{});
+    };
+    operation.isOpening = true;
+    return operation;
+}
+
+// MARK: what the loop store can be asked to do
+
+Operation add() {
+    auto operation = onLoops("Add", [](LoopStore& store, const path& home) {
+        store.add(piece(home, fresh));
+        return true;
+    });
+    operation.isUnsynced = {inLoops(fresh)};
+    return operation;
+}
+
+Operation addPersistent() {
+    auto operation = onLoops("AddPersistent", [](LoopStore& store, const path& home) {
+        store.addPersistent(piece(home, fresh));
+        return true;
+    });
+    operation.isUnsynced = {inLoops(fresh)};
+    return operation;
+}
+
+Operation addInNewFolder() {
+    static const std::string place = "Loops/Render-9/fresh.wav";
+    auto operation = onLoops("AddPersistentFromARenderersFolder", [](LoopStore& store, const path& home) {
+        store.addPersistent(LoopStoreFixture::artifactAt(fresh, FileURL::fromPath(home / place)));
+        return true;
+    });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / place, audio(fresh));
+    };
+    operation.isUnsynced = {"Loops/Render-9/", place};
+    return operation;
+}
+
+Operation replacePiece() {
+    static const std::string place = "Loops/better.wav";
+    auto operation = onLoops("ReplaceAPiece", [](LoopStore& store, const path& home) {
+        store.addPersistent(LoopStoreFixture::artifactAt(first, FileURL::fromPath(home / place)));
+        return true;
+    });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / place, "a better sound");
+    };
+    operation.isUnsynced = {place};
+    return operation;
+}
+
+Operation setLoudness() {
+    return onLoops("SetLoudness", [](LoopStore& store, const path& home) {
+        return store.setLoudness({.integratedLUFS = -20.5, .peak = 0.5, .seconds = 120}, piece(home, first));
+    });
+}
+
+Operation prune() {
+    auto operation =
+        onLoops("Prune", [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; });
+    operation.mayGo = {inLoops(second)};
+    return operation;
+}
+
+Operation trash() {
+    auto operation = onLoops("Trash", [](LoopStore& store, const path&) {
+        return store.trash([](const LoopArtifact& each) { return each.identity == second; }).size() == 1;
+    });
+    operation.mayGo = {inLoops(second)};
+    return operation;
+}
+
+Operation discardUnstored() {
+    auto operation = onLoops("DiscardUnstored", [](LoopStore& store, const path& home) {
+        return store.discardUnstored(FileURL::fromPath(home / "Loops/Render-1/audio.wav"));
+    });
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        put(home / "Loops/Render-1/audio.wav", "cancelled");
+        put(home / "Loops/Render-1/.lock", "");
+        return session;
+    };
+    operation.mayGo = {"Loops/Render-1/audio.wav", "Loops/Render-1/"};
+    return operation;
+}
+
+/// A piece that the application ships with, to take the place of the second one.
+void putSeed(const path& home) {
+    LoopIdentity seed = identity("rain", 7);
+    const json list = {{{"file", "seed"},
+                        {"identity", json::parse(encodeJSON(seed, JSONWriter::Form::compact))},
+                        {"seconds", 60.0},
+                        {"replaces", {second.fingerprint()}}}};
+    put(home / "App/Loops/seeds.json", list.dump());
+    put(home / "App/Loops/seed.m4a", audio(seed));
+}
+
+Operation importSeeds() {
+    auto operation =
+        onOpening("ImportSeeds", [](LoopStore& store, const path&) { return store.contains(identity("rain", 7)); });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        putSeed(home);
+    };
+    operation.mayCome = {inLoops(identity("rain", 7), ".m4a")};
+    operation.isDoneByAnyStart = true;
+    return operation;
+}
+
+const std::string deadTemporary = "Loops/.quillmere-01234567-89AB-4DEF-8123-456789ABCDEF.tmp";
+
+Operation cleanLeftovers() {
+    auto operation = onOpening("CleanLeftovers", [](LoopStore& store, const path&) { return store.count() == 3; });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / deadTemporary, "[half of a");
+        put(home / "Loops/Render-2/.lock", "");
+        put(home / "Loops/Render-2/audio.wav", "half a piece");
+        put(home / "Loops/Render-3/audio.wav", "without a lock file it may be another program's");
+    };
+    operation.mayGo = {deadTemporary, "Loops/Render-2/audio.wav", "Loops/Render-2/"};
+    operation.isDoneByAnyStart = true;
+    return operation;
+}
+
+Operation addFirst() {
+    auto operation = onOpening("AddTheFirstPiece", [](LoopStore& store, const path& home) {
+        writeUnsynced(fileOf(home, fresh), audio(fresh));
+        store.addPersistent(piece(home, fresh));
+        return true;
+    });
+    operation.prepare = [](const path&) {};
+    operation.mayCome = {inLoops(fresh)};
+    return operation;
+}
+
+Operation addOverDamage() {
+    auto operation = addPersistent();
+    operation.name = "AddOverADamagedManifest";
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / "Loops/manifest.json", "[{\"identity\": a torn write of somebody else's");
+    };
+    return operation;
+}
+
+Operation addOverForeign() {
+    auto operation = onLoops("AddOverAManifestOfSomebodyElses", [](LoopStore& store, const path& home) {
+        store.addPersistent(piece(home, fresh));
+        return true;
+    });
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        const auto manifest = home / "Loops/manifest.json";  // written anew while the store is open
+        put(manifest, json::parse(readFile(manifest, 1 << 20)).dump(4));
+        return session;
+    };
+    operation.isUnsynced = {inLoops(fresh)};
+    return operation;
+}
+
+#ifdef QUILLMERE_LOSSLESS
+void putMusic(const path& file) {
+    std::vector<std::int16_t> samples(2 * 2400);
+    for (std::size_t index = 0; index < samples.size(); ++index) {
+        samples[index] = static_cast<std::int16_t>(12000 * std::sin(static_cast<double>(index) * 0.05));
+    }
+    std::filesystem::remove(file);
+    WAVWriter writer(file, 48000, 2);
+    writer.write(samples);
+    writer.finish();
+}
+
+/// What the encoder makes of the music; made once, so that one run is like another.
+const std::string& lossless() {
+    static const std::string bytes = [] {
+        const TemporaryFolder folder;
+        putMusic(folder.path() / "music.wav");
+        encodeALAC(FileURL::fromPath(folder.path() / "music.wav"), FileURL::fromPath(folder.path() / "music.m4a"));
+        return folder.content("music.m4a");
+    }();
+    return bytes;
+}
+
+/// An encoder that leaves syncing to others.
+void encodeUnsynced(const FileURL&, const FileURL& destination) { writeUnsynced(destination.path(), lossless()); }
+
+bool migrateFirst(LoopStore& store, const path&, const LoopStore::Encode& encode) {
+    const auto stored = store.artifact(first);
+    return stored && store.migrateToLossless(*stored, encode);
+}
+
+Operation migrate() {
+    auto operation = onLoops(
+        "Migrate", [](LoopStore& store, const path& home) { return migrateFirst(store, home, encodeUnsynced); });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        putMusic(fileOf(home, first));
+        static_cast<void>(lossless());
+    };
+    operation.mayGo = {inLoops(first)};
+    operation.mayCome = {inLoops(first, ".m4a")};
+    operation.isExact = false;  // it may say that the copy could not be recorded when the record could not be undone
+    return operation;
+}
+
+Operation migrateForReal() {
+    auto operation = migrate();
+    operation.name = "MigrateWithTheEncoder";
+    operation.begin = [](const path& home) {
+        return std::make_unique<LoopSession>(home, [](LoopStore& store, const path& folder) {
+            return migrateFirst(store, folder, [](const FileURL& from, const FileURL& to) { encodeALAC(from, to); });
+        });
+    };
+    return operation;
+}
+
+Operation migrateOntoOldCopy() {
+    auto operation = migrate();
+    operation.name = "MigrateOverAHalfCopy";
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        putMusic(fileOf(home, first));
+        put(home / inLoops(first, ".m4a"), lossless().substr(0, 300));
+        put(home / ("Loops/." + first.filename() + ".wav.migration.m4a"), "half");
+    };
+    operation.mayGo = {inLoops(first), inLoops(first, ".m4a"), "Loops/." + first.filename() + ".wav.migration.m4a"};
+    return operation;
+}
+
+Operation adoptLossless() {
+    auto operation = migrate();
+    operation.name = "MigrateAdoptingACopy";
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        putMusic(fileOf(home, first));
+        put(home / inLoops(first, ".m4a"), lossless());
+    };
+    operation.mayCome = {};
+    operation.isUnsynced = {inLoops(first, ".m4a")};
+    return operation;
+}
+#endif
+
+// MARK: moods
+
+MoodSpec mood(const std::string& id, const std::string& name) {
+    auto made = sampleSpec(id);
+    made.name = name;
+    return made;
+}
+
+class MoodSession : public Session {
+public:
+    using Act = std::function<void(CustomMoodStore& store)>;
+
+    MoodSession(const path& home, Act act, bool isLater = false)
+        : file_(home / "Data/Moods.json"), act_(std::move(act)) {
+        if (!isLater) open();
+    }
+    void act() override {
+        if (!store_) open();
+        act_(*store_);
+    }
+    [[nodiscard]] bool isOpen() const override { return store_ != nullptr; }
+    [[nodiscard]] Lines memory() const override { return linesOf(store_->all()); }
+    void change() override { store_->save(mood("my-extra", "Extra")); }
+
+private:
+    void open() {
+        store_ = std::make_unique<CustomMoodStore>(file_, [] { return noon; });
+    }
+
+    path file_;
+    Act act_;
+    std::unique_ptr<CustomMoodStore> store_;
+};
+
+Operation onMoods(std::string name, MoodSession::Act act, bool isLater = false) {
+    return {.name = std::move(name),
+            .shelf = Shelf::moods,
+            .prepare =
+                [](const path& home) {
+                    CustomMoodStore store(home / "Data/Moods.json");
+                    store.save(mood("my-1", "One"));
+                    store.save(mood("my-2", "Two"));
+                },
+            .begin = [=](const path& home) { return std::make_unique<MoodSession>(home, act, isLater); },
+            .isOpening = isLater};
+}
+
+Operation saveFirstMood() {
+    auto operation = onMoods("SaveTheFirstMood", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); });
+    operation.prepare = [](const path&) {};
+    return operation;
+}
+
+Operation openDamagedMoods() {
+    auto operation = onMoods(
+        "OpenDamagedMoods", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }, true);
+    operation.prepare = [](const path& home) { put(home / "Data/Moods.json", "{\"moods\": [torn"); };
+    operation.isExact = false;  // opening has moved the damaged file aside already when saving fails
+    return operation;
+}
+
+// MARK: recipes
+
+class VaultSession : public Session {
+public:
+    using Act = std::function<bool(RecipeVault& vault)>;
+
+    VaultSession(const path& home, Act act, bool isLater = false) : folder_(home / "Data"), act_(std::move(act)) {
+        if (!isLater) open();
+    }
+    void act() override {
+        if (!vault_) open();
+        isDone_ = act_(*vault_);
+    }
+    [[nodiscard]] bool isSaved() const override { return isDone_ && !vault_->lastSaveError(); }
+    [[nodiscard]] bool isOpen() const override { return vault_ != nullptr; }
+    [[nodiscard]] Lines memory() const override { return linesOf(vault_->saved()); }
+    void change() override {
+        vault_->save(builtInRecipe(99));
+        require(!vault_->lastSaveError(), "the vault is not saved");
+    }
+
+private:
+    void open() { vault_ = std::make_unique<RecipeVault>(folder_); }
+
+    path folder_;
+    Act act_;
+    std::unique_ptr<RecipeVault> vault_;
+    bool isDone_ = false;
+};
+
+Operation onVault(std::string name, VaultSession::Act act, bool isLater = false) {
+    return {.name = std::move(name),
+            .shelf = Shelf::vault,
+            .prepare =
+                [](const path& home) {
+                    RecipeVault vault(home / "Data");
+                    vault.save(builtInRecipe(1));
+                    vault.save(builtInRecipe(2));
+                },
+            .begin = [=](const path& home) { return std::make_unique<VaultSession>(home, act, isLater); },
+            .isOpening = isLater};
+}
+
+Operation saveFirstRecipe() {
+    auto operation = onVault(
+        "SaveTheFirstRecipe", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }, true);
+    operation.prepare = [](const path&) {};
+    return operation;
+}
+
+Operation saveOverDamagedVault() {
+    auto operation = onVault("SaveOverADamagedVault", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); });
+    operation.prepare = [](const path& home) { put(home / "Data/saved.json", "{\"recipes\": [torn"); };
+    return operation;
+}
+
+Operation importBundle() {
+    const auto bytes = RecipeBundle{.recipes = {builtInRecipe(3), builtInRecipe(4), customRecipe()}}.encoded();
+    return onVault("ImportABundle", [bytes](RecipeVault& vault) { return vault.importing(bytes).added.size() == 3; });
+}
+
+// MARK: one file
+
+class FileSession : public Session {
+public:
+    explicit FileSession(const path& home) : file_(home / "list.json") {}
+    void act() override { writeDurably(file_, "[\"new\"]"); }
+    [[nodiscard]] Lines memory() const override { return linesIn(Shelf::file, readFile(file_, 1000)); }
+    void change() override { writeDurably(file_, "[\"extra\"]"); }
+
+private:
+    path file_;
+};
+
+Operation onFile(std::string name, const std::string& old) {
+    return {.name = std::move(name),
+            .shelf = Shelf::file,
+            .prepare =
+                [old](const path& home) {
+                    if (!old.empty()) put(home / "list.json", old);
+                },
+            .begin = [](const path& home) { return std::make_unique<FileSession>(home); }};
+}
+
+}  // namespace
+
+const std::vector<Operation>& operations() {
+    static const std::vector<Operation> all = {
+        add(),
+        addPersistent(),
+        addInNewFolder(),
+        replacePiece(),
+        setLoudness(),
+        prune(),
+        trash(),
+        discardUnstored(),
+        importSeeds(),
+        cleanLeftovers(),
+        addFirst(),
+        addOverDamage(),
+        addOverForeign(),
+#ifdef QUILLMERE_LOSSLESS
+        migrate(),
+        migrateForReal(),
+        migrateOntoOldCopy(),
+        adoptLossless(),
+#endif
+        onMoods("SaveAMood", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
+        onMoods("ReplaceAMood", [](CustomMoodStore& store) { store.save(mood("my-1", "Uno")); }),
+        onMoods("RemoveAMood", [](CustomMoodStore& store) { store.remove("my-1"); }),
+        saveFirstMood(),
+        openDamagedMoods(),
+        onVault("SaveARecipe", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }),
+        onVault(
+            "OpenTheVaultAndSave", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }, true),
+        onVault("RemoveARecipe", [](RecipeVault& vault) { return vault.remove(builtInRecipe(1).fingerprint); }),
+        importBundle(),
+        saveFirstRecipe(),
+        saveOverDamagedVault(),
+        onFile("WriteANewFile", ""),
+        onFile("ReplaceAFile", "[\"old\"]"),
+    };
+    return all;
+}
+
+std::string mainFile(Shelf shelf) {
+    switch (shelf) {
+        case Shelf::loops: return "Loops/manifest.json";
+        case Shelf::moods: return "Data/Moods.json";
+        case Shelf::vault: return "Data/saved.json";
+        case Shelf::file: return "list.json";
+    }
+    return {};
+}
+
+namespace {
+
+Lines parsedLines(Shelf shelf, const std::string& content) {
+    const auto file = json::parse(content, nullptr, false);
+    if (file.is_discarded()) return {unreadableLine};
+    const json* list = &file;
+    if (shelf == Shelf::moods) list = &file.at("moods");
+    if (shelf == Shelf::vault) list = &file.at("recipes");
+    Lines lines;
+    for (const auto& entry : *list) lines.push_back(entry.dump());
+    if (shelf == Shelf::loops) {
+        // By fingerprint, as the store lists them: adding appends to the file.
+        std::vector<std::pair<std::string, std::string>> sorted;
+        for (auto& line : lines) sorted.emplace_back(decodeJSON<LoopArtifact>(line).id(), std::move(line));
+        std::ranges::sort(sorted);
+        std::ranges::transform(sorted, lines.begin(), [](auto& each) { return std::move(each.second); });
+    }
+    return lines;
+}
+
+}  // namespace
+
+const Lines& linesIn(Shelf shelf, const std::string& content) {
+    static std::map<std::pair<Shelf, std::string>, Lines> known;  // thousands of runs leave the same few files
+    const auto [place, isNew] = known.try_emplace({shelf, content});
+    if (isNew) place->second = parsedLines(shelf, content);
+    return place->second;
+}
+
+std::unique_ptr<Session> reopen(Shelf shelf, const path& home) {
+    switch (shelf) {
+        case Shelf::loops: return std::make_unique<LoopSession>(home, LoopSession::Act{});
+        case Shelf::moods: return std::make_unique<MoodSession>(home, MoodSession::Act{});
+        case Shelf::vault: return std::make_unique<VaultSession>(home, VaultSession::Act{});
+        case Shelf::file: return std::make_unique<FileSession>(home);
+    }
+    return nullptr;
+}
+
+std::string extraLine(Shelf shelf, const path& home) {
+    switch (shelf) {
+        case Shelf::loops: return lineOf(piece(home, extra));
+        case Shelf::moods: return lineOf(mood("my-extra", "Extra"));
+        case Shelf::vault: return lineOf(builtInRecipe(99));
+        case Shelf::file: return "\"extra\"";
+    }
+    return {};
+}
+
+const std::string& audioOf(const std::string& line, const path& home) {
+    static std::map<std::string, std::string> known;
+    const auto [place, isNew] = known.try_emplace(line);
+    if (isNew) {
+        const auto url = FileURL::fromText(json::parse(line).at("url").get<std::string>());
+        place->second = url.value().path().lexically_relative(home);
+    }
+    return place->second;
+}
+
+}  // namespace quillmere::test

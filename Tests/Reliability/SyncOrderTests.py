@@ -1,0 +1,102 @@
+"""Looks at the system calls of the real program, as strace sees them: what is renamed was synced before, the folder is
+synced after it, and audio is safe before the list that names it."""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "App"))
+
+import unittest
+
+from host import QUILLMERE, HostTest
+
+CALLS = "openat,write,pwrite64,ftruncate,fsync,rename,renameat,renameat2,link,linkat"
+LINE = re.compile(r"^(\d+) +(.*)$")
+CALL = re.compile(r"^(\w+)\((.*)\) += (-?\d+)")
+DESCRIPTOR = re.compile(r"^\d+<([^>]*)>")
+NAMES = re.compile(r'(?:(AT_FDCWD|\d+)(?:<([^>]*)>)?, )?"([^"]*)"')
+
+
+def calls_of(log):
+    """The calls that succeeded, in the order in which they ended: (name, arguments)."""
+    unfinished = {}
+    for line in log.splitlines():
+        match = LINE.match(line)
+        if not match:
+            continue
+        process, text = match.groups()
+        if text.endswith("<unfinished ...>"):
+            unfinished[process] = text.removesuffix("<unfinished ...>").rstrip()
+            continue
+        resumed = re.match(r"^<\.\.\. \w+ resumed>(.*)$", text)
+        if resumed:
+            text = unfinished.pop(process, "") + resumed.group(1)
+        call = CALL.match(text)
+        if call and int(call.group(3)) >= 0:
+            yield call.group(1), call.group(2)
+
+
+def paths_in(arguments):
+    """The whole paths of the names that a call was given."""
+    return [os.path.normpath(os.path.join(folder or "", name)) for _, folder, name in NAMES.findall(arguments)]
+
+
+class SyncOrderTests(HostTest):
+    def traced(self, *arguments):
+        log = self.place / "calls"
+        words = ["strace", "-f", "-y", "-s", "0", "-e", f"trace={CALLS}", "-o", str(log), QUILLMERE,
+                 *map(str, arguments), "--home", str(self.home)]
+        done = subprocess.run(words, env=self.environment, capture_output=True, text=True, timeout=300)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return list(calls_of(log.read_text()))
+
+    def assert_order(self, calls):
+        dirty = set()  # files with bytes that are not synced
+        unsafe = {}  # new names whose folder is not synced, and where they came from
+        renames = manifests = 0
+        for name, arguments in calls:
+            if name in ("write", "pwrite64", "ftruncate", "fsync"):
+                descriptor = DESCRIPTOR.match(arguments)
+                if not descriptor or not descriptor.group(1).startswith(str(self.home)):
+                    continue
+                path = descriptor.group(1)
+                if name != "fsync":
+                    dirty.add(path)
+                    continue
+                dirty.discard(path)
+                for new in [new for new in unsafe if os.path.dirname(new) == path]:
+                    del unsafe[new]
+                continue
+            if name == "openat":
+                continue
+            paths = paths_in(arguments)
+            self.assertEqual(len(paths), 2, arguments)
+            old, new = paths
+            if not new.startswith(str(self.home)) or os.path.basename(new).startswith("Render-"):
+                continue  # a working folder: gone after a power cut, and nobody's loss
+            self.assertNotIn(old, dirty, f"{new} is given its name before its bytes are safe")
+            renames += 1
+            if os.path.basename(new) == "manifest.json":
+                manifests += 1
+                audio = [path for path in set(unsafe) | dirty if path.endswith((".wav", ".m4a"))
+                         and os.path.dirname(path) == str(self.loops)]
+                self.assertEqual(audio, [], "the manifest is written before the audio that it names is safe")
+            unsafe[new] = old
+        self.assertEqual(unsafe, {}, "the program ended, and the names are not safe")
+        self.assertGreater(renames, 0, "the trace shows nothing")
+        return renames, manifests
+
+    def test_generating_syncs_before_it_tells(self):
+        calls = self.traced("generate", "--mood", "designflow", "--seconds", "1", "--count", "3")
+
+        renames, manifests = self.assert_order(calls)
+
+        self.assertGreaterEqual(manifests, 3)
+        print(f"generate: {renames} names given, {manifests} manifests, "
+              f"{sum(1 for name, _ in calls if name == 'fsync')} syncs", file=sys.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,41 @@
+#include "Tests/Reliability/Tree.hpp"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+namespace quillmere::test {
+
+Tree readTree(const std::filesystem::path& root) {
+    Tree tree;
+    if (!std::filesystem::exists(root)) return tree;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        const std::string path = entry.path().native().substr(root.native().size() + 1);
+        if (entry.is_directory()) {
+            tree[path + "/"];
+        } else {
+            std::ifstream in(entry.path(), std::ios::binary);
+            tree[path] = std::string(std::istreambuf_iterator<char>(in), {});
+        }
+    }
+    return tree;
+}
+
+void writeTree(const std::filesystem::path& root, const Tree& tree) {
+    std::filesystem::remove_all(root);
+    std::filesystem::create_directories(root);
+    for (const auto& [path, content] : tree) {
+        if (path.ends_with('/')) {
+            std::filesystem::create_directories(root / path);
+            continue;
+        }
+        std::ofstream out(root / path, std::ios::binary);
+        out.write(content.data(), static_cast<std::streamsize>(content.size()));
+        out.close();
+        if (!out) std::abort();
+    }
+}
+
+std::string_view nameOf(std::string_view path) { return path.substr(path.rfind('/') + 1); }
+
+}  // namespace quillmere::test
