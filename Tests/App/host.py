@@ -30,6 +30,7 @@ class HostTest(unittest.TestCase):
             "XDG_DATA_HOME": str(self.place / "data"),
             "XDG_CONFIG_HOME": str(self.place / "config"),
             "TMPDIR": str(self.place),
+            "QUILLMERE_RESOURCES": str(pathlib.Path(__file__).parents[2] / "App" / "Resources"),  # without seeds
             "LC_ALL": "C.UTF-8",
         }
         for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"):
