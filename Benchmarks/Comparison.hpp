@@ -1,0 +1,20 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <string>
+
+namespace quillmere::benchmarks {
+
+/// One side of a comparison: an ordinary benchmark loop.
+using Body = std::function<void(benchmark::State&)>;
+
+/// Registers what is measured and its peer, to be run in turn in one process. `scripts/bench` finds the two by their
+/// names, "subject/ours" and "subject/peer", and divides the medians. Real time counts.
+bool compare(const std::string& subject, Body ours, Body peer, benchmark::TimeUnit unit = benchmark::kMicrosecond);
+
+/// Registers something without a peer, "subject/ours".
+bool measure(const std::string& subject, Body ours, benchmark::TimeUnit unit = benchmark::kMicrosecond);
+
+}  // namespace quillmere::benchmarks

@@ -1,0 +1,85 @@
+#include "Benchmarks/SampleLibrary.hpp"
+
+#include <fstream>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "QuillmereKit/Moods/MoodCatalog.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
+
+namespace quillmere::benchmarks {
+namespace {
+
+// Folders that go with the process.
+class Libraries {
+public:
+    Libraries() = default;
+    Libraries(const Libraries&) = delete;
+    Libraries& operator=(const Libraries&) = delete;
+    ~Libraries() {
+        std::error_code ignored;
+        for (const auto& [count, folder] : folders_) std::filesystem::remove_all(folder, ignored);
+    }
+
+    const std::filesystem::path& folder(std::size_t count) {
+        auto& folder = folders_[count];
+        if (folder.empty()) make(folder, count);
+        return folder;
+    }
+
+private:
+    static void make(std::filesystem::path& folder, std::size_t count) {
+        folder = std::filesystem::temp_directory_path() / ("quillmere-benchmark-" + UUID::random().text());
+        std::filesystem::create_directories(folder);
+        std::vector<LoopArtifact> pieces;
+        pieces.reserve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            pieces.push_back(samplePiece(folder, i));
+            std::ofstream(pieces.back().url.path()) << "RIFF";
+        }
+        std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
+    }
+
+    std::map<std::size_t, std::filesystem::path> folders_;
+};
+
+}  // namespace
+
+std::string sampleMood(std::size_t index) {
+    const auto number = index / piecesPerMood;
+    const auto& id = MoodCatalog::defaultMood().id;
+    return number == 0 ? id : id + "-" + std::to_string(number);
+}
+
+LoopArtifact samplePiece(const std::filesystem::path& folder, std::size_t index) {
+    const auto blend = BlendStep(static_cast<std::int64_t>(index % 5));
+    auto identity = *MoodCatalog::defaultMood().identity(blend, static_cast<std::int64_t>(index), "sa3_medium_mlx_v2");
+    identity.moodID = sampleMood(index);
+    const double variation = static_cast<double>(index % 997) / 997;
+    LoopQuality quality{.brightness = 0.3 + variation / 8, .makeupDB = 1 - variation};
+    quality.loudness =
+        AudioLoudness{.integratedLUFS = -18 + variation, .peak = 0.5 + variation / 4, .seconds = trackSeconds};
+    const auto file = folder / (identity.filename() + ".wav");
+    return {.identity = std::move(identity),
+            .url = FileURL::fromPath(file),
+            .seconds = trackSeconds,
+            .seamDB = -60 - variation,
+            .quality = quality,
+            .engineBuild = "tonebed-1",
+            .origin = RecipeOrigin{"Example CPU at 3.00 GHz"}};
+}
+
+const std::filesystem::path& sampleLibrary(std::size_t count) {
+    static Libraries libraries;
+    return libraries.folder(count);
+}
+
+std::shared_ptr<LoopStore> openLibrary(const std::filesystem::path& folder) {
+    const auto remove = [](const FileURL& url) { return std::filesystem::remove(url.path()); };
+    return std::make_shared<LoopStore>(folder, ResourceBundle(folder / "no resources"), remove);
+}
+
+}  // namespace quillmere::benchmarks
