@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "Benchmarks/Comparison.hpp"
 #include "Benchmarks/SampleLibrary.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
 
 // The loop library: opening, adding, pools, look-ups, and what grows with the number of pieces.
 
@@ -50,8 +52,8 @@ Body parsingAndChecking(std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) files.push_back(samplePiece(folder, i).url.path().string());
         for (auto _ : state) {
             simdjson::dom::parser parser;
-            const auto text = simdjson::padded_string::load((folder / "manifest.json").string());
-            check(parser.parse(text.value()).get_array().size() == count, "an entry is missing");
+            const simdjson::padded_string text = simdjson::padded_string::load((folder / "manifest.json").string());
+            check(parser.parse(text).get_array().size() == count, "an entry is missing");
             for (const auto& file : files) check(::access(file.c_str(), F_OK) == 0, "a file is missing");
         }
     };

@@ -180,6 +180,14 @@ std::string JSONWriter::take() {
     return std::exchange(text_, {});
 }
 
+void JSONWriter::clear() noexcept {
+    size_ = 0;
+    levels_.clear();
+    members_.clear();
+    keys_.clear();
+    expected_ = Expected::value;
+}
+
 inline char* JSONWriter::reserve(std::size_t count) {
     if (text_.size() - size_ < count) [[unlikely]] {
         grow(count);

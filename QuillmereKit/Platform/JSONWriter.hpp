@@ -101,6 +101,9 @@ public:
     /// The whole text. Every object and array must have been ended. The writer starts afresh.
     [[nodiscard]] std::string take();
 
+    /// Begins anew, whatever was written so far, and keeps the room for it.
+    void clear() noexcept;
+
 private:
     /// What may come next.
     enum class Expected : std::uint8_t { value, element, key, nothing };
