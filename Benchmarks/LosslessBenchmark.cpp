@@ -2,56 +2,66 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
 }
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "Benchmarks/Comparison.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
-#include "QuillmereKit/Library/FileSHA256.hpp"
-#include "QuillmereKit/Library/LosslessEncoder.hpp"
 #include "QuillmereKit/Platform/LosslessModule.hpp"
-#include "Tests/Support/AudioFiles.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
+#include "QuillmereKit/Platform/WAVFile.hpp"
 
-// Digests and encoding of one piece: 120 seconds of stereo at 48,000 frames a second, or the WAV file that
-// QUILLMERE_BENCHMARK_AUDIO names. Each beside what it is made of: one call of OpenSSL over the same bytes in memory,
-// and libavcodec's encoder alone, without any file.
+// Digest and encoding of one piece, 120 seconds of stereo at 48,000 frames a second, each beside what it is made of:
+// one call of OpenSSL over the same bytes in memory, and libavcodec's encoder alone, without any file.
 
+namespace quillmere::benchmarks {
 namespace {
 
-using quillmere::FileURL;
+constexpr std::size_t framesPerSecond = 48'000;
+
+// A few tones that swell and fade, with a little noise on them: as hard to encode as quiet music.
+std::vector<std::int16_t> music() {
+    std::vector<std::int16_t> samples(120 * framesPerSecond * 2);
+    std::minstd_rand noise(1);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        const double time = static_cast<double>(i / 2) / framesPerSecond;
+        const double phase = 6.283185307179586 * time + static_cast<double>(i % 2);
+        const double tones = std::sin(110 * phase) + std::sin(261.6 * phase) * std::sin(phase / 7) +
+                             std::sin(329.6 * phase) * std::sin(phase / 11);
+        const double hiss = static_cast<double>(noise()) / static_cast<double>(noise.max()) - 0.5;
+        samples[i] = static_cast<std::int16_t>(4000 * tones + 200 * hiss);
+    }
+    return samples;
+}
 
 struct Piece {
-    std::filesystem::path folder = std::filesystem::temp_directory_path() / "quillmere-benchmark";
+    std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("quillmere-benchmark-" + UUID::random().text());
     FileURL wav = FileURL::fromPath(folder / "piece.wav");
-    FileURL m4a = FileURL::fromPath(folder / "piece.m4a");
-    std::vector<std::int16_t> samples;
+    std::vector<std::int16_t> samples = music();
 
     Piece() {
-        std::filesystem::remove_all(folder);
         std::filesystem::create_directories(folder);
-        if (const char* const named = std::getenv("QUILLMERE_BENCHMARK_AUDIO")) {
-            std::filesystem::copy_file(named, wav.path());
-        } else {
-            const auto bytes = quillmere::test::wavBytes(quillmere::test::tones(1, 2, 120 * 48000));
-            std::ofstream(wav.path(), std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        }
-        quillmere::encodeALAC(wav, m4a);
-        quillmere::AudioFile file(wav.path());
-        samples.resize(static_cast<std::size_t>(file.frames()) * 2);
-        static_cast<void>(file.read(samples));
+        WAVWriter writer(wav.path(), framesPerSecond, 2);
+        writer.write(samples);
+        writer.finish();
     }
-    ~Piece() { std::filesystem::remove_all(folder); }
+    ~Piece() {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
     Piece(const Piece&) = delete;
     Piece& operator=(const Piece&) = delete;
 };
@@ -69,22 +79,10 @@ void oneShotDigest(benchmark::State& state) {
         benchmark::DoNotOptimize(digest);
     }
 }
-BENCHMARK(oneShotDigest)->Unit(benchmark::kMillisecond);
 
 void wavDigest(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(quillmere::AudioPCM::digest(piece().wav));
+    for (auto _ : state) benchmark::DoNotOptimize(AudioPCM::digest(piece().wav));
 }
-BENCHMARK(wavDigest)->Unit(benchmark::kMillisecond);
-
-void fileDigest(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(quillmere::FileSHA256::digest(piece().wav));
-}
-BENCHMARK(fileDigest)->Unit(benchmark::kMillisecond);
-
-void alacDigest(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(quillmere::AudioPCM::digest(piece().m4a));
-}
-BENCHMARK(alacDigest)->Unit(benchmark::kMillisecond);
 
 void bareEncoder(benchmark::State& state) {
     const auto& samples = piece().samples;
@@ -126,30 +124,37 @@ void bareEncoder(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(bytes);
 }
-BENCHMARK(bareEncoder)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Argument: threads. Samples in memory, the file written but not synced.
-void moduleEncoder(benchmark::State& state) {
-    const auto& module = quillmere::losslessModule();
-    const auto& samples = piece().samples;
-    const auto file = piece().folder / "encoded.m4a";
-    for (auto _ : state) {
-        const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        quillmere::LosslessWriter* writer = nullptr;
-        const auto threads = static_cast<std::int32_t>(state.range(0));
-        if (module.openWriter(descriptor, 48000, 2, threads, &writer) < 0) std::abort();
-        constexpr std::size_t atATime = std::size_t{8192} * 2;
-        for (std::size_t place = 0; place < samples.size(); place += atATime) {
-            const auto count = std::min(atATime, samples.size() - place);
-            if (module.write(writer, samples.data() + place, static_cast<std::int64_t>(count / 2)) < 0) std::abort();
+// Samples in memory; the file is written but not synced.
+Body encoding(std::int32_t threads) {
+    return [=](benchmark::State& state) {
+        const auto& module = losslessModule();
+        const auto& samples = piece().samples;
+        const auto file = piece().folder / "encoded.m4a";
+        for (auto _ : state) {
+            const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            LosslessWriter* writer = nullptr;
+            if (module.openWriter(descriptor, framesPerSecond, 2, threads, &writer) < 0) std::abort();
+            constexpr std::size_t atATime = std::size_t{8192} * 2;
+            for (std::size_t place = 0; place < samples.size(); place += atATime) {
+                const auto count = std::min(atATime, samples.size() - place);
+                if (module.write(writer, samples.data() + place, static_cast<std::int64_t>(count / 2)) < 0) {
+                    std::abort();
+                }
+            }
+            if (module.finish(writer) < 0) std::abort();
+            module.closeWriter(writer);
+            ::close(descriptor);
         }
-        if (module.finish(writer) < 0) std::abort();
-        module.closeWriter(writer);
-        ::close(descriptor);
-    }
+    };
 }
-BENCHMARK(moduleEncoder)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+[[maybe_unused]] const bool registered =
+    compare("WAV digest, 120 s", wavDigest, oneShotDigest, benchmark::kMillisecond) &&
+    compare("ALAC encoding, one thread", encoding(1), bareEncoder, benchmark::kMillisecond) &&
+    compare("ALAC encoding, two threads", encoding(2), bareEncoder, benchmark::kMillisecond);
 
 }  // namespace
+}  // namespace quillmere::benchmarks
 
 BENCHMARK_MAIN();
