@@ -236,10 +236,6 @@ void GenerationQueue::endRender(const UUID& attempt, const Outcome& outcome) {
     if (const auto* piece = std::get_if<LoopArtifact>(&outcome)) {
         if (!isWanted) {
             store_->discardUnstored(piece->url);
-        } else if (piece->identity != current_->identity) {
-            store_->discardUnstored(piece->url);
-            finish(attempt,
-                   Progress::Failed{current_->identity, "The renderer returned another piece than requested."});
         } else {
             store_->add(*piece);
             finish(attempt, Progress::Finished{*piece});
