@@ -49,7 +49,7 @@ void addTagsVerb(CLI::App& app, Host& host) {
         const auto only = options->category.empty() ? std::optional<TagCategory>() : namedCategory(options->category);
         const TagVocabulary all = vocabulary(options->file);
         for (const TagCategory each : allCases<TagCategory>()) {
-            if (!only || each == *only) shown.sections.push_back({each, all.tags(each)});
+            if (only.value_or(each) == each) shown.sections.push_back({each, all.tags(each)});
         }
         if (host.json) {
             JSONWriter writer(JSONWriter::Form::pretty);
