@@ -1,5 +1,7 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 #include "App/Host.hpp"
 #include "App/Output.hpp"
@@ -46,11 +48,14 @@ void addTagsVerb(CLI::App& app, Host& host) {
     verb.callback([options, &host] {
         host.prepare();
         TagVocabulary shown;
-        const auto only = options->category.empty() ? std::optional<TagCategory>() : namedCategory(options->category);
-        const TagVocabulary all = vocabulary(options->file);
-        for (const TagCategory each : allCases<TagCategory>()) {
-            if (only.value_or(each) == each) shown.sections.push_back({each, all.tags(each)});
+        std::vector<TagCategory> wanted;
+        if (options->category.empty()) {
+            std::ranges::copy(allCases<TagCategory>(), std::back_inserter(wanted));
+        } else {
+            wanted.push_back(namedCategory(options->category));
         }
+        const TagVocabulary all = vocabulary(options->file);
+        for (const TagCategory each : wanted) shown.sections.push_back({each, all.tags(each)});
         if (host.json) {
             JSONWriter writer(JSONWriter::Form::pretty);
             encode(writer, shown);
