@@ -473,8 +473,8 @@ TEST_F(GenerationQueueTests, ThroughTheRegistryARenderIsAtMostAFullTrackLong) {
 
 TEST_F(GenerationQueueTests, APieceIsStoredAsWhatItsRendererSaysItIs) {
     queue->request(a, GenerationPace::fast, one);
-    LoopArtifact piece;
-    renderer->end([&](const Render&) { return piece = write(b); });
+    const LoopArtifact piece = write(b);
+    renderer->end([&](const Render&) { return piece; });
 
     const auto end = log.await(2).back();
 
