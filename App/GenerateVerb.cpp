@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <map>
 
+#include "App/Choice.hpp"
 #include "App/DigestBook.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Engines.hpp"
@@ -202,6 +202,10 @@ void addGenerateVerb(CLI::App& app, Host& host) {
         *app.add_subcommand("generate", "Generate pieces of music for a mood and file them in the loop library");
     verb.footer("Example: quillmere generate --mood designflow --blend calm --count 3 --seconds 60");
     auto options = std::make_shared<GenerateOptions>();
+    const auto model = choiceOf<GenerationModel>();
+    const auto pace = choiceOf<GenerationPace>();
+    const Choice runtime(
+        {{"standard", numberOf(GenerationEngine::mlx)}, {"background", numberOf(GenerationEngine::stableAudioCoreML)}});
 
     verb.add_option("--mood", options->mood, "The mood's id, as 'quillmere moods' lists it")->required();
     addBlendOption(verb, options->blend);
@@ -212,17 +216,12 @@ void addGenerateVerb(CLI::App& app, Host& host) {
         ->check(NumberBetween(1, trackSeconds))
         ->default_str("120");
     verb.add_option("--model", options->model, "The model that makes the identity (default: the setting)")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationModel>{
-            {"medium", GenerationModel::medium}, {"small-music", GenerationModel::smallMusic}}));
+        ->transform(CLI::Validator(model, model.names()));
     verb.add_option("--runtime", options->runtime, "The runtime that makes the identity")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, GenerationEngine>{
-            {"standard", GenerationEngine::mlx}, {"background", GenerationEngine::stableAudioCoreML}}))
+        ->transform(CLI::Validator(runtime, runtime.names()))
         ->default_str("standard");
     verb.add_option("--pace", options->pace, "How hard the computer may work (default: the setting)")
-        ->transform(
-            CLI::CheckedTransformer(std::map<std::string, GenerationPace>{{"gentle", GenerationPace::gentle},
-                                                                          {"background", GenerationPace::background},
-                                                                          {"fast", GenerationPace::fast}}));
+        ->transform(CLI::Validator(pace, pace.names()));
     verb.add_option("--break", options->breakSeconds, "Seconds of rest between two pieces (default: the pace's own)")
         ->check(NumberBetween(0, 86400));
     verb.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");

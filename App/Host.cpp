@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/ManifestFile.hpp"
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -27,6 +28,21 @@ LoopStore::Discard deleteOwn(const std::filesystem::path& folder) {
     };
 }
 
+// An empty library and one whose list cannot be read must not look the same.
+void warnOfUnreadableManifest(const std::filesystem::path& folder) {
+    try {
+        static_cast<void>(readManifest(manifestFile(folder)));
+    } catch (const Error& error) {
+        Host::warn("The list of the library's pieces \"" + manifestFile(folder).string() +
+                   "\" cannot be read: " + error.what() + " 'quillmere library recover' tells what can be taken back.");
+    }
+}
+
+bool hasSeeds() {
+    const auto resources = ResourceBundle::main();
+    return resources.resource("seeds", "json", "Loops") || resources.resource("seeds", "json");
+}
+
 }  // namespace
 
 void Host::prepare() const {
@@ -44,13 +60,22 @@ const std::shared_ptr<LoopStore>& Host::open(LoopStore::Access access) {
     if (!store_) {
         store_ =
             std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()), access);
+        if (store_->count() == 0) warnOfUnreadableManifest(store_->directory());
     }
     return store_;
 }
 
 const std::shared_ptr<LoopStore>& Host::store() { return open(LoopStore::Access::writing); }
 
-const std::shared_ptr<LoopStore>& Host::readingStore() { return open(LoopStore::Access::reading); }
+const std::shared_ptr<LoopStore>& Host::readingStore() {
+    // The first start has music, whatever verb it is: what ships with the program comes in.
+    const auto folder = libraryFolder();
+    const bool isFirst = !store_ && library.empty() && !fileExists(folder / "manifest.json");
+    if (isFirst && hasSeeds()) {
+        const LoopStore seeding(folder, ResourceBundle::main(), deleteOwn(folder), LoopStore::Access::writing);
+    }
+    return open(LoopStore::Access::reading);
+}
 
 const std::shared_ptr<LoopStore>& Host::writableStore() {
     if (!lock_) {

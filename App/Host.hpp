@@ -32,6 +32,7 @@ public:
     [[nodiscard]] const std::shared_ptr<LoopStore>& store();
 
     /// The same for a verb that only looks: nothing is made, cleaned up or locked, so that others may write meanwhile.
+    /// Only where there is no library yet at the default place, the pieces that ship with the program are brought in.
     [[nodiscard]] const std::shared_ptr<LoopStore>& readingStore();
 
     /// The same for a verb that changes the library. Throws `LibraryInUse` if another process holds it, before anything

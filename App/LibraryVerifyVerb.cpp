@@ -7,6 +7,8 @@
 #include "App/LibraryVerbs.hpp"
 #include "App/Output.hpp"
 #include "App/Terminal.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -67,6 +69,10 @@ void addLibraryVerifyVerb(CLI::App& library, Host& host) {
     addJSONOption(verb, host);
     verb.callback([&host] {
         host.prepare();
+        // A mistyped place must not be called sound.
+        if (!host.library.empty() && !fileExists(host.libraryFolder())) {
+            throw Error("There is no library \"" + host.libraryFolder().string() + "\".");
+        }
         const Interruption interruption;
         ProgressLine progress;
         try {

@@ -1,6 +1,10 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -20,25 +24,46 @@ constexpr const char* footer =
     "5 done but not saved, 130 interrupted.\n\n"
     "Example: quillmere generate --mood designflow --blend 1 --count 3";
 
-// Where the command line names a verb, or a part of one, that there is not: the one that was probably meant.
-void suggestVerb(CLI::App& app, int argumentCount, char** arguments) {
+// Where the command line names a verb, a part of one or an option that there is not: the one that was probably meant.
+void suggestName(CLI::App& app, int argumentCount, char** arguments) {
+    const auto suggest = [](std::string_view word, const std::vector<std::string>& names) {
+        const auto near = quillmere::app::suggestion(word, names);
+        if (near) std::fprintf(stderr, "Did you mean \"%s\"?\n", near->c_str());
+    };
     CLI::App* verb = &app;
     for (int i = 1; i < argumentCount; ++i) {
         const std::string_view word = arguments[i];
-        if (word.starts_with('-')) continue;
         std::vector<std::string> names;
+        if (word.starts_with("--")) {
+            const std::string name(word.substr(0, word.find('=')));
+            const auto* option = verb->get_option_no_throw(name);
+            if (option == nullptr) {
+                for (const auto* known : verb->get_options()) {
+                    for (const auto& each : known->get_lnames()) names.push_back("--" + each);
+                }
+                return suggest(name, names);
+            }
+            const bool hasValueNext = name.size() == word.size() && option->get_items_expected_max() > 0;
+            if (hasValueNext) ++i;
+            continue;
+        }
         CLI::App* named = nullptr;
         for (CLI::App* part : verb->get_subcommands([](const CLI::App*) { return true; })) {
             names.push_back(part->get_name());
             if (names.back() == word) named = part;
         }
-        if (named == nullptr) {
-            if (const auto near = quillmere::app::suggestion(word, names)) {
-                std::fprintf(stderr, "Did you mean \"%s\"?\n", near->c_str());
-            }
-            return;
-        }
+        if (names.empty()) continue;  // a word of the verb's own
+        if (named == nullptr) return suggest(word, names);
         verb = named;
+    }
+}
+
+// Where the standard streams were closed, the files that the program opens would get their numbers, and its messages
+// would be written into the library. Such a stream becomes one that cannot be written.
+void occupyStandardStreams() {
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+        const bool isClosed = fcntl(number, F_GETFD) == -1;
+        if (isClosed && open("/dev/null", O_RDONLY) != number) std::abort();
     }
 }
 
@@ -67,9 +92,10 @@ int run(int argumentCount, char** arguments) {
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
-        if (app.exit(error) == 0) return 0;
-        suggestVerb(app, argumentCount, arguments);
-        return static_cast<int>(ExitCode::usage);
+        if (app.exit(error) != 0) {  // zero: only help or the version was asked for
+            suggestName(app, argumentCount, arguments);
+            return static_cast<int>(ExitCode::usage);
+        }
     } catch (const quillmere::LibraryInUse& error) {
         host.fail(ExitCode::libraryInUse, error.what());
     } catch (const std::exception& error) {
@@ -84,6 +110,7 @@ int run(int argumentCount, char** arguments) {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+    occupyStandardStreams();
     // A closed pipe is an ordinary write error here, never the death of the process.
     std::signal(SIGPIPE, SIG_IGN);
     return run(argumentCount, arguments);

@@ -1,8 +1,8 @@
 #include "App/MoodChoice.hpp"
 
 #include <CLI/CLI.hpp>
-#include <map>
 
+#include "App/Choice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
@@ -30,11 +30,16 @@ Mood playableMood(const std::string& option, const std::string& id) {
 }
 
 void addBlendOption(CLI::App& verb, std::int64_t& blend) {
-    const std::map<std::string, std::int64_t> blends = {{"0", 0}, {"1", 1},    {"2", 2},        {"3", 3},
-                                                        {"4", 4}, {"calm", 0}, {"balanced", 1}, {"energetic", 4}};
+    const Choice step({{"0", "0"},
+                       {"1", "1"},
+                       {"2", "2"},
+                       {"3", "3"},
+                       {"4", "4"},
+                       {"calm", "0"},
+                       {"balanced", "1"},
+                       {"energetic", "4"}});
     verb.add_option("--blend", blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
-        ->transform(CLI::Transformer(blends, CLI::ignore_case).description("0..4|calm|balanced|energetic"))
-        ->check(CLI::Range(0, 4).description(""))
+        ->transform(CLI::Validator(step, "0..4|calm|balanced|energetic"))
         ->default_str("1");
 }
 

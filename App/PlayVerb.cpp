@@ -5,10 +5,12 @@
 #include <map>
 #include <set>
 
+#include "App/Choice.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
 #include "App/Mixer.hpp"
 #include "App/MoodChoice.hpp"
+#include "App/NumberBetween.hpp"
 #include "App/Output.hpp"
 #include "App/Terminal.hpp"
 #include "App/Verbs.hpp"
@@ -170,7 +172,7 @@ void play(Host& host, const PlayOptions& options) {
     const Interruption interruption;
     const auto stop = interruption.token();
     const std::uint64_t seed = options.seed ? static_cast<std::uint64_t>(*options.seed) : randomSeed();
-    Programme programme(options, chosenRadio(host, options), seed, *host.store());
+    Programme programme(options, chosenRadio(host, options), seed, *host.readingStore());
 
     OutputFile output(options.output, options.isForced);
     const std::int64_t total = std::llround(options.minutes * 60 * Voice::sampleRate);
@@ -199,10 +201,6 @@ void play(Host& host, const PlayOptions& options) {
 }  // namespace
 
 void addPlayVerb(CLI::App& app, Host& host) {
-    // "nan" is a number that lies within every range.
-    const auto isNumber = [](const std::string& text) {
-        return text.find_first_of("nN") == std::string::npos ? std::string() : std::string("a number is needed");
-    };
     auto options = std::make_shared<PlayOptions>();
     auto& verb = *app.add_subcommand("play", "Render what a player would play into a WAV file");
     verb.footer(
@@ -213,22 +211,21 @@ void addPlayVerb(CLI::App& app, Host& host) {
         ->type_name("MOOD");
     verb.add_option("--output", options->output, "The WAV file to write")->type_name("FILE")->required();
     verb.add_option("--minutes", options->minutes, "How much to play, up to 370")
-        ->check(CLI::Range(0.001, longestMinutes))
-        ->check(isNumber)
+        ->check(NumberBetween(0.001, longestMinutes))
         ->default_str("10");
     verb.add_option("--seed", options->seed, "What the rounds are shuffled by (default: random)")
         ->check(CLI::NonNegativeNumber);
     verb.add_option("--crossfade", options->crossfade, "How long a cross-fade takes, in seconds")
-        ->check(CLI::Range(0.0, 30.0))
-        ->check(isNumber)
+        ->check(NumberBetween(0, 30))
         ->default_str("4");
     verb.add_option("--turn", options->turn, "How many pieces a mood stays on air where several take turns")
         ->check(CLI::Range(1, 100000))
         ->default_str("3");
+    Choice::Cases models;
+    for (const auto model : allCases<GenerationModel>()) models.emplace_back(rawValue(model), identityModel(model));
+    const Choice model(std::move(models));
     verb.add_option("--model", options->model, "Prefer music of this model")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, std::string>{
-            {"medium", std::string(identityModel(GenerationModel::medium))},
-            {"small-music", std::string(identityModel(GenerationModel::smallMusic))}}));
+        ->transform(CLI::Validator(model, model.names()));
     verb.add_flag("--force", options->isForced, "Replace an existing file");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

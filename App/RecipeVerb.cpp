@@ -27,7 +27,7 @@ struct Options {
 };
 
 void exportRecipe(Host& host, const Options& options) {
-    const LoopRecipe recipe = recipeOf(namedPiece(options.fingerprint, *host.store()), options.name).forSharing();
+    const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name).forSharing();
     recipe.validate();  // what every reader would refuse is not written
     const std::string bytes = recipe.encoded();
     if (options.output.empty()) {
@@ -102,7 +102,7 @@ void show(Host& host, const std::string& file) {
 // Whether this machine can recreate each of the recipes.
 void check(Host& host, const Options& options) {
     const RecipeFile read = readRecipes(options.file);
-    const auto engines = enginesFor(options.engine, host.store());
+    const auto engines = enginesFor(options.engine, host.readingStore());
     warnOfRejected(read.recipes.rejected);
     if (!read.recipes.rejected.empty()) host.exitCode = ExitCode::failure;
     JSONWriter writer(JSONWriter::Form::pretty);
@@ -186,8 +186,8 @@ void recreateRecipe(Host& host, const Options& options) {
     const LoopRecipe recipe = namedRecipe(options.file);
     const auto done = recreate(recipe, options.engine, options.digest, host);
     if (!done) return;
+    report(*done, host);  // first: the piece is there, whatever becomes of its mood
     keepMood(recipe, options.isWithMood);
-    report(*done, host);
 }
 
 }  // namespace
@@ -259,7 +259,9 @@ void addRecipeVerb(CLI::App& app, Host& host) {
 
     auto& exporting = add("export", "Write the recipe of a piece of the library",
                           "export 0123456789abcdef --output night-train.json");
-    exporting.add_option("fingerprint", options->fingerprint, "The piece")->type_name("FINGERPRINT")->required();
+    exporting.add_option("fingerprint", options->fingerprint, "The piece's fingerprint, or the beginning of it")
+        ->type_name("FINGERPRINT")
+        ->required();
     exporting.add_option("--output", options->output, "The file to write; without it, the recipe is printed")
         ->type_name("FILE");
     exporting.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");

@@ -1,12 +1,12 @@
 #include "App/Recipes.hpp"
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cmath>
 
+#include "App/DigestBook.hpp"
 #include "App/Host.hpp"
-#include "App/Suggestion.hpp"
-#include "App/Terminal.hpp"
+#include "App/Pieces.hpp"
+#include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
@@ -20,11 +20,14 @@ namespace {
 
 constexpr AudioFormat engineFormat = {AudioFormat::Codec::linearPCM, 16, 48000, 2};
 
-// Whether the file is still the whole WAV file that an engine wrote.
-bool isEngineFile(const LoopArtifact& piece) {
+// Whether the file is still the whole WAV file that an engine wrote, as far as anybody can tell: where the digest of
+// the samples was kept when they were made, they are still those.
+bool isEngineFile(const LoopStore& store, const LoopArtifact& piece) {
     try {
-        const AudioFile audio(piece.url.path());
-        return audio.format() == engineFormat && audio.frames() == std::llround(piece.seconds * 48000);
+        AudioFile audio(piece.url.path());
+        if (audio.format() != engineFormat || audio.frames() != std::llround(piece.seconds * 48000)) return false;
+        const auto made = DigestBook(store.directory()).digest(piece.id());
+        return !made || *made == AudioPCM::digest(audio);
     } catch (const Error&) {  // damaged, gone, or without loss where no module can read that
         return false;
     }
@@ -70,15 +73,8 @@ RecipeFile readRecipes(const std::filesystem::path& file) {
     return read;
 }
 
-LoopArtifact namedPiece(const std::string& fingerprint, const LoopStore& store) {
-    if (auto found = store.artifact(fingerprint)) return std::move(*found);
-    std::vector<std::string> known;
-    for (const auto& piece : store.all()) known.push_back(piece.id());
-    throw CLI::ValidationError("fingerprint", "there is no piece \"" + safeForTerminal(fingerprint) +
-                                                  "\" in the library." + didYouMean(fingerprint, known));
-}
-
-LoopRecipe recipeOf(const LoopArtifact& piece, const std::optional<std::string>& name) {
+LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint, const std::optional<std::string>& name) {
+    const LoopArtifact piece = namedPiece(store, fingerprint);
     const auto& identity = piece.identity;
     const auto mood = MoodCatalog::mood(identity.moodID);
     if (!piece.isPlayable()) {
@@ -86,7 +82,7 @@ LoopRecipe recipeOf(const LoopArtifact& piece, const std::optional<std::string>&
                     "\" was changed or deleted since this piece was made, so nobody could recreate it.");
     }
     std::optional<std::string> digest;
-    if (isEngineFile(piece)) digest = FileSHA256::digest(piece.url);
+    if (isEngineFile(store, piece)) digest = FileSHA256::digest(piece.url);
     const auto* own = mood && mood->spec ? &*mood->spec : nullptr;  // a specification: of the user's own moods alone
     return LoopRecipe::make(piece, name.value_or(mood ? mood->name : identity.moodID),
                             own != nullptr ? std::optional(*own) : std::nullopt, piece.engineBuild, piece.origin,

@@ -25,13 +25,12 @@ struct RecipeFile {
 /// place, or `ImportError`.
 [[nodiscard]] RecipeFile readRecipes(const std::filesystem::path& file);
 
-/// The stored piece with this fingerprint. Throws `CLI::ValidationError` with a suggestion for a mistyped one.
-[[nodiscard]] LoopArtifact namedPiece(const std::string& fingerprint, const LoopStore& store);
-
-/// The recipe of a stored piece under the mood's name, or the one given, with everything that is known about it. The
-/// digest of the audio file is among that only while the file is still the one that the engine wrote. Throws `Error`
-/// for a piece of a user mood that is gone or was changed since: nobody could recreate it.
-[[nodiscard]] LoopRecipe recipeOf(const LoopArtifact& piece, const std::optional<std::string>& name);
+/// The recipe of the stored piece that a fingerprint, or the beginning of one, names, under the mood's name or the one
+/// given, with everything that is known about it. The digest of the audio file is among that only while the file is
+/// still the one that the engine wrote. Throws `CLI::ValidationError` as `namedPiece`, and `Error` for a piece of a
+/// user mood that is gone or was changed since: nobody could recreate it.
+[[nodiscard]] LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint,
+                                  const std::optional<std::string>& name);
 
 /// The SHA-256 of the plain WAV file that holds the samples of an audio file: the digest that an engine's file had
 /// before it was stored without loss. Throws `FileError`.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "App/DigestBook.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Engines.hpp"
 #include "App/EventText.hpp"
@@ -110,6 +111,15 @@ std::optional<Recreation> recreate(const LoopRecipe& recipe, const std::string& 
     Recreation done{.piece = std::move(*outcome.piece), .isNew = outcome.isNew, .pcmDigest = {}};
     done.pcmDigest = AudioPCM::digest(done.piece.url);
     done.isSame = isSameAudio(done.piece, done.pcmDigest, recipe, digest);
+    if (done.isNew) {
+        try {
+            DigestBook digests(store->directory());
+            digests.set(done.piece.id(), done.pcmDigest);
+            digests.save([&](const std::string& fingerprint) { return store->artifact(fingerprint).has_value(); });
+        } catch (const FileError& error) {
+            host.fail(ExitCode::notSaved, std::string("The digests could not be saved: ") + error.what());
+        }
+    }
     if (const auto error = store->lastSaveError()) {
         host.fail(ExitCode::notSaved, "The library could not be saved: " + *error);
     }

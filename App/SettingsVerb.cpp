@@ -114,7 +114,7 @@ std::optional<std::string> json(const Settings& settings, std::string_view name)
 
 void printAsJSON(const Settings& settings, const std::string& name) {
     if (!name.empty()) {
-        std::printf("%s\n", json(settings, name).value_or("null").c_str());
+        std::printf("%s\n", safeJSON(json(settings, name).value_or("null")).c_str());
         return;
     }
     JSONWriter writer(JSONWriter::Form::pretty);

@@ -38,7 +38,7 @@ std::optional<std::string> suggestion(std::string_view word, const std::vector<s
     std::size_t nearest = std::max<std::size_t>(1, word.size() / 3) + 1;
     for (const auto& candidate : candidates) {
         const std::size_t d = distance(word, candidate);
-        if (d < nearest) {
+        if (d < nearest && d < word.size()) {  // at least one letter in common
             nearest = d;
             best = candidate;
         }

@@ -57,7 +57,7 @@ void printOutcome(const Host& host, const LoopRecipe& recipe, const char* key, b
 }
 
 void add(Host& host, const Options& options) {
-    const LoopRecipe recipe = recipeOf(namedPiece(options.fingerprint, *host.store()), options.name);
+    const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name);
     const auto lock = Host::lockData();
     const bool isNew = RecipeVault::shared().save(recipe);
     printOutcome(host, recipe, "isNew", isNew, isNew ? "Saved" : "Already saved");
@@ -135,7 +135,7 @@ void addVaultVerb(CLI::App& app, Host& host) {
     });
 
     auto& adding = addPart("add", "Save the recipe of a piece of the library", "add 0123456789abcdef");
-    addFingerprint(adding, "The piece");
+    addFingerprint(adding, "The piece's fingerprint, or the beginning of it");
     adding.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
     adding.callback([options, &host] {
         host.prepare();

@@ -1,5 +1,6 @@
 """The host's verb `generate`, run as its user would."""
 import json
+import os
 import pathlib
 import re
 import subprocess
@@ -92,7 +93,10 @@ class GenerateTests(HostTest):
                       ["generate", "--mood", "designflow", "--seconds", "nan"],
                       ["generate", "--mood", "designflow", "--seed", "-1"],
                       ["generate", "--mood", "designflow", "--seed", "9223372036854775807", "--count", "2"],
-                      ["generate", "--mood", "designflow", "--pace", "brisk"]):
+                      ["generate", "--mood", "designflow", "--pace", "brisk"],
+                      ["generate", "--mood", "designflow", "--pace", "1"],
+                      ["generate", "--mood", "designflow", "--model", "0"],
+                      ["generate", "--mood", "designflow", "--runtime", "1"]):
             with self.subTest(words):
                 done = self.run_host(*words, expect=2, home=False)
                 self.assertNotEqual(done.err, "")
@@ -102,6 +106,24 @@ class GenerateTests(HostTest):
         done = self.run_host("generate", "--mood", "desingflow", expect=2)
 
         self.assertIn('Did you mean "designflow"?', done.err)
+
+    def test_a_mistyped_choice_gets_a_suggestion_and_says_which_there_are(self):
+        for option, word, meant in (("--pace", "gentel", "gentle"), ("--model", "smal-music", "small-music"),
+                                    ("--runtime", "standart", "standard"), ("--blend", "clam", "calm")):
+            done = self.run_host("generate", "--mood", "designflow", option, word, expect=2)
+            self.assertRegex(done.err, f'{option}: "{word}" is none of .*{meant}.*Did you mean "{meant}"\\?')
+        self.assertNotIn("Did you mean", self.run_host("generate", "--mood", "designflow", "--blend", "7", expect=2).err)
+
+    def test_a_mistyped_option_gets_a_suggestion(self):
+        for words, meant in ((["generate", "--mod", "designflow"], "--mood"),
+                             (["moods", "show", "designflow", "--jsno"], "--json"),
+                             (["library", "list", "--library", "list", "--mod=designflow"], "--mood")):
+            done = self.run_host(*words, expect=2)
+            self.assertIn(f'Did you mean "{meant}"?', done.err)
+
+    def test_a_value_is_never_taken_for_a_mistyped_verb(self):
+        done = self.run_host("moods", "--home", "shwo", "lits", expect=2, home=False)
+        self.assertIn('Did you mean "list"?', done.err)
 
     def test_a_mood_without_music_is_refused(self):
         done = self.run_host("generate", "--mood", "writing", expect=2)
@@ -163,11 +185,25 @@ class GenerateTests(HostTest):
         self.assertEqual(len(self.assert_complete()), 2)
         self.assertEqual(process.returncode, 1)
 
+    def test_closed_standard_streams_are_never_mistaken_for_files_of_the_library(self):
+        words = [QUILLMERE, "generate", "--mood", "designflow", "--seconds", "2", "--home", str(self.home)]
+        done = subprocess.run(words, env=self.environment, preexec_fn=lambda: [os.close(number) for number in range(3)])
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(len(self.assert_complete()), 1)
+        for file in self.loops.iterdir():
+            self.assertNotIn(b"designflow_b1", file.read_bytes() if file.name == ".lock" else b"")
+
     def test_help_has_an_example_for_every_verb(self):
         done = self.run_host("--help", home=False)
         self.assertIn("Exit status", done.out)
         for verb in re.findall(r"(?m)^  ([a-z]+) ", done.out.split("Subcommands:")[1]):
             self.assertIn(f"Example: quillmere {verb}", self.run_host(verb, "--help", home=False).out)
+
+    def test_help_that_cannot_be_written_is_a_failure(self):
+        for words in (["--help"], ["--version"], ["generate", "--help"]):
+            with open("/dev/full", "w") as full:
+                done = subprocess.run([QUILLMERE, *words], env=self.environment, stdout=full, stderr=subprocess.PIPE)
+            self.assertEqual((done.returncode, b"could not be written" in done.stderr), (1, True), words)
 
     def test_version(self):
         self.assertRegex(self.run_host("--version", home=False).out, r"^quillmere \d+\.\d+\.\d+\n$")

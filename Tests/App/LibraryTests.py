@@ -18,6 +18,37 @@ class ListTests(LibraryTest):
         self.assertEqual(self.library_json("list"), [])
         self.assertFalse(self.home.exists())
 
+    def test_the_first_look_finds_the_pieces_that_ship_with_the_program(self):
+        shipped = self.place / "shipped" / "Loops"
+        shipped.mkdir(parents=True)
+        (shipped / "first.m4a").write_bytes(b"music")
+        seed = {"file": "first", "identity": identity(seed=1), "seconds": 120}
+        (shipped / "seeds.json").write_text(json.dumps([seed]))
+        self.environment["QUILLMERE_RESOURCES"] = str(shipped.parent)
+        self.loops.rmdir()
+
+        elsewhere = self.place / "mistyped"
+        self.assertEqual(self.library_json("list", "--library", elsewhere), [])
+        self.assertFalse(elsewhere.exists())
+
+        mark = fingerprint(identity(seed=1))
+        self.assertEqual([piece["fingerprint"] for piece in self.library_json("list")], [mark])
+        self.assertEqual(self.file_of(mark).read_bytes(), b"music")
+        self.library("prune", "--keep", "0", "--yes")
+        self.assertEqual(self.marks(), [mark])
+
+    def test_a_list_that_cannot_be_read_does_not_look_like_an_empty_library(self):
+        self.put(1)
+        for damage in ("[{", "{}", "\x00"):
+            (self.loops / "manifest.json").write_text(damage)
+            done = self.library("list")
+            self.assertEqual(done.out, "")
+            self.assertIn("cannot be read", done.err)
+            self.assertIn("library recover", done.err)
+            self.assertEqual((self.loops / "manifest.json").read_text(), damage)
+        (self.loops / "manifest.json").write_text("[]")
+        self.assertEqual(self.library("list").err, "")
+
     def test_lists_the_pieces_by_mood_and_then_by_fingerprint(self):
         marks = {mood: [self.put(seed, mood) for seed in (1, 2, 3)] for mood in ("winddown", "deepcode")}
 

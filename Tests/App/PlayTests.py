@@ -191,6 +191,16 @@ class PlayTests(HostTest):
         self.assertEqual(done.returncode, 1, done.stderr)
         self.assertEqual([path.name for path in self.place.iterdir() if path.suffix in (".wav", ".part")], [])
 
+    def test_music_can_be_made_while_other_music_plays(self):
+        self.library([([1] * RATE, None)])
+        process = self.start("play", "--mood", "designflow", "--minutes", 370, "--output", self.output)
+        while not list(self.place.glob(".quillmere-*.part")) and process.poll() is None:
+            pass
+        self.generate(seconds=2)
+        self.assertIsNone(process.poll())
+        interrupt(process)
+        process.communicate(timeout=60)
+
     def test_an_interrupt_leaves_nothing_behind(self):
         self.library([([1] * RATE, None)])
         process = self.start("play", "--mood", "designflow", "--minutes", 370, "--output", self.output)

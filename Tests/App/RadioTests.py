@@ -61,7 +61,8 @@ class RadioTests(HostTest):
         settings = json.loads(file.read_text())
         settings["radio"] = {"moodIDs": ["\x1b[31mred", "designflow"], "onAir": "elsewhere\u202e"}
         file.write_text(json.dumps(settings))
-        for words in (["radio"], ["radio", "--json"], ["radio", "next"]):
+        for words in (["radio"], ["radio", "--json"], ["settings", "radio"], ["settings", "radio", "--json"],
+                      ["settings", "--json"], ["radio", "next"]):
             done = self.run_host(*words)
             self.assertNotIn("\x1b", done.out + done.err)
             self.assertNotIn("\u202e", done.out + done.err)

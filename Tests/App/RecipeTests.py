@@ -118,10 +118,31 @@ class RecipeTests(HostTest):
 
         audio.write_bytes(whole[:-4])
         self.assertNotIn("audioSHA256", json.loads(self.export(piece["identity"], "short.json").read_text()))
+        audio.write_bytes(whole[:-4] + bytes(byte ^ 1 for byte in whole[-4:]))
+        self.assertNotIn("audioSHA256", json.loads(self.export(piece["identity"], "changed.json").read_text()))
         with wave.open(str(audio), "wb") as other:
             other.setparams((2, 2, 44100, 0, "NONE", ""))
             other.writeframes(whole[44:])
         self.assertNotIn("audioSHA256", json.loads(self.export(piece["identity"], "rate.json").read_text()))
+
+    def test_the_beginning_of_a_fingerprint_names_the_piece(self):
+        known = fingerprint(self.piece()["identity"])
+        self.assertEqual(self.run_json("recipe", "export", known[:6])["fingerprint"], known)
+        self.assertEqual(self.run_json("vault", "add", known[:6])["fingerprint"], known)
+
+    def test_looking_at_a_piece_neither_locks_nor_changes_the_library(self):
+        piece = self.piece()
+        known = fingerprint(piece["identity"])
+        file = self.export(piece["identity"])
+        (self.loops / ".lock").unlink()
+        (self.loops / ".quillmere-0.tmp").write_bytes(b"half")
+        before = sorted(path.name for path in self.loops.iterdir())
+
+        self.run_host("recipe", "export", known)
+        self.run_host("recipe", "check", file)
+        self.run_host("vault", "add", known)
+
+        self.assertEqual(sorted(path.name for path in self.loops.iterdir()), before)
 
     def test_a_mistyped_fingerprint_gets_a_suggestion(self):
         known = fingerprint(self.piece()["identity"])
@@ -231,6 +252,8 @@ class RecipeTests(HostTest):
         self.assertEqual((made["isSame"], made["isNew"], made["digest"], made["seconds"]), (True, True, here, 3))
         self.assertEqual(pathlib.Path(made["file"]).read_bytes(), self.audio()[0].read_bytes())
         self.assertEqual(len(self.assert_complete(self.other / "Loops")), 1)
+        proof = json.loads(self.there("library", "verify", "--json").out)
+        self.assertEqual((proof["isSound"], proof["proved"], proof["unproved"]), (True, 1, 0))
         again = self.there("recipe", "recreate", file, "--digest", here.upper())
         self.assertIn("already in the library", again.out)
         self.assertIn("The audio is the same", again.out)

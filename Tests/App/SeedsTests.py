@@ -16,7 +16,7 @@ class SeedsTests(HostTest):
 
     def test_the_list_names_whole_tracks_of_three_blend_steps_that_are_there(self):
         seeds = json.loads((RESOURCES / "Loops" / "seeds.json").read_text(encoding="utf-8"))
-        self.assertEqual([seed["identity"]["blend"] for seed in seeds], [0, 2, 4])
+        self.assertEqual([seed["identity"]["blend"]["index"] for seed in seeds], [0, 2, 4])
         for seed in seeds:
             self.assertEqual(seed["seconds"], 120)
             self.assertGreater((RESOURCES / "Loops" / (seed["file"] + ".m4a")).stat().st_size, 1_000_000)

@@ -26,6 +26,11 @@ class VerifyTests(VerifyTest):
         self.assertEqual(self.verify(), {"isSound": True, "proved": 2, "unproved": 0, "damaged": [], "missing": [],
                                          "unlisted": [], "unreadable": []})
 
+    def test_a_mistyped_place_is_not_called_sound(self):
+        done = self.library("verify", "--library", self.place / "mistyped", expect=1)
+        self.assertIn("There is no library", done.err)
+        self.assertFalse((self.place / "mistyped").exists())
+
     def test_one_changed_sample_is_damage(self):
         mark = self.put(1)
         file = self.file_of(mark)
