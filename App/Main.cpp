@@ -5,11 +5,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "App/Host.hpp"
 #include "App/Suggestion.hpp"
+#include "App/Terminal.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
@@ -58,6 +61,14 @@ void suggestName(CLI::App& app, int argumentCount, char** arguments) {
     }
 }
 
+// What the command line library says repeats the words it was given, and those may be the names of strangers' files.
+void printSafely(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::fprintf(stderr, "%s\n", quillmere::app::safeForTerminal(line).c_str());
+    }
+}
+
 // Where the standard streams were closed, the files that the program opens would get their numbers, and its messages
 // would be written into the library. Such a stream becomes one that cannot be written.
 void occupyStandardStreams() {
@@ -92,7 +103,9 @@ int run(int argumentCount, char** arguments) {
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
-        if (app.exit(error) != 0) {  // zero: only help or the version was asked for
+        std::ostringstream complaint;
+        if (app.exit(error, std::cout, complaint) != 0) {  // zero: only help or the version was asked for
+            printSafely(complaint.str());
             suggestName(app, argumentCount, arguments);
             return static_cast<int>(ExitCode::usage);
         }
@@ -101,7 +114,8 @@ int run(int argumentCount, char** arguments) {
     } catch (const std::exception& error) {
         host.fail(ExitCode::failure, error.what());
     }
-    if ((std::fflush(stdout) != 0 || std::ferror(stdout) != 0) && host.exitCode == ExitCode::success) {
+    std::cout.flush();
+    if ((!std::cout || std::fflush(stdout) != 0 || std::ferror(stdout) != 0) && host.exitCode == ExitCode::success) {
         host.fail(ExitCode::failure, "Standard output could not be written.");
     }
     return static_cast<int>(host.exitCode);

@@ -199,6 +199,12 @@ class GenerateTests(HostTest):
         for verb in re.findall(r"(?m)^  ([a-z]+) ", done.out.split("Subcommands:")[1]):
             self.assertIn(f"Example: quillmere {verb}", self.run_host(verb, "--help", home=False).out)
 
+    def test_words_of_the_command_line_cannot_steer_the_terminal(self):
+        for words in (["generate", "--mood", "designflow", "--count", "\x1b[31m"], ["moods", "list", "\x1b[2J\u202e"],
+                      ["\x1b[2J"], ["moods", "--\x1b[2J"]):
+            done = self.run_host(*words, expect=2)
+            self.assertNotRegex(done.out + done.err, "[\x1b\u202e]")
+
     def test_help_that_cannot_be_written_is_a_failure(self):
         for words in (["--help"], ["--version"], ["generate", "--help"]):
             with open("/dev/full", "w") as full:
