@@ -123,8 +123,8 @@ public:
     ///
     /// The render's own events follow in the order of its reports, then `finished` or `failed`. A renderer that throws
     /// `CancellationError` although nobody cancelled it ends without an event; its request stays the current one until
-    /// it is cancelled or replaced. The piece that a renderer returns is stored as what it says it is, also where that is
-    /// not what was asked for.
+    /// it is cancelled or replaced. The piece that a renderer returns is stored as what it says it is, also where that
+    /// is not what was asked for.
     void request(const LoopIdentity& identity, GenerationPace pace, std::optional<UUID> requestToken = std::nullopt);
 
     /// Cancels the current render: `stopping`, then, when it has ended, `idle`. Without a token whatever runs; with a
