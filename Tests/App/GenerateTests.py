@@ -28,7 +28,7 @@ class GenerateTests(HostTest):
         self.assertEqual([p.name for p in self.loops.iterdir() if p.name.startswith("Render-")], [])
 
     def test_says_plain_lines_when_piped(self):
-        done = self.generate("--seed", 1)
+        done = self.generate("--seed", 1, seconds=90)  # long enough for more than the first and the last stage
 
         self.assertRegex(done.err, r"(?m)^Creating music · \d+ of \d+$")
         self.assertNotIn("\x1b", done.err + done.out)
