@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <iterator>
+#include <map>
 #include <set>
+#include <utility>
 
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
@@ -52,7 +55,11 @@ std::vector<LoopArtifact> piecesOf(const LoopStore& store, const std::string& mo
         }
         std::erase_if(pieces, [&](const LoopArtifact& piece) { return piece.identity.moodID != moodID; });
     }
-    std::ranges::stable_sort(pieces, {}, [](const LoopArtifact& piece) { return piece.identity.moodID; });
+    // By mood; within each by fingerprint, as the store gives them.
+    std::map<std::string, std::vector<LoopArtifact>> moods;
+    for (auto& piece : pieces) moods[piece.identity.moodID].push_back(std::move(piece));
+    pieces.clear();
+    for (auto& [mood, ofMood] : moods) std::ranges::move(ofMood, std::back_inserter(pieces));
     return pieces;
 }
 
