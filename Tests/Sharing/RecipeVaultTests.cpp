@@ -291,7 +291,7 @@ TEST_F(RecipeVaultTests, ARelativeFolderIsTakenFromTheCurrentOneOnce) {
 
     EXPECT_EQ(vault.file(), place / "saved.json");
     EXPECT_EQ(file().recipes.size(), 1U);
-    EXPECT_DEATH(RecipeVault(std::filesystem::path()), "folder has a path");
+    EXPECT_DEATH((void)RecipeVault(std::filesystem::path{}), "folder has a path");
 }
 
 TEST_F(RecipeVaultTests, ALinkToAVaultsFileIsFollowed) {
