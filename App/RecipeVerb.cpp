@@ -26,6 +26,19 @@ struct Options {
     bool isWithMood = false;
 };
 
+void encodeRejected(JSONWriter& writer, const std::vector<RecipeBundle::Rejected>& rejected) {
+    writer.beginArray();
+    for (const auto& [recipe, error] : rejected) {
+        writer.beginObject();
+        writer.member("fingerprint", recipe.fingerprint);
+        writer.member("name", recipe.name);
+        writer.key("error");
+        encodeFailure(writer, error);
+        writer.endObject();
+    }
+    writer.endArray();
+}
+
 void exportRecipe(Host& host, const Options& options) {
     const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name).forSharing();
     recipe.validate();  // what every reader would refuse is not written
@@ -80,16 +93,7 @@ void show(Host& host, const std::string& file) {
         writer.beginObject();
         writer.member("recipes", read.recipes.usable);
         writer.key("rejected");
-        writer.beginArray();
-        for (const auto& [recipe, error] : read.recipes.rejected) {
-            writer.beginObject();
-            writer.member("fingerprint", recipe.fingerprint);
-            writer.member("name", recipe.name);
-            writer.key("error");
-            encodeFailure(writer, error);
-            writer.endObject();
-        }
-        writer.endArray();
+        encodeRejected(writer, read.recipes.rejected);
         writer.endObject();
         printJSON(writer);
     } else {
@@ -215,16 +219,7 @@ void importRecipes(Host& host, const std::string& file) {
         writer.member("added", fingerprints(result.added));
         writer.member("duplicates", fingerprints(result.duplicates));
         writer.key("rejected");
-        writer.beginArray();
-        for (const auto& [recipe, error] : result.rejected) {
-            writer.beginObject();
-            writer.member("fingerprint", recipe.fingerprint);
-            writer.member("name", recipe.name);
-            writer.key("error");
-            encodeFailure(writer, error);
-            writer.endObject();
-        }
-        writer.endArray();
+        encodeRejected(writer, result.rejected);
         writer.endObject();
         printJSON(writer);
     } else {
