@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <set>
 
 #include "App/Host.hpp"
@@ -65,12 +66,15 @@ void trash(Host& host, const TrashOptions& options) {
     std::set<std::string> wanted;
     for (const auto& piece : pieces) wanted.insert(piece.id());
     std::set<std::string> moved;
+    std::optional<std::string> saveError;
     const bool isDone = options.isWanted && !pieces.empty();
     if (isDone) {
-        // Another view of the same library, whose files go to the trash. The owner listened to them.
+        // The host's own store deletes what it discards, as renders leave things over; what its owner listened to goes
+        // to the desktop's trash.
         LoopStore store(library->directory());
         const auto isWanted = [&](const LoopArtifact& piece) { return wanted.contains(piece.id()); };
         for (const auto& piece : store.trash(isWanted)) moved.insert(piece.id());
+        saveError = store.lastSaveError();
     }
     print(host, pieces, moved, isDone);
     if (!isDone) return;
@@ -80,9 +84,7 @@ void trash(Host& host, const TrashOptions& options) {
                       " pieces were not moved: there is no trash for their place, or their files are not the library's "
                       "own.");
     }
-    if (const auto error = library->lastSaveError()) {
-        host.fail(ExitCode::notSaved, "The library could not be saved: " + *error);
-    }
+    if (saveError) host.fail(ExitCode::notSaved, "The library could not be saved: " + *saveError);
 }
 
 }  // namespace

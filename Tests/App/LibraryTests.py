@@ -342,6 +342,17 @@ class TrashTests(LibraryTest):
         self.assertEqual(self.file_of(mark).read_bytes(), before)
         self.assertEqual(self.marks(), [mark])
 
+    def test_a_library_that_cannot_be_saved_is_an_error(self):
+        mark = self.put(1)
+        for seed in range(2, 8):
+            self.put(seed)
+
+        done = self.run_without_space("library", "trash", mark, "--yes", size=1024)  # enough for the trash's own record
+
+        self.assertIn("Moved 1 of 1", done.stdout)
+        self.assertEqual(done.returncode, 5, done.stderr)
+        self.assertIn("could not be saved", done.stderr)
+
     def test_something_must_be_named(self):
         self.library("trash", "--yes", expect=2)
         self.library("trash", "0000000000000000", expect=2)

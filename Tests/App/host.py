@@ -58,11 +58,11 @@ class HostTest(unittest.TestCase):
         subprocess.run([sys.executable, "-m", "json.tool"], input=done.out, text=True, check=True, capture_output=True)
         return json.loads(done.out)
 
-    def run_without_space(self, *words):
-        """Runs the program to its end where no file can be written, as on a full disk."""
+    def run_without_space(self, *words, size=0):
+        """Runs the program to its end where no file can be written beyond `size` bytes, as on a full disk."""
         def limit():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+            resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
 
         return subprocess.run([QUILLMERE, *map(str, words), "--home", str(self.home)], env=self.environment,
                               preexec_fn=limit, capture_output=True, text=True, timeout=120)
