@@ -18,11 +18,10 @@ namespace {
 struct Options {
     std::string fingerprint;
     std::string file;
-    std::string output;
+    ExportTarget target{};
     std::optional<std::string> name;
     std::string engine;
     std::string digest;
-    bool isForced = false;
     bool isWithMood = false;
 };
 
@@ -42,23 +41,10 @@ void encodeRejected(JSONWriter& writer, const std::vector<RecipeBundle::Rejected
 void exportRecipe(Host& host, const Options& options) {
     const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name).forSharing();
     recipe.validate();  // what every reader would refuse is not written
-    const std::string bytes = recipe.encoded();
-    if (options.output.empty()) {
-        std::printf("%s\n", safeJSON(bytes).c_str());
-        return;
-    }
-    writeOutput(options.output, bytes, options.isForced);
-    if (host.json) {
-        JSONWriter writer(JSONWriter::Form::pretty);
-        writer.beginObject();
-        writer.member("file", pathText(std::filesystem::absolute(options.output).lexically_normal()));
+    exportText(host, options.target, recipe.encoded(), recipe.fingerprint, [&](JSONWriter& writer) {
         writer.member("fingerprint", recipe.fingerprint);
         writer.member("name", recipe.name);
-        writer.endObject();
-        printJSON(writer);
-    } else {
-        std::printf("%s  %s\n", safeForTerminal(recipe.fingerprint).c_str(), safeForTerminal(options.output).c_str());
-    }
+    });
 }
 
 void printLine(const char* name, const std::optional<std::string>& value) {
@@ -257,10 +243,8 @@ void addRecipeVerb(CLI::App& app, Host& host) {
     exporting.add_option("fingerprint", options->fingerprint, "The piece's fingerprint, or the beginning of it")
         ->type_name("FINGERPRINT")
         ->required();
-    exporting.add_option("--output", options->output, "The file to write; without it, the recipe is printed")
-        ->type_name("FILE");
+    addExportOptions(exporting, options->target, "The file to write; without it, the recipe is printed");
     exporting.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
-    exporting.add_flag("--force", options->isForced, "Replace an existing file");
     exporting.callback([options, &host] {
         host.prepare();
         exportRecipe(host, *options);

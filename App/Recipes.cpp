@@ -1,11 +1,15 @@
 #include "App/Recipes.hpp"
 
+#include <CLI/CLI.hpp>
 #include <array>
 #include <cmath>
+#include <cstdio>
 
 #include "App/DigestBook.hpp"
 #include "App/Host.hpp"
+#include "App/Output.hpp"
 #include "App/Pieces.hpp"
+#include "App/Terminal.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
@@ -100,6 +104,30 @@ std::string plainWAVDigest(const std::filesystem::path& file) {
             std::as_bytes(std::span(samples).first(frames * static_cast<std::size_t>(audio.format().channels))));
     }
     return hexadecimal(hash.finish());
+}
+
+void addExportOptions(CLI::App& verb, ExportTarget& target, const std::string& help) {
+    verb.add_option("--output", target.file, help)->type_name("FILE");
+    verb.add_flag("--force", target.mayReplace, "Replace an existing file");
+}
+
+void exportText(const Host& host, const ExportTarget& target, const std::string& text, const std::string& label,
+                const std::function<void(JSONWriter&)>& encodeFacts) {
+    if (target.file.empty()) {
+        std::printf("%s\n", safeJSON(text).c_str());
+        return;
+    }
+    writeOutput(target.file, text, target.mayReplace);
+    if (!host.json) {
+        std::printf("%s  %s\n", safeForTerminal(label).c_str(), safeForTerminal(target.file).c_str());
+        return;
+    }
+    JSONWriter writer(JSONWriter::Form::pretty);
+    writer.beginObject();
+    writer.member("file", pathText(std::filesystem::absolute(target.file).lexically_normal()));
+    encodeFacts(writer);
+    writer.endObject();
+    printJSON(writer);
 }
 
 void encodeFailure(JSONWriter& writer, const ImportError& error) {

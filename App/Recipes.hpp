@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,6 +10,10 @@
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace quillmere::app {
 
@@ -35,6 +40,20 @@ struct RecipeFile {
 /// The SHA-256 of the plain WAV file that holds the samples of an audio file: the digest that an engine's file had
 /// before it was stored without loss. Throws `FileError`.
 [[nodiscard]] std::string plainWAVDigest(const std::filesystem::path& file);
+
+/// Where an export goes: `file`, or standard output where that is empty.
+struct ExportTarget {
+    std::string file;
+    bool mayReplace = false;
+};
+
+/// Adds --output, described by `help`, and --force to an exporting verb. `target` must live as long as `verb`.
+void addExportOptions(CLI::App& verb, ExportTarget& target, const std::string& help);
+
+/// Hands out the text of exported recipes: prints it, or writes the target's file durably and says so, by `label` or,
+/// as JSON, by the file and the members that `encodeFacts` adds. Throws as `writeOutput`.
+void exportText(const Host& host, const ExportTarget& target, const std::string& text, const std::string& label,
+                const std::function<void(JSONWriter&)>& encodeFacts);
 
 /// Saves the recipes of a file in the vault and says what became of them: 'recipe import' and 'vault import'.
 void importRecipes(Host& host, const std::string& file);

@@ -14,9 +14,8 @@ namespace {
 struct Options {
     std::string fingerprint;
     std::string file;
-    std::string output;
+    ExportTarget target{};
     std::optional<std::string> name;
-    bool isForced = false;
     bool isMeant = false;
 };
 
@@ -85,22 +84,8 @@ void remove(Host& host, const Options& options) {
 
 void exportAll(Host& host, const Options& options) {
     auto& vault = RecipeVault::shared();
-    const std::string bytes = vault.exported();
-    if (options.output.empty()) {
-        std::printf("%s\n", safeJSON(bytes).c_str());
-        return;
-    }
-    writeOutput(options.output, bytes, options.isForced);
-    if (host.json) {
-        JSONWriter writer(JSONWriter::Form::pretty);
-        writer.beginObject();
-        writer.member("file", pathText(std::filesystem::absolute(options.output).lexically_normal()));
-        writer.member("count", static_cast<std::int64_t>(vault.count()));
-        writer.endObject();
-        printJSON(writer);
-    } else {
-        std::printf("%zu recipes  %s\n", vault.count(), safeForTerminal(options.output).c_str());
-    }
+    exportText(host, options.target, vault.exported(), std::to_string(vault.count()) + " recipes",
+               [&](JSONWriter& writer) { writer.member("count", static_cast<std::int64_t>(vault.count())); });
 }
 
 }  // namespace
@@ -151,9 +136,7 @@ void addVaultVerb(CLI::App& app, Host& host) {
     });
 
     auto& exporting = addPart("export", "Write all recipes to one file to share", "export --output recipes.json");
-    exporting.add_option("--output", options->output, "The file to write; without it, the recipes are printed")
-        ->type_name("FILE");
-    exporting.add_flag("--force", options->isForced, "Replace an existing file");
+    addExportOptions(exporting, options->target, "The file to write; without it, the recipes are printed");
     exporting.callback([options, &host] {
         host.prepare();
         exportAll(host, *options);
