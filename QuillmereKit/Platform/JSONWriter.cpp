@@ -21,7 +21,7 @@ constexpr std::size_t firstCapacity = 1024;
 constexpr std::size_t step = std::size_t{16} * 1024;
 constexpr std::size_t blanksPerLevel = 2;
 constexpr std::size_t roomBehind = 8;      // for what follows a text: at most " : "
-constexpr std::size_t longestNumber = 32;  // "-2.2250738585072014e-308" has 24 characters
+constexpr std::size_t longestNumber = 48;  // "-2.2250738585072014e-308" has 24 characters; copies go beyond
 
 constexpr std::string_view notUTF8 = "A text cannot be written as JSON: it is not valid UTF-8.";
 constexpr std::string_view outOfOrder =
@@ -116,7 +116,7 @@ std::size_t copyBlock(char* out, const char* in) noexcept {
     return static_cast<std::size_t>(std::countr_zero(specials(block) | 1U << blockSize));
 }
 
-/// Copies 4 to 15 bytes if all stand for themselves, as two halves that may overlap: a copy of variable length would
+/// Copies at most 15 bytes if all stand for themselves, as two halves that may overlap: a copy of variable length would
 /// cost more than all the rest.
 bool copyShort(char* out, const char* in, std::size_t count) noexcept {
     if (count >= sizeof(std::uint64_t)) {
@@ -136,29 +136,116 @@ bool copyShort(char* out, const char* in, std::size_t count) noexcept {
         store(out + count - sizeof(last), last);
         return true;
     }
-    return false;
+    if (count == 0) return true;
+    const char first = in[0];
+    const char middle = in[count / 2];
+    const char last = in[count - 1];
+    const auto escapeOf = [](char c) { return escapes[static_cast<unsigned char>(c)]; };
+    if ((escapeOf(first) | escapeOf(middle) | escapeOf(last)) != 0) return false;
+    out[0] = first;
+    out[count / 2] = middle;
+    out[count - 1] = last;
+    return true;
 }
 
-/// Writes a number that is a decimal of at most six places, as most are that somebody rounded; null for any other.
-///
-/// A decimal of at most 15 digits is the only one of so few that a double reads back from, so it is the shortest, and
-/// a quotient of two exact doubles is the double nearest to it.
-char* appendShortDecimal(char* out, double size) noexcept {
-    constexpr double scale = 1e6;
-    constexpr double most = 1e9;
-    constexpr double least = 1e-4;
-    if (size < least || size >= most) return nullptr;
-    const auto scaled = static_cast<std::int64_t>(size * scale + 0.5);
-    if (static_cast<double>(scaled) / scale != size) return nullptr;
-    constexpr std::int64_t unit = 1000000;
-    auto places = static_cast<std::uint32_t>(scaled % unit);
-    out = std::to_chars(out, out + longestNumber, scaled / unit).ptr;
-    *out++ = '.';
-    for (std::uint32_t power = unit / 10; places > 0; power /= 10) {
-        *out++ = static_cast<char>('0' + places / power);
-        places %= power;
+/// Five to each power whose exponent is used, of the 2^-66 that the last place of 1e-4 is worth at least.
+constexpr auto powersOfFive = [] {
+    std::array<std::uint64_t, 21> powers{};
+    powers[0] = 1;
+    for (std::size_t exponent = 1; exponent < powers.size(); ++exponent) powers[exponent] = 5 * powers[exponent - 1];
+    return powers;
+}();
+
+constexpr auto digitPairs = [] {
+    std::array<std::array<char, 2>, 100> pairs{};
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+        pairs[i] = {static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10)};
     }
-    return out;
+    return pairs;
+}();
+
+/// Writes a number below 10^8 with all eight digits.
+void storeEightDigits(char* out, std::uint32_t value) noexcept {
+    const std::uint32_t high = value / 10000;
+    const std::uint32_t low = value % 10000;
+    store(out, digitPairs[high / 100]);
+    store(out + 2, digitPairs[high % 100]);
+    store(out + 4, digitPairs[low / 100]);
+    store(out + 6, digitPairs[low % 100]);
+}
+
+/// Writes a number from 1e-4 to 2^53 that is not whole, with the fewest digits that read back equal, of equally short
+/// ones the nearest, of equally near ones the even; null for powers of two, whose neighbours lie unequally far.
+///
+/// The number is m * 2^-e; all that read back equal lie within 2^-e / 2 of it, those on the border only if m is even.
+/// With 10^-places the greatest power of ten not above 2^-e, at most one multiple of ten times that power lies there,
+/// and it is then the shortest, its zeros left out; otherwise it is one of the power's own multiples to both sides (R.
+/// Giulietti, "The Schubfach way to render doubles", 2020). In this range the number times 10^places is m * 5^places
+/// over a power of two, whose numerator is below 2^100: everything here is exact.
+char* appendShortest(char* out, double size) noexcept {
+    constexpr int fractionBits = 52;
+    constexpr int bias = 1023;
+    constexpr std::uint64_t hidden = std::uint64_t{1} << fractionBits;
+    const auto bits = std::bit_cast<std::uint64_t>(size);
+    if ((bits & (hidden - 1)) == 0) return nullptr;
+    const std::uint64_t m = (bits & (hidden - 1)) | hidden;
+    const auto e = static_cast<unsigned>(bias + fractionBits - static_cast<int>(bits >> fractionBits));
+
+    const unsigned places = (e * 1233 >> 12) + 1;  // 1233/4096 is log10(2) to within what 66 can show
+    const unsigned shift = e - places;
+    const std::uint64_t power = powersOfFive[places];
+
+    // m * power, by halves, as `high` and `low`.
+    constexpr std::uint64_t half = 0xFFFFFFFF;
+    const std::uint64_t middle = (m >> 32) * (power & half) + (m & half) * (power >> 32);
+    const std::uint64_t least = (m & half) * (power & half);
+    const std::uint64_t low = least + (middle << 32);
+    const std::uint64_t high = (m >> 32) * (power >> 32) + (middle >> 32) + (low < least ? 1 : 0);
+
+    // In units of half of the numerator's one: `one` is 10^-places, `reach` is 2^-e / 2.
+    const std::uint64_t below = shift == 0 ? low : high << (64 - shift) | low >> shift;
+    const std::uint64_t rest = 2 * (low & ((std::uint64_t{1} << shift) - 1));
+    const std::uint64_t one = std::uint64_t{2} << shift;
+    const std::uint64_t reach = power - (m & 1);
+
+    const std::uint64_t lastDigit = below % 10;
+    std::uint64_t decimal = below;
+    if (lastDigit * one + rest <= reach) {
+        decimal -= lastDigit;
+    } else if ((10 - lastDigit) * one - rest <= reach) {
+        decimal += 10 - lastDigit;
+    } else if (2 * rest > one || (2 * rest == one && below % 2 != 0)) {
+        ++decimal;
+    }
+
+    // From 2^52 on and below 2^57: 16 to 18 digits. Copies are of a fixed length, as `longestNumber` allows.
+    constexpr std::uint64_t eightDigits = 100'000'000;
+    constexpr std::size_t mostDigits = 18;
+    constexpr std::size_t copied = 24;
+    std::array<char, mostDigits + copied> digits{};
+    const std::uint64_t upper = decimal / eightDigits;
+    const auto lower = static_cast<std::uint32_t>(decimal % eightDigits);
+    store(digits.data(), digitPairs[upper / eightDigits]);
+    storeEightDigits(digits.data() + 2, static_cast<std::uint32_t>(upper % eightDigits));
+    storeEightDigits(digits.data() + 10, lower);
+    const char* first = digits.data();
+    while (*first == '0') ++first;
+    const char* last = digits.data() + (lower == 0 ? mostDigits - 8 : mostDigits);
+    while (last[-1] == '0') --last;
+
+    const auto count = static_cast<std::size_t>(digits.data() + mostDigits - first);
+    const auto used = static_cast<std::size_t>(last - first);
+    if (count > places) {
+        const std::size_t whole = count - places;
+        std::memcpy(out, first, copied - 8);
+        out[whole] = '.';
+        std::memcpy(out + whole + 1, first + whole, copied);
+        return out + used + 1;
+    }
+    const std::size_t zeros = 2 + places - count;
+    std::memcpy(out, "0.000000", 8);
+    std::memcpy(out + zeros, first, copied - 2);
+    return out + zeros + used;
 }
 
 }  // namespace
@@ -173,7 +260,7 @@ bool JSONWriter::isSet(std::string_view key) const {
 }
 
 std::string JSONWriter::take() {
-    precondition(levels_.empty() && expected_ == Expected::nothing, outOfOrder);
+    require(expected_ == Expected::nothing);
     text_.resize(size_);
     size_ = 0;
     expected_ = Expected::value;
@@ -182,18 +269,14 @@ std::string JSONWriter::take() {
 
 void JSONWriter::clear() noexcept {
     size_ = 0;
-    levels_.clear();
+    level_ = {};
+    outer_.clear();
     members_.clear();
     keys_.clear();
     expected_ = Expected::value;
 }
 
-inline char* JSONWriter::reserve(std::size_t count) {
-    if (text_.size() - size_ < count) [[unlikely]] {
-        grow(count);
-    }
-    return text_.data() + size_;
-}
+void JSONWriter::failOrder() noexcept { fatalError(outOfOrder); }
 
 void JSONWriter::grow(std::size_t count) {
     const std::size_t needed = size_ + count;
@@ -217,63 +300,56 @@ void JSONWriter::appendLineStart(std::size_t level) {
 
 /// What stands before a member or an element.
 inline void JSONWriter::separate() {
-    Level& level = levels_.back();
-    if (!level.isEmpty) {
+    if (!level_.isEmpty) {
         *reserve(1) = ',';
         ++size_;
     }
-    level.isEmpty = false;
-    if (form_ == Form::pretty) appendLineStart(levels_.size());
+    level_.isEmpty = false;
+    if (form_ == Form::pretty) appendLineStart(outer_.size());
 }
 
 inline void JSONWriter::beginValue() {
     if (expected_ == Expected::element) return separate();
-    precondition(expected_ == Expected::value, outOfOrder);
+    require(expected_ == Expected::value);
 }
 
 inline void JSONWriter::endValue() noexcept {
-    if (levels_.empty()) {
-        expected_ = Expected::nothing;
-    } else if (levels_.back().isObject) {
-        expected_ = Expected::key;
-        if (form_ != Form::compact) members_.back().end = size_;
-    } else {
-        expected_ = Expected::element;
-    }
+    expected_ = level_.afterValue;
+    if (expected_ == Expected::key && form_ != Form::compact) members_.back().end = size_;
 }
 
-inline void JSONWriter::begin(bool isObject, char bracket) {
+inline void JSONWriter::begin(Expected afterValue, char bracket) {
     beginValue();
     *reserve(1) = bracket;
     ++size_;
-    levels_.push_back({isObject, true, members_.size(), keys_.size()});
-    expected_ = isObject ? Expected::key : Expected::element;
+    outer_.push_back(level_);
+    level_ = {afterValue, true, members_.size(), keys_.size()};
+    expected_ = afterValue;
 }
 
-inline void JSONWriter::end(bool isObject, char bracket) {
-    const bool isInPlace = !levels_.empty() && levels_.back().isObject == isObject &&
-                           expected_ == (isObject ? Expected::key : Expected::element);
-    precondition(isInPlace, outOfOrder);
-    if (isObject && form_ != Form::compact) sortMembers();
+inline void JSONWriter::end(Expected afterValue, char bracket) {
+    require(expected_ == afterValue && level_.afterValue == afterValue);
+    if (afterValue == Expected::key && form_ != Form::compact) sortMembers();
     if (form_ == Form::pretty) {
-        if (levels_.back().isEmpty) append("\n");
-        appendLineStart(levels_.size() - 1);
+        if (level_.isEmpty) append("\n");
+        appendLineStart(outer_.size() - 1);
     }
     *reserve(1) = bracket;
     ++size_;
-    levels_.pop_back();
+    level_ = outer_.back();
+    outer_.pop_back();
     endValue();
 }
 
-void JSONWriter::beginObject() { begin(true, '{'); }
-void JSONWriter::endObject() { end(true, '}'); }
-void JSONWriter::beginArray() { begin(false, '['); }
-void JSONWriter::endArray() { end(false, ']'); }
+void JSONWriter::beginObject() { begin(Expected::key, '{'); }
+void JSONWriter::endObject() { end(Expected::key, '}'); }
+void JSONWriter::beginArray() { begin(Expected::element, '['); }
+void JSONWriter::endArray() { end(Expected::element, ']'); }
 
-void JSONWriter::key(std::string_view key) {
-    precondition(expected_ == Expected::key, outOfOrder);
+void JSONWriter::anyKey(std::string_view key) {
+    require(expected_ == Expected::key);
     const std::size_t size = size_;
-    const bool wasEmpty = levels_.back().isEmpty;
+    const bool wasEmpty = level_.isEmpty;
     separate();
     const std::size_t start = size_;
     char* out = nullptr;
@@ -281,7 +357,7 @@ void JSONWriter::key(std::string_view key) {
         out = quote(key);
     } catch (const EncodingError&) {
         size_ = size;
-        levels_.back().isEmpty = wasEmpty;
+        level_.isEmpty = wasEmpty;
         throw;
     }
     if (form_ == Form::pretty) *out++ = ' ';
@@ -297,13 +373,13 @@ void JSONWriter::key(std::string_view key) {
 
 void JSONWriter::string(std::string_view text) {
     const std::size_t size = size_;
-    const bool wasEmpty = levels_.empty() || levels_.back().isEmpty;
+    const bool wasEmpty = level_.isEmpty;
     beginValue();
     try {
         size_ = static_cast<std::size_t>(quote(text) - text_.data());
     } catch (const EncodingError&) {
         size_ = size;
-        if (!levels_.empty()) levels_.back().isEmpty = wasEmpty;
+        level_.isEmpty = wasEmpty;
         throw;
     }
     endValue();
@@ -385,12 +461,12 @@ void JSONWriter::number(double value) {
     char* const start = out;
     const double size = std::fabs(value);
     if (std::signbit(value)) *out++ = '-';
-    if (size <= mostPlain && size == std::trunc(size)) {
+    const bool isPlain = size >= leastPlain && size <= mostPlain;
+    if (size <= mostPlain && size == static_cast<double>(static_cast<std::int64_t>(size))) {
         out = std::to_chars(out, start + longestNumber, static_cast<std::uint64_t>(size)).ptr;
-    } else if (char* const end = appendShortDecimal(out, size)) {
+    } else if (char* const end = isPlain ? appendShortest(out, size) : nullptr) {
         out = end;
     } else {
-        const bool isPlain = size >= leastPlain && size <= mostPlain;
         const auto format = isPlain ? std::chars_format::fixed : std::chars_format::scientific;
         out = std::to_chars(out, start + longestNumber, size, format).ptr;
     }
@@ -412,8 +488,7 @@ void JSONWriter::raw(std::string_view json) {
 
 /// Puts the members of the innermost object in byte order of their keys. Their texts only change places.
 void JSONWriter::sortMembers() {
-    const Level& level = levels_.back();
-    const auto first = members_.begin() + static_cast<std::ptrdiff_t>(level.firstMember);
+    const auto first = members_.begin() + static_cast<std::ptrdiff_t>(level_.firstMember);
     const auto keyOf = [this](const Member& member) {
         return std::string_view(keys_).substr(member.key, member.keyLength);
     };
@@ -432,8 +507,8 @@ void JSONWriter::sortMembers() {
             append(std::string_view(scratch_).substr(member->start - start, member->end - member->start));
         }
     }
-    members_.resize(level.firstMember);
-    keys_.resize(level.firstKey);
+    members_.resize(level_.firstMember);
+    keys_.resize(level_.firstKey);
 }
 
 }  // namespace quillmere

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -22,6 +24,32 @@ using JSONUserInfo = std::map<std::string, JSONSetting, std::less<>>;
 /// need ("lively" of a mood specification, "eventfulness" of a quality record). A missing entry,
 /// another value or another type keeps them.
 inline constexpr std::string_view omitLegacyMusicFields = "Quillmere.omitLegacyMusicFields";
+
+/// The key of a member. One that stands in the source is known while compiling to need no escape, so that writing it is
+/// one copy. Refers to its text.
+class JSONKey {
+public:
+    /// A key that stands in the source: printable ASCII without `"`, `\` and `/`; anything else does not compile.
+    template <std::size_t size>
+    consteval JSONKey(const char (&literal)[size]) : text_(literal, size - 1), isPlain_(true) {
+        for (const char c : text_) {
+            if (c < ' ' || c > '~' || c == '"' || c == '\\' || c == '/') throw "such a key has to be escaped";
+        }
+    }
+
+    /// Any other text.
+    template <std::convertible_to<std::string_view> Text>
+    JSONKey(const Text& text) noexcept : text_(text) {}
+
+    /// The key, unescaped.
+    [[nodiscard]] std::string_view text() const noexcept { return text_; }
+    /// Whether it is known to be written as it is.
+    [[nodiscard]] constexpr bool isPlain() const noexcept { return isPlain_; }
+
+private:
+    std::string_view text_;
+    bool isPlain_ = false;
+};
 
 /// Writes JSON in the one text form that all files of the library have, byte for byte.
 ///
@@ -57,7 +85,7 @@ public:
     void endArray();
 
     /// The key of the next value of the object. Throws `EncodingError` if it is not UTF-8.
-    void key(std::string_view key);
+    void key(JSONKey key) { key.isPlain() && form_ == Form::compact ? plainKey(key.text()) : anyKey(key.text()); }
 
     /// Throws `EncodingError` if `text` is not UTF-8.
     void string(std::string_view text);
@@ -75,13 +103,13 @@ public:
 
     /// One member: its key, then its value through `encode`.
     template <class T>
-    void member(std::string_view name, const T& value) {
+    void member(JSONKey name, const T& value) {
         key(name);
         encode(*this, value);
     }
     /// One member that is left out when absent.
     template <class T>
-    void member(std::string_view name, const std::optional<T>& value) {
+    void member(JSONKey name, const std::optional<T>& value) {
         if (value) member(name, *value);
     }
     /// An array, each element through `encode`.
@@ -108,9 +136,9 @@ private:
     /// What may come next.
     enum class Expected : std::uint8_t { value, element, key, nothing };
 
-    /// An object or array that is not ended.
+    /// An object or array that is not ended, or the whole text.
     struct Level {
-        bool isObject = false;
+        Expected afterValue = Expected::nothing;
         bool isEmpty = true;
         std::size_t firstMember = 0;  // in members_
         std::size_t firstKey = 0;     // in keys_
@@ -124,12 +152,25 @@ private:
         std::size_t end;
     };
 
-    [[nodiscard]] char* reserve(std::size_t count);
+    [[nodiscard]] char* reserve(std::size_t count) {
+        if (text_.size() - size_ < count) [[unlikely]] {
+            grow(count);
+        }
+        return text_.data() + size_;
+    }
+    void require(bool isInOrder) const noexcept {
+        if (!isInOrder) [[unlikely]] {
+            failOrder();
+        }
+    }
+    [[noreturn]] static void failOrder() noexcept;
+    void plainKey(std::string_view key);
+    void anyKey(std::string_view key);
     void grow(std::size_t count);
     void beginValue();
     void endValue() noexcept;
-    void begin(bool isObject, char bracket);
-    void end(bool isObject, char bracket);
+    void begin(Expected afterValue, char bracket);
+    void end(Expected afterValue, char bracket);
     void separate();
     void appendLineStart(std::size_t level);
     void append(std::string_view text);
@@ -141,11 +182,29 @@ private:
     JSONUserInfo userInfo_;
     std::string text_;  // longer than what is written, so that room need not be looked for at each call
     std::size_t size_ = 0;
-    std::vector<Level> levels_;
+    Level level_;                  // the innermost
+    std::vector<Level> outer_;     // those around it
     std::vector<Member> members_;  // of all objects that are not ended, in the forms with keys in order
     std::string keys_;             // their keys, unescaped
     std::string scratch_;
 };
+
+// The length of a key is a constant where this is inlined: no call copies it.
+inline void JSONWriter::plainKey(std::string_view key) {
+    constexpr std::size_t around = 4;  // a comma, two quotes and a colon
+    require(expected_ == Expected::key);
+    char* out = reserve(key.size() + around);
+    *out = ',';
+    out += level_.isEmpty ? 0 : 1;
+    *out++ = '"';
+    std::memcpy(out, key.data(), key.size());
+    out += key.size();
+    *out++ = '"';
+    *out++ = ':';
+    size_ = static_cast<std::size_t>(out - text_.data());
+    level_.isEmpty = false;
+    expected_ = Expected::value;
+}
 
 inline void encode(JSONWriter& writer, const std::string& value) { writer.string(value); }
 inline void encode(JSONWriter& writer, std::string_view value) { writer.string(value); }
