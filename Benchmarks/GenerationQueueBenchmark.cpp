@@ -1,6 +1,10 @@
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "Benchmarks/Comparison.hpp"
@@ -8,7 +12,7 @@
 #include "QuillmereKit/Generation/GenerationQueue.hpp"
 
 // How long a request takes from the caller to its first event, and a finished piece to the next render's start, beside
-// handing a word to another thread and hearing back through a condition variable.
+// handing a word to another thread and hearing back through a condition variable; and what idling costs.
 
 namespace quillmere::benchmarks {
 namespace {
@@ -133,6 +137,37 @@ void handOver(benchmark::State& state) {
     there.set();
 }
 
+// The processor time that a queue takes while nobody wants anything, beside the time that passes.
+constexpr std::chrono::seconds idleTime(2);
+
+void idling(benchmark::State& state) {
+    const auto& folder = sampleLibrary(100);
+    const GenerationQueue queue(std::make_shared<InstantRenderer>(folder.parent_path()), openLibrary(folder), 1);
+    static_cast<void>(queue.isBusy());  // its threads are there and have had their turn
+    for (auto _ : state) {
+        const auto before = std::clock();
+        std::this_thread::sleep_for(idleTime);
+        state.SetIterationTime(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC);
+    }
+}
+
+void passing(benchmark::State& state) {
+    for (auto _ : state) state.SetIterationTime(std::chrono::duration<double>(idleTime).count());
+}
+
+bool compareIdling() {
+    const auto add = [](const char* side, void (*body)(benchmark::State&)) {
+        benchmark::RegisterBenchmark((std::string("Queue: processor time in 2 s of idling, over them") + side).c_str(),
+                                     body)
+            ->UseManualTime()
+            ->Iterations(1)
+            ->Unit(benchmark::kMicrosecond);
+    };
+    add("/ours", idling);
+    add("/peer", passing);
+    return true;
+}
+
 bool compareWithHandOver(const char* subject, void (*ours)(benchmark::State&)) {
     const auto add = [&](const char* side, void (*body)(benchmark::State&)) {
         benchmark::RegisterBenchmark((std::string(subject) + side).c_str(), body)
@@ -146,7 +181,7 @@ bool compareWithHandOver(const char* subject, void (*ours)(benchmark::State&)) {
 
 [[maybe_unused]] const bool registered =
     compareWithHandOver("Queue: request to rendering", requestToRendering) &&
-    compareWithHandOver("Queue: finished to the next render's start", finishedToNextStart);
+    compareWithHandOver("Queue: finished to the next render's start", finishedToNextStart) && compareIdling();
 
 }  // namespace
 }  // namespace quillmere::benchmarks

@@ -26,9 +26,7 @@ int main(int count, char** arguments) {
     if (count != 3) return 2;
     const std::string what = arguments[1];
     if (what == "make") {
-        const auto folder = benchmarks::sampleLibrary(std::stoul(arguments[2]));
-        std::filesystem::rename(folder, folder.string() + "-kept");
-        std::printf("%s-kept\n", folder.c_str());
+        std::printf("%s\n", benchmarks::makeLibrary(std::stoul(arguments[2])).c_str());
         return 0;
     }
     const std::filesystem::path folder = arguments[2];

@@ -26,23 +26,11 @@ public:
 
     const std::filesystem::path& folder(std::size_t count) {
         auto& folder = folders_[count];
-        if (folder.empty()) make(folder, count);
+        if (folder.empty()) folder = makeLibrary(count);
         return folder;
     }
 
 private:
-    static void make(std::filesystem::path& folder, std::size_t count) {
-        folder = std::filesystem::temp_directory_path() / ("quillmere-benchmark-" + UUID::random().text());
-        std::filesystem::create_directories(folder);
-        std::vector<LoopArtifact> pieces;
-        pieces.reserve(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            pieces.push_back(samplePiece(folder, i));
-            std::ofstream(pieces.back().url.path()) << "RIFF";
-        }
-        std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
-    }
-
     std::map<std::size_t, std::filesystem::path> folders_;
 };
 
@@ -70,6 +58,19 @@ LoopArtifact samplePiece(const std::filesystem::path& folder, std::size_t index)
             .quality = quality,
             .engineBuild = "tonebed-1",
             .origin = RecipeOrigin{"Example CPU at 3.00 GHz"}};
+}
+
+std::filesystem::path makeLibrary(std::size_t count) {
+    const auto folder = std::filesystem::temp_directory_path() / ("quillmere-benchmark-" + UUID::random().text());
+    std::filesystem::create_directories(folder);
+    std::vector<LoopArtifact> pieces;
+    pieces.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        pieces.push_back(samplePiece(folder, i));
+        std::ofstream(pieces.back().url.path()) << "RIFF";
+    }
+    std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
+    return folder;
 }
 
 const std::filesystem::path& sampleLibrary(std::size_t count) {

@@ -19,6 +19,9 @@ inline constexpr std::size_t piecesPerMood = 500;
 /// The identifier of the mood of piece `index`.
 [[nodiscard]] std::string sampleMood(std::size_t index);
 
+/// Makes a library of so many pieces in a fresh folder, which the caller removes.
+[[nodiscard]] std::filesystem::path makeLibrary(std::size_t count);
+
 /// A loop library of `count` pieces with a manifest and (nearly empty) audio files, made on first use among the
 /// temporary files and removed when the process ends.
 [[nodiscard]] const std::filesystem::path& sampleLibrary(std::size_t count);

@@ -181,6 +181,44 @@ TEST(JSONWriterTests, DecimalsOfFewPlacesAreWrittenAsSomebodyWouldTypeThem) {
     }
 }
 
+TEST(JSONWriterTests, NumbersHalfwayBetweenTwoShortOnesAndBesidePowersOfTwoAreExact) {
+    std::mt19937_64 random(7);
+    for (int round = 0; round < 20000; ++round) {
+        const double value =
+            std::ldexp(static_cast<double>(random() >> (11 + random() % 50)), -static_cast<int>(random() % 20));
+        if (value == 0) continue;
+        ASSERT_EQ(compact(value), textByReference(value));
+    }
+    EXPECT_EQ(compact(0x1p50 + 0.25), "1125899906842624.2");
+    EXPECT_EQ(compact(0x1p50 + 0.75), "1125899906842624.8");
+    for (int exponent = -14; exponent < 53; ++exponent) {
+        double value = std::ldexp(1.0, exponent);
+        for (int step = 0; step < 3; ++step) value = std::nextafter(value, 0);
+        for (int step = -3; step <= 3; ++step, value = std::nextafter(value, 1e300)) {
+            EXPECT_EQ(compact(value), textByReference(value));
+        }
+    }
+}
+
+TEST(JSONWriterTests, KeysKnownInTheSourceAreWrittenLikeAnyOther) {
+    for (const Form form : {Form::compact, Form::sorted, Form::pretty}) {
+        const std::string known = written(form, [](JSONWriter& writer) {
+            writer.beginObject();
+            writer.member("moodID", 1);
+            writer.member("", 2);
+            writer.endObject();
+        });
+        const std::string any = written(form, [](JSONWriter& writer) {
+            writer.beginObject();
+            writer.member(std::string("moodID"), 1);
+            writer.member(std::string_view(), 2);
+            writer.endObject();
+        });
+
+        EXPECT_EQ(known, any);
+    }
+}
+
 TEST(JSONWriterTests, NonFiniteNumberIsAnErrorAndLeavesNoTrace) {
     for (const double value : {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
                                std::numeric_limits<double>::quiet_NaN()}) {
@@ -205,11 +243,11 @@ TEST(JSONWriterTests, TextThatIsNotUTF8IsAnErrorAndLeavesNoTrace) {
         writer.beginArray();
         EXPECT_THROW(writer.string("a long text with a bad byte at its end\xC3"), EncodingError);
         writer.beginObject();
-        EXPECT_THROW(writer.key("\xED\xA0\x80"), EncodingError);
+        EXPECT_THROW(writer.key(std::string_view("\xED\xA0\x80")), EncodingError);
         writer.key("k");
         EXPECT_THROW(writer.string("/////////////\x80"), EncodingError);
         writer.string("v");
-        EXPECT_THROW(writer.key("k\xF8"), EncodingError);
+        EXPECT_THROW(writer.key(std::string_view("k\xF8")), EncodingError);
         writer.key("a");
         writer.integer(1);
         writer.endObject();
