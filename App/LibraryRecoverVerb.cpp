@@ -67,6 +67,7 @@ void recover(Host& host, bool isWanted) {
     const bool isDone = isWanted && !records.recoverable.empty();
     if (isDone) {
         std::vector<LoopArtifact> pieces;
+        pieces.reserve(records.recoverable.size());
         for (const auto& entry : records.recoverable) pieces.push_back(entry.piece);
         store->add(std::move(pieces));
     }

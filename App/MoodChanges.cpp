@@ -91,7 +91,7 @@ void MoodChanges::apply(const End& changes, const std::string& name, MoodEnd& en
         if (!bpm || *bpm < MoodEnd::bpmRangeMin || *bpm > MoodEnd::bpmRangeMax) {
             throw CLI::ValidationError("--" + name + "-bpm", "give beats per minute from 30 to 300, or none.");
         }
-        end.bpm = *bpm;
+        end.bpm = bpm;
     }
 }
 

@@ -17,7 +17,7 @@ std::string pathText(const std::filesystem::path& path) {
     return isValidUTF8(path.native()) ? path.native() : safeForTerminal(path.native());
 }
 
-OutputFile::OutputFile(std::filesystem::path file, bool mayReplace)
+OutputFile::OutputFile(const std::filesystem::path& file, bool mayReplace)
     : file_(std::filesystem::absolute(file).lexically_normal()),
       temporary_(file_.parent_path() / (".quillmere-" + UUID::random().text() + ".part")),
       mayReplace_(mayReplace) {

@@ -19,7 +19,7 @@ void printJSON(JSONWriter& writer);
 class OutputFile {
 public:
     /// Throws `Error` if something stands at `file`, unless that is a regular file and `mayReplace`.
-    OutputFile(std::filesystem::path file, bool mayReplace);
+    OutputFile(const std::filesystem::path& file, bool mayReplace);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;

@@ -196,6 +196,7 @@ void importRecipes(Host& host, const std::string& file) {
     if (host.json) {
         const auto fingerprints = [](const std::vector<LoopRecipe>& recipes) {
             std::vector<std::string> all;
+            all.reserve(recipes.size());
             for (const auto& recipe : recipes) all.push_back(recipe.fingerprint);
             return all;
         };

@@ -93,7 +93,7 @@ std::optional<Recreation> recreate(const LoopRecipe& recipe, const std::string& 
     const double seconds = lengthOf(recipe);
     const auto store = host.writableStore();
     const auto engines = enginesFor(engine, store);
-    if (const auto refusal = whyNotHere(recipe, engines->engineBuild(recipe.identity))) throw *refusal;
+    if (const auto refusal = whyNotHere(recipe, engines->engineBuild(recipe.identity))) throw ImportError(*refusal);
 
     Outcome outcome;
     {

@@ -13,8 +13,8 @@ namespace {
 
 // The minute of the day that "22:00" or "7:30" names.
 std::optional<std::int64_t> minuteOfDay(std::string_view text) {
-    const auto colon = text.find(':');
-    if (colon == std::string_view::npos || colon > 2 || text.size() != colon + 3) return std::nullopt;
+    const auto colon = text.find(':');  // beyond everything where there is none
+    if (colon > 2 || text.size() != colon + 3) return std::nullopt;
     const auto hour = decimalInteger(text.substr(0, colon));
     const auto minute = decimalInteger(text.substr(colon + 1));
     if (!hour || !minute || *hour > 23 || *minute > 59) return std::nullopt;

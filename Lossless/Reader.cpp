@@ -126,7 +126,7 @@ void LosslessReader::release() noexcept {
     av_packet_free(&packet_);
     avcodec_free_context(&decoder_);
     avformat_close_input(&container_);
-    if (input_ != nullptr) av_freep(&input_->buffer);
+    if (input_ != nullptr) av_freep(static_cast<void*>(&input_->buffer));
     avio_context_free(&input_);
 }
 

@@ -78,7 +78,7 @@ void LosslessWriter::release() noexcept {
     for (auto& packet : working_.packets) av_packet_free(&packet);
     avformat_free_context(container_);
     container_ = nullptr;
-    if (output_ != nullptr) av_freep(&output_->buffer);
+    if (output_ != nullptr) av_freep(static_cast<void*>(&output_->buffer));
     avio_context_free(&output_);
 }
 

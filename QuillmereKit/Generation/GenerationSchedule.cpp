@@ -7,7 +7,7 @@
 namespace quillmere {
 namespace {
 
-constexpr bool isMinuteOfDay(std::int64_t minute) noexcept { return minute >= 0 && minute < 24 * 60; }
+constexpr bool isMinuteOfDay(std::int64_t minute) noexcept { return minute >= 0 && minute < std::int64_t{24} * 60; }
 
 }  // namespace
 

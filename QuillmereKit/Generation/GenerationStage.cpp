@@ -65,7 +65,8 @@ std::optional<GenerationStage> blockOfBlocks(std::span<const std::string_view> w
 }
 
 std::string withBreak(std::string text, const GenerationActivity& activity) {
-    return activity.isWaiting() ? text + " · taking a short break" : text;
+    if (activity.isWaiting()) text += " · taking a short break";
+    return text;
 }
 
 std::string creating(std::int64_t step, std::int64_t total) {

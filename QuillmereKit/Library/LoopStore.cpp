@@ -279,8 +279,8 @@ const std::shared_ptr<LoopStore>& LoopStore::shared() {
     return store;
 }
 
-LoopStore::LoopStore(std::optional<std::filesystem::path> directory, ResourceBundle bundle, Discard discard,
-                     Access access)
+LoopStore::LoopStore(const std::optional<std::filesystem::path>& directory, const ResourceBundle& bundle,
+                     Discard discard, Access access)
     : state_(State::open(directoryFrom(directory), access)), discard_(discard ? std::move(discard) : discardToTrash) {
     const std::lock_guard lock(state_->mutex);
     state_->mergeSeeds(bundle, access);
@@ -375,7 +375,7 @@ std::set<std::string> LoopStore::bundledFingerprints() const {
     return fingerprints;
 }
 
-void LoopStore::protectFromMigration(std::set<std::string> fingerprints, const UUID& owner) {
+void LoopStore::protectFromMigration(const std::set<std::string>& fingerprints, const UUID& owner) {
     std::set<LoopKey> keys;
     for (const auto& fingerprint : fingerprints) {
         if (const auto key = LoopKey::fromText(fingerprint)) keys.insert(*key);

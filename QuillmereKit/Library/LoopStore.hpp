@@ -73,8 +73,8 @@ public:
     /// Never fails: a folder that cannot be made, a missing or damaged manifest or a missing seed leaves the store with
     /// fewer pieces. An entry counts only if its file exists and is a regular file; a disk that cannot tell is given
     /// the benefit of the doubt.
-    explicit LoopStore(std::optional<std::filesystem::path> directory = std::nullopt,
-                       ResourceBundle bundle = ResourceBundle::main(), Discard discard = {},
+    explicit LoopStore(const std::optional<std::filesystem::path>& directory = std::nullopt,
+                       const ResourceBundle& bundle = ResourceBundle::main(), Discard discard = {},
                        Access access = Access::writing);
     ~LoopStore();
     LoopStore(const LoopStore&) = delete;
@@ -123,7 +123,7 @@ public:
 
     /// Keeps pieces as they are while `owner` plays them; replaces what the owner protected before. An empty set ends
     /// the protection. In memory only.
-    void protectFromMigration(std::set<std::string> fingerprints, const UUID& owner);
+    void protectFromMigration(const std::set<std::string>& fingerprints, const UUID& owner);
 
     // Pools. All lists are sorted by fingerprint, ascending, and are copies; their cost grows with the mood, not
     // with the library.
