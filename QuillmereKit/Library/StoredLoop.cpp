@@ -72,7 +72,7 @@ StoredLoop::StoredLoop(LoopKey loopKey, LoopArtifact artifact, SharedTexts& text
       seconds(artifact.seconds),
       seamDB(artifact.seamDB),
       leadIn(artifact.leadIn),
-      quality(std::move(artifact.quality)) {}
+      quality(artifact.quality) {}
 
 LoopIdentity StoredLoop::identity() const {
     return {.moodID = *moodID,

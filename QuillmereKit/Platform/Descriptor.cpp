@@ -8,13 +8,13 @@ namespace quillmere {
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
     if (this != &other) {
-        close();
+        static_cast<void>(close());
         number_ = other.release();
     }
     return *this;
 }
 
-Descriptor::~Descriptor() { close(); }
+Descriptor::~Descriptor() { static_cast<void>(close()); }
 
 std::error_code Descriptor::close() noexcept {
     const int number = release();

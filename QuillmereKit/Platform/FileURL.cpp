@@ -119,11 +119,10 @@ std::filesystem::path standardPath(const std::filesystem::path& path) {
         const auto part = text.substr(start, end - start);
         start = end + 1;
         if (part.empty() || part == ".") continue;
-        if (part != "..") {
-            parts.push_back(part);
-        } else if (!parts.empty() && parts.back() != "..") {
+        const bool isUp = part == "..";
+        if (isUp && !parts.empty() && parts.back() != "..") {
             parts.pop_back();
-        } else if (!isAbsolute) {
+        } else if (!isUp || !isAbsolute) {
             parts.push_back(part);
         }
     }

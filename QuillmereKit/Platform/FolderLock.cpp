@@ -160,7 +160,7 @@ std::string FolderLock::holder(const std::filesystem::path& lockFile) {
     } catch (const FileError&) {
         return std::string(unknownHolder);
     }
-    const std::string name(trimmed(text));
+    std::string name(trimmed(text));
     const auto isControl = [](char character) {
         return static_cast<unsigned char>(character) < 0x20 || character == 0x7F;
     };

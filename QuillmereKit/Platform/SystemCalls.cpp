@@ -183,7 +183,7 @@ std::vector<FolderEntry> entries(int folder, const std::filesystem::path& shown)
     // The stream reads through a description of its own, so that the caller's can be listed again.
     std::error_code error;
     Descriptor own = openFolderAt(folder, ".", error);
-    if (error) throw FileError("list", shown, error);
+    if (!own.isOpen()) throw FileError("list", shown, error);
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(own.number()), ::closedir);
     if (stream == nullptr) throw FileError("list", shown, lastError());
     static_cast<void>(own.release());
