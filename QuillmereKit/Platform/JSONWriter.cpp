@@ -19,9 +19,13 @@ namespace {
 
 constexpr std::size_t firstCapacity = 1024;
 constexpr std::size_t step = std::size_t{16} * 1024;
+constexpr std::size_t firstLevels = 8;
 constexpr std::size_t blanksPerLevel = 2;
+constexpr std::size_t blockSize = 16;
+constexpr std::size_t longestEscape = 6;
 constexpr std::size_t roomBehind = 8;      // for what follows a text: at most " : "
 constexpr std::size_t longestNumber = 48;  // "-2.2250738585072014e-308" has 24 characters; copies go beyond
+constexpr std::size_t slack = longestEscape + blockSize + roomBehind;  // what one step may write beyond its due
 
 constexpr std::string_view notUTF8 = "A text cannot be written as JSON: it is not valid UTF-8.";
 constexpr std::string_view outOfOrder =
@@ -65,8 +69,6 @@ std::size_t sequenceLength(const unsigned char* place, std::size_t left) noexcep
     return 0;
 }
 
-constexpr std::size_t blockSize = 16;
-
 #if defined(__SSE2__)
 using Block = __m128i;
 
@@ -109,11 +111,11 @@ void store(char* place, const T& value) noexcept {
     std::memcpy(place, &value, sizeof(T));
 }
 
-/// Copies a block; returns how many bytes at its start stand for themselves.
-std::size_t copyBlock(char* out, const char* in) noexcept {
+/// Copies a block; returns a bit for each of its bytes that does not stand for itself.
+unsigned copyBlock(char* out, const char* in) noexcept {
     const auto block = load<Block>(in);
     store(out, block);
-    return static_cast<std::size_t>(std::countr_zero(specials(block) | 1U << blockSize));
+    return specials(block);
 }
 
 /// Copies at most 15 bytes if all stand for themselves, as two halves that may overlap: a copy of variable length would
@@ -163,6 +165,19 @@ constexpr auto digitPairs = [] {
     }
     return pairs;
 }();
+
+/// Writes a whole number that is not negative. Most of those in a library are small.
+char* appendWhole(char* out, std::uint64_t value) noexcept {
+    if (value >= 1000) return std::to_chars(out, out + longestNumber, value).ptr;
+    if (value >= 10) {
+        *out = static_cast<char>('0' + value / 100);
+        out += value >= 100 ? 1 : 0;
+        store(out, digitPairs[value % 100]);
+        return out + 2;
+    }
+    *out = static_cast<char>('0' + value);
+    return out + 1;
+}
 
 /// Writes a number below 10^8 with all eight digits.
 void storeEightDigits(char* out, std::uint32_t value) noexcept {
@@ -270,7 +285,7 @@ std::string JSONWriter::take() {
 void JSONWriter::clear() noexcept {
     size_ = 0;
     level_ = {};
-    outer_.clear();
+    depth_ = 0;
     members_.clear();
     keys_.clear();
     expected_ = Expected::value;
@@ -300,56 +315,59 @@ void JSONWriter::appendLineStart(std::size_t level) {
 
 /// What stands before a member or an element.
 inline void JSONWriter::separate() {
-    if (!level_.isEmpty) {
+    if (expected_ == Expected::nextKey || expected_ == Expected::nextElement) {
         *reserve(1) = ',';
         ++size_;
     }
-    level_.isEmpty = false;
-    if (form_ == Form::pretty) appendLineStart(outer_.size());
+    if (form_ == Form::pretty) appendLineStart(depth_);
 }
 
 inline void JSONWriter::beginValue() {
-    if (expected_ == Expected::element) return separate();
-    require(expected_ == Expected::value);
+    if (expected_ == Expected::value) return;
+    require(expected_ == Expected::firstElement || expected_ == Expected::nextElement);
+    separate();
 }
 
 inline void JSONWriter::endValue() noexcept {
     expected_ = level_.afterValue;
-    if (expected_ == Expected::key && form_ != Form::compact) members_.back().end = size_;
+    if (form_ != Form::compact && expected_ == Expected::nextKey) members_.back().end = size_;
 }
 
-inline void JSONWriter::begin(Expected afterValue, char bracket) {
+void JSONWriter::growLevels() { outer_.resize(2 * outer_.size() + firstLevels); }
+
+inline void JSONWriter::begin(Expected first, Expected afterValue, char bracket) {
     beginValue();
     *reserve(1) = bracket;
     ++size_;
-    outer_.push_back(level_);
-    level_ = {afterValue, true, members_.size(), keys_.size()};
-    expected_ = afterValue;
+    if (depth_ == outer_.size()) [[unlikely]] {
+        growLevels();
+    }
+    outer_[depth_++] = level_;
+    level_ = {members_.size(), keys_.size(), afterValue};
+    expected_ = first;
 }
 
-inline void JSONWriter::end(Expected afterValue, char bracket) {
-    require(expected_ == afterValue && level_.afterValue == afterValue);
-    if (afterValue == Expected::key && form_ != Form::compact) sortMembers();
+inline void JSONWriter::end(Expected first, Expected afterValue, char bracket) {
+    require(expected_ == first || expected_ == afterValue);
+    if (afterValue == Expected::nextKey && form_ != Form::compact) sortMembers();
     if (form_ == Form::pretty) {
-        if (level_.isEmpty) append("\n");
-        appendLineStart(outer_.size() - 1);
+        if (expected_ == first) append("\n");
+        appendLineStart(depth_ - 1);
     }
     *reserve(1) = bracket;
     ++size_;
-    level_ = outer_.back();
-    outer_.pop_back();
+    level_ = outer_[--depth_];
     endValue();
 }
 
-void JSONWriter::beginObject() { begin(Expected::key, '{'); }
-void JSONWriter::endObject() { end(Expected::key, '}'); }
-void JSONWriter::beginArray() { begin(Expected::element, '['); }
-void JSONWriter::endArray() { end(Expected::element, ']'); }
+void JSONWriter::beginObject() { begin(Expected::firstKey, Expected::nextKey, '{'); }
+void JSONWriter::endObject() { end(Expected::firstKey, Expected::nextKey, '}'); }
+void JSONWriter::beginArray() { begin(Expected::firstElement, Expected::nextElement, '['); }
+void JSONWriter::endArray() { end(Expected::firstElement, Expected::nextElement, ']'); }
 
 void JSONWriter::anyKey(std::string_view key) {
-    require(expected_ == Expected::key);
+    require(isKeyNext());
     const std::size_t size = size_;
-    const bool wasEmpty = level_.isEmpty;
     separate();
     const std::size_t start = size_;
     char* out = nullptr;
@@ -357,7 +375,6 @@ void JSONWriter::anyKey(std::string_view key) {
         out = quote(key);
     } catch (const EncodingError&) {
         size_ = size;
-        level_.isEmpty = wasEmpty;
         throw;
     }
     if (form_ == Form::pretty) *out++ = ' ';
@@ -373,13 +390,11 @@ void JSONWriter::anyKey(std::string_view key) {
 
 void JSONWriter::string(std::string_view text) {
     const std::size_t size = size_;
-    const bool wasEmpty = level_.isEmpty;
     beginValue();
     try {
         size_ = static_cast<std::size_t>(quote(text) - text_.data());
     } catch (const EncodingError&) {
         size_ = size;
-        level_.isEmpty = wasEmpty;
         throw;
     }
     endValue();
@@ -387,32 +402,60 @@ void JSONWriter::string(std::string_view text) {
 
 /// Writes a text in quotes, without counting it as written yet, and returns its end; `roomBehind` bytes may follow.
 char* JSONWriter::quote(std::string_view text) {
-    constexpr std::size_t longestEscape = 6;
-    constexpr std::size_t slack = longestEscape + blockSize + roomBehind;  // what one step may write beyond its due
     const char* in = text.data();
     std::size_t left = text.size();
     char* out = reserve(left + blockSize + slack);
     *out++ = '"';
+    if (left < blockSize) {
+        if (!copyShort(out, in, left)) return escape(in, left, out);
+        out += left;
+    } else {
+        while (left >= blockSize) {
+            if (copyBlock(out, in) != 0) return escape(in, left, out);
+            in += blockSize;
+            out += blockSize;
+            left -= blockSize;
+        }
+        // The rest as a block that begins before it: one copy of a fixed length.
+        const std::size_t again = blockSize - left;
+        if (left > 0 && copyBlock(out - again, in - again) != 0) return escape(in, left, out);
+        out += left;
+    }
+    *out++ = '"';
+    return out;
+}
 
+/// Writes the rest of a text, in which something may have to be escaped, and the quote behind it.
+char* JSONWriter::escape(const char* in, std::size_t left, char* out) {
+    const char* plain = in;  // from here on all bytes stood for themselves
     while (left > 0) {
         if (left >= blockSize) {
-            const std::size_t safe = copyBlock(out, in);
+            const unsigned found = copyBlock(out, in);
+            const auto safe = found == 0 ? blockSize : static_cast<std::size_t>(std::countr_zero(found));
             out += safe;
             in += safe;
             left -= safe;
-            if (safe == blockSize) continue;
+            if (found == 0) continue;
+        } else if (const auto done = static_cast<std::size_t>(in - plain); done + left >= blockSize) {
+            const std::size_t again = blockSize - left;
+            if (copyBlock(out - again, in - again) == 0) {
+                out += left;
+                break;
+            }
         } else if (copyShort(out, in, left)) {
             out += left;
             break;
         }
 
         const auto byte = static_cast<unsigned char>(*in);
-        const char escape = escapes[byte];
-        if (escape == 0) {  // near the end, something special behind
+        const char letter = escapes[byte];
+        if (letter == 0) {  // near the end, something special behind
             do {
                 *out++ = *in++;
             } while (--left > 0 && escapes[static_cast<unsigned char>(*in)] == 0);
-        } else if (escape == 1) {
+            continue;
+        }
+        if (letter == 1) {
             const std::size_t length = sequenceLength(reinterpret_cast<const unsigned char*>(in), left);
             if (length == 0) throw EncodingError(std::string(notUTF8));
             std::memcpy(out, in, length);
@@ -420,9 +463,9 @@ char* JSONWriter::quote(std::string_view text) {
             in += length;
             left -= length;
         } else {
-            *out++ = '\\';
-            *out++ = escape;
-            if (escape == 'u') {
+            store(out, std::array<char, 2>{'\\', letter});
+            out += 2;
+            if (letter == 'u') {
                 constexpr std::string_view digits = "0123456789abcdef";
                 store(out, std::array<char, 4>{'0', '0', digits[byte >> 4], digits[byte & 0x0F]});
                 out += 4;
@@ -433,6 +476,7 @@ char* JSONWriter::quote(std::string_view text) {
             const auto written = static_cast<std::size_t>(out - (text_.data() + size_));
             if (text_.size() - size_ < written + left + slack) out = reserve(written + 2 * left + slack) + written;
         }
+        plain = in;
     }
     *out++ = '"';
     return out;
@@ -441,14 +485,18 @@ char* JSONWriter::quote(std::string_view text) {
 void JSONWriter::integer(std::int64_t value) {
     beginValue();
     char* out = reserve(longestNumber);
-    size_ += static_cast<std::size_t>(std::to_chars(out, out + longestNumber, value).ptr - out);
+    char* const start = out;
+    *out = '-';
+    out += value < 0 ? 1 : 0;
+    const auto bits = static_cast<std::uint64_t>(value);
+    size_ += static_cast<std::size_t>(appendWhole(out, value < 0 ? 0 - bits : bits) - start);
     endValue();
 }
 
 void JSONWriter::unsignedInteger(std::uint64_t value) {
     beginValue();
-    char* out = reserve(longestNumber);
-    size_ += static_cast<std::size_t>(std::to_chars(out, out + longestNumber, value).ptr - out);
+    char* const out = reserve(longestNumber);
+    size_ += static_cast<std::size_t>(appendWhole(out, value) - out);
     endValue();
 }
 
@@ -460,10 +508,11 @@ void JSONWriter::number(double value) {
     char* out = reserve(longestNumber);
     char* const start = out;
     const double size = std::fabs(value);
-    if (std::signbit(value)) *out++ = '-';
+    *out = '-';
+    out += std::signbit(value) ? 1 : 0;
     const bool isPlain = size >= leastPlain && size <= mostPlain;
     if (size <= mostPlain && size == static_cast<double>(static_cast<std::int64_t>(size))) {
-        out = std::to_chars(out, start + longestNumber, static_cast<std::uint64_t>(size)).ptr;
+        out = appendWhole(out, static_cast<std::uint64_t>(size));
     } else if (char* const end = isPlain ? appendShortest(out, size) : nullptr) {
         out = end;
     } else {

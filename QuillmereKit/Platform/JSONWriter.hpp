@@ -134,14 +134,13 @@ public:
 
 private:
     /// What may come next.
-    enum class Expected : std::uint8_t { value, element, key, nothing };
+    enum class Expected : std::uint8_t { value, firstKey, nextKey, firstElement, nextElement, nothing };
 
-    /// An object or array that is not ended, or the whole text.
+    /// An object or array that is not ended, or the whole text. Never changed while it is the innermost.
     struct Level {
-        Expected afterValue = Expected::nothing;
-        bool isEmpty = true;
         std::size_t firstMember = 0;  // in members_
         std::size_t firstKey = 0;     // in keys_
+        Expected afterValue = Expected::nothing;
     };
 
     /// Where a member of an object that is not ended stands, for putting the keys in order.
@@ -164,17 +163,22 @@ private:
         }
     }
     [[noreturn]] static void failOrder() noexcept;
+    [[nodiscard]] bool isKeyNext() const noexcept {
+        return expected_ == Expected::firstKey || expected_ == Expected::nextKey;
+    }
     void plainKey(std::string_view key);
     void anyKey(std::string_view key);
     void grow(std::size_t count);
     void beginValue();
     void endValue() noexcept;
-    void begin(Expected afterValue, char bracket);
-    void end(Expected afterValue, char bracket);
+    void growLevels();
+    void begin(Expected first, Expected afterValue, char bracket);
+    void end(Expected first, Expected afterValue, char bracket);
     void separate();
     void appendLineStart(std::size_t level);
     void append(std::string_view text);
     [[nodiscard]] char* quote(std::string_view text);
+    [[nodiscard]] char* escape(const char* in, std::size_t left, char* out);
     void sortMembers();
 
     Form form_;
@@ -183,7 +187,8 @@ private:
     std::string text_;  // longer than what is written, so that room need not be looked for at each call
     std::size_t size_ = 0;
     Level level_;                  // the innermost
-    std::vector<Level> outer_;     // those around it
+    std::size_t depth_ = 0;        // how many are around it
+    std::vector<Level> outer_;     // those, and room for more
     std::vector<Member> members_;  // of all objects that are not ended, in the forms with keys in order
     std::string keys_;             // their keys, unescaped
     std::string scratch_;
@@ -192,17 +197,15 @@ private:
 // The length of a key is a constant where this is inlined: no call copies it.
 inline void JSONWriter::plainKey(std::string_view key) {
     constexpr std::size_t around = 4;  // a comma, two quotes and a colon
-    require(expected_ == Expected::key);
+    require(isKeyNext());
+    const std::size_t comma = expected_ == Expected::nextKey ? 1 : 0;
     char* out = reserve(key.size() + around);
     *out = ',';
-    out += level_.isEmpty ? 0 : 1;
-    *out++ = '"';
-    std::memcpy(out, key.data(), key.size());
-    out += key.size();
-    *out++ = '"';
-    *out++ = ':';
-    size_ = static_cast<std::size_t>(out - text_.data());
-    level_.isEmpty = false;
+    out += comma;
+    *out = '"';
+    std::memcpy(out + 1, key.data(), key.size());
+    std::memcpy(out + 1 + key.size(), "\":", 2);
+    size_ += comma + key.size() + 3;
     expected_ = Expected::value;
 }
 

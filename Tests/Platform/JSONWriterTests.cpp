@@ -113,6 +113,36 @@ TEST(JSONWriterTests, NumbersAreWrittenWhole) {
     EXPECT_EQ(encodeJSON(-7, Form::compact), "-7");
     EXPECT_EQ(written(Form::compact, [](JSONWriter& writer) { writer.unsignedInteger(UINT64_MAX); }),
               "18446744073709551615");
+    for (std::int64_t number = -12'000; number <= 12'000; ++number) {
+        ASSERT_EQ(encodeJSON(number, Form::compact), std::to_string(number));
+        if (number != 0) {
+            ASSERT_EQ(encodeJSON(static_cast<double>(number), Form::compact), std::to_string(number));
+        }
+    }
+}
+
+TEST(JSONWriterTests, ObjectsAndArraysNestDeeply) {
+    constexpr std::size_t depth = 100;
+    JSONWriter writer(Form::compact);
+    std::string begins;
+    std::string ends;
+    for (std::size_t level = 0; level < depth; ++level) {
+        writer.beginArray();
+        writer.beginObject();
+        writer.endObject();
+        writer.beginObject();
+        writer.key("in");
+        begins += R"([{},{"in":)";
+        ends += "},7]";
+    }
+    writer.boolean(true);
+    for (std::size_t level = 0; level < depth; ++level) {
+        writer.endObject();
+        writer.integer(7);
+        writer.endArray();
+    }
+
+    EXPECT_EQ(writer.take(), begins + "true" + ends);
 }
 
 TEST(JSONWriterTests, DoublesArePlainBetweenTheirLimits) {
