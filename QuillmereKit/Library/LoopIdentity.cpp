@@ -12,70 +12,50 @@
 namespace quillmere {
 namespace {
 
-/// Puts a text of known greatest size together: on the stack, where a usual identity's text fits, since a library
-/// computes fingerprints by the ten thousand.
-class TextBuilder {
-public:
-    explicit TextBuilder(std::size_t mostBytes) {
-        if (mostBytes > here_.size()) {
-            there_.resize(mostBytes);
-            begin_ = there_.data();
-        }
-        end_ = begin_;
-    }
-    TextBuilder(const TextBuilder&) = delete;
-    TextBuilder& operator=(const TextBuilder&) = delete;
+using namespace std::string_view_literals;
 
-    TextBuilder& add(std::string_view text) noexcept {
-        if (!text.empty()) std::memcpy(end_, text.data(), text.size());
-        end_ += text.size();
-        return *this;
-    }
-    TextBuilder& add(std::int64_t number) noexcept {
-        end_ = std::to_chars(end_, end_ + mostDigits, number).ptr;
-        return *this;
-    }
-    /// Ends a part: the unit separator stands between parts only.
-    TextBuilder& separate() noexcept { return add("\x1f"); }
+constexpr std::size_t mostDigits = 20;  // "-9223372036854775808"
 
-    [[nodiscard]] std::string_view text() const noexcept { return {begin_, static_cast<std::size_t>(end_ - begin_)}; }
+// Each writes at a place and gives the place behind. That place is passed on by value: a library computes fingerprints
+// by the ten thousand, and so it stays in a register.
 
-    static constexpr std::size_t mostDigits = 20;  // "-9223372036854775808"
+[[gnu::always_inline]] inline char* put(char* place, std::string_view text) noexcept {
+    if (!text.empty()) std::memcpy(place, text.data(), text.size());
+    return place + text.size();
+}
 
-private:
-    std::array<char, 2048> here_;  // left uninitialised on purpose
-    std::string there_;
-    char* begin_ = here_.data();
-    char* end_ = nullptr;
-};
+char* put(char* place, std::int64_t number) noexcept { return std::to_chars(place, place + mostDigits, number).ptr; }
+
+// The unit separator stands between parts only.
+char* separate(char* place) noexcept {
+    *place = '\x1f';
+    return place + 1;
+}
 
 }  // namespace
 
 std::string LoopIdentity::fingerprint() const {
     const std::string audioFingerprint = audio ? audio->fingerprint() : std::string();
     constexpr std::size_t labels = std::string_view("v|||blend=/5|seed=||||prompt=|audio=").size();
-    TextBuilder parts(labels + 3 * TextBuilder::mostDigits + model.size() + moodID.size() + calmPrompt.size() +
-                      energeticPrompt.size() + (prompt ? prompt->size() : 0) + audioFingerprint.size());
-    parts.add("v").add(recipe).separate();
-    parts.add(model).separate();
-    parts.add(moodID).separate();
+    const std::size_t mostBytes = labels + 3 * mostDigits + model.size() + moodID.size() + calmPrompt.size() +
+                                  energeticPrompt.size() + (prompt ? prompt->size() : 0) + audioFingerprint.size();
+    std::array<char, 2048> here;  // left uninitialised on purpose; a usual identity's text fits
+    std::string there;
+    if (mostBytes > here.size()) there.resize(mostBytes);
+    char* const begin = there.empty() ? here.data() : there.data();
+    char* end = separate(put(put(begin, "v"sv), recipe));
+    end = separate(put(end, model));
+    end = separate(put(end, moodID));
     // The number of steps is a constant of the format: it stays 5 even if there should once be more.
-    parts.add("blend=").add(blend.index()).add("/5").separate();
-    parts.add("seed=").add(seed).separate();
-    parts.add(calmPrompt).separate();
-    parts.add(energeticPrompt);
-    if (prompt) parts.separate().add("prompt=").add(*prompt);
-    if (audio) parts.separate().add("audio=").add(audioFingerprint);
+    end = separate(put(put(put(end, "blend="sv), blend.index()), "/5"sv));
+    end = separate(put(put(end, "seed="sv), seed));
+    end = separate(put(end, calmPrompt));
+    end = put(end, energeticPrompt);
+    if (prompt) end = put(put(separate(end), "prompt="sv), *prompt);
+    if (audio) end = put(put(separate(end), "audio="sv), audioFingerprint);
 
-    const auto digest = SHA256::digest(parts.text());
-    // Written in place: a general text of hexadecimal digits would cost a twentieth of the whole.
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::array<char, 16> name;
-    for (std::size_t i = 0; i < 8; ++i) {
-        name[2 * i] = digits[digest[i] >> 4];
-        name[2 * i + 1] = digits[digest[i] & 0x0f];
-    }
-    return {name.data(), name.size()};
+    const auto digest = SHA256::digest({begin, static_cast<std::size_t>(end - begin)});
+    return hexadecimal(std::span(digest).first(8));
 }
 
 std::string LoopIdentity::filename() const {

@@ -1,7 +1,10 @@
 #include "QuillmereKit/Platform/SHA256.hpp"
 
+#define OPENSSL_SUPPRESS_DEPRECATED  // for the digest of a short text, below
 #include <openssl/evp.h>
+#include <openssl/sha.h>
 
+#include <cstring>
 #include <utility>
 
 #include "QuillmereKit/Platform/Precondition.hpp"
@@ -43,6 +46,17 @@ struct Context {
     }
 };
 
+// The two digits of each byte's value.
+constexpr auto digitPairs = [] {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::array<char, 512> pairs{};
+    for (std::size_t value = 0; value < 256; ++value) {
+        pairs[2 * value] = digits[value / 16];
+        pairs[2 * value + 1] = digits[value % 16];
+    }
+    return pairs;
+}();
+
 }  // namespace
 
 struct SHA256::State {
@@ -61,17 +75,20 @@ void SHA256::update(std::string_view text) { state_->context.update(text.data(),
 SHA256::Digest SHA256::finish() { return state_->context.finish(); }
 
 SHA256::Digest SHA256::digest(std::string_view text) {
-    thread_local const Context context;
-    context.update(text.data(), text.size());
-    return context.finish();
+    // The plain functions do the same work. A context of the general interface takes memory and gives it back with
+    // every digest; for a text as short as an identity's that is a fifth of the whole.
+    SHA256_CTX state;
+    Digest digest;
+    require(SHA256_Init(&state));
+    require(SHA256_Update(&state, text.data(), text.size()));
+    require(SHA256_Final(digest.data(), &state));
+    return digest;
 }
 
 std::string hexadecimal(std::span<const std::uint8_t> bytes) {
-    constexpr std::string_view digits = "0123456789abcdef";
     std::string text(2 * bytes.size(), '\0');
     for (std::size_t index = 0; index < bytes.size(); ++index) {
-        text[2 * index] = digits[bytes[index] >> 4];
-        text[2 * index + 1] = digits[bytes[index] & 0x0F];
+        std::memcpy(text.data() + 2 * index, digitPairs.data() + 2 * std::size_t{bytes[index]}, 2);
     }
     return text;
 }
