@@ -42,7 +42,7 @@ struct SerialExecutor::State {
     }
 };
 
-SerialExecutor::SerialExecutor() : state_(std::make_unique<State>()) {
+SerialExecutor::SerialExecutor() : state_(std::make_shared<State>()) {
     state_->thread = std::thread([state = state_.get()] { state->work(); });
 }
 
@@ -58,10 +58,16 @@ SerialExecutor::~SerialExecutor() {
 
 void SerialExecutor::post(std::function<void()> task) {
     precondition(task != nullptr, "A task must be something that can be called.");
-    const std::lock_guard lock(state_->mutex);
-    state_->waiting.push_back(std::move(task));
-    // One wake-up is enough, and it is given under the lock: the task may be what lets the owner destroy the executor.
-    if (std::exchange(state_->isIdle, false)) state_->hasWork.notify_one();
+    // Held until the thread is woken: the task may be what lets the owner destroy the executor.
+    const auto state = state_;
+    bool wasIdle = false;
+    {
+        const std::lock_guard lock(state->mutex);
+        state->waiting.push_back(std::move(task));
+        wasIdle = std::exchange(state->isIdle, false);
+    }
+    // One wake-up is enough. Not under the lock, which the woken thread would only have to wait for.
+    if (wasIdle) state->hasWork.notify_one();
 }
 
 void SerialExecutor::run(const std::function<void()>& task) {
