@@ -1,6 +1,7 @@
 #include "QuillmereKit/Playback/RadioSet.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
@@ -25,11 +26,11 @@ RadioSet::ToggleResult RadioSet::toggle(const std::string& moodID) {
     }
     if (moodIDs_.size() == 1) return {ToggleResult::RefusedLastMood{}};
 
-    const std::string removed = moodID;  // the argument may be one of our own
+    std::string removed = std::move(*found);  // the argument may be this very one
     const auto position = static_cast<std::size_t>(found - moodIDs_.begin());
     moodIDs_.erase(found);
     if (onAir_ == removed) onAir_ = moodIDs_[std::min(position, moodIDs_.size() - 1)];
-    return {ToggleResult::Removed{removed}};
+    return {ToggleResult::Removed{std::move(removed)}};
 }
 
 const std::string& RadioSet::advance() {
