@@ -3,10 +3,10 @@
 #include "Tests/Generation/EventLog.hpp"
 #include "Tests/Generation/Samples.hpp"
 #include "Tests/Generation/ScriptedRenderer.hpp"
+#include "Tests/Support/FastFolder.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -33,15 +33,6 @@ using Render = ScriptedRenderer::Render;
 constexpr int interleavings = 10'000;
 constexpr int interleavingsPerStore = 50;
 constexpr int freeRuns = 100;
-
-// Ten thousand runs sync many files: in memory where that can be had.
-std::filesystem::path fastFolder() {
-    std::error_code ignored;
-    const std::filesystem::path memory = "/dev/shm";
-    return std::filesystem::is_directory(memory, ignored) && access(memory.c_str(), W_OK) == 0
-               ? memory
-               : std::filesystem::temp_directory_path();
-}
 
 bool removeFile(const FileURL& url) {
     std::error_code ignored;
@@ -509,8 +500,8 @@ TEST(GenerationQueueStressTests, RandomInterleavingsFollowTheRules) {
     for (int run = 0; run < interleavings && !HasFailure(); ++run) {
         if (run % interleavingsPerStore == 0) {
             store.reset();
-            store =
-                std::make_shared<LoopStore>(folder.emplace(fastFolder()).path(), ResourceBundle::main(), removeFile);
+            store = std::make_shared<LoopStore>(folder.emplace(test::fastParent()).path(), ResourceBundle::main(),
+                                                removeFile);
         }
         SCOPED_TRACE("seed " + std::to_string(run));
         Interleaving(static_cast<std::uint32_t>(run), store).run();
@@ -609,7 +600,7 @@ private:
 TEST(GenerationQueueStressTests, FreelyRunningCallersNeverBreakTheRules) {
     for (int run = 0; run < freeRuns && !HasFailure(); ++run) {
         SCOPED_TRACE("seed " + std::to_string(run));
-        const test::TemporaryFolder folder(fastFolder());
+        const test::TemporaryFolder folder(test::fastParent());
         const auto store = std::make_shared<LoopStore>(folder.path(), ResourceBundle::main(), removeFile);
         const auto renderer = std::make_shared<CapriciousRenderer>(static_cast<std::uint32_t>(run), store);
         EventLog log;

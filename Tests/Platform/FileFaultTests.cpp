@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/OwnFolder.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
@@ -304,6 +305,46 @@ TEST(FileFaults, AudioIsReadWholeInSmallPieces) {
     EXPECT_EQ(file.read(read), 1001U);
 
     EXPECT_EQ(read, samples);
+}
+
+TEST(FileFaults, ALinkPutInAFilesPlaceBetweenTheLookAndTheOpeningIsNotFollowed) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile("Own/file", "own");
+    const auto stranger = folder.putFile("stranger", "a stranger's");
+    const OwnFolder own(folder.path() / "Own");
+    const auto swap = [&] {
+        std::filesystem::remove(file);
+        std::filesystem::create_symlink(stranger, file);
+    };
+    const auto isRefused = [&](int calls, const std::function<void()>& open) {
+        std::filesystem::remove(file);
+        folder.putFile("Own/file", "own");
+        const SystemCallFaults faults({.failing = calls, .call = "openat", .meanwhile = swap});
+        try {
+            open();
+        } catch (const FileError& error) {
+            return error.code() == std::errc::too_many_symbolic_link_levels;
+        }
+        return false;
+    };
+
+    EXPECT_TRUE(isRefused(1, [&] { static_cast<void>(readFile(file, plenty)); }));
+    EXPECT_TRUE(isRefused(1, [&] { static_cast<void>(own.open(file)); }));
+    EXPECT_EQ(readFile(stranger, plenty), "a stranger's");
+}
+
+TEST(FileFaults, ALockFileReplacedBeforeItIsLockedIsLockedAnew) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile(".lock", "");
+    const SystemCallFaults faults({.failing = 1, .call = "fcntl", .meanwhile = [&] {
+                                       std::filesystem::remove(file);
+                                       folder.putFile(".lock", "");
+                                   }});
+
+    const auto lock = FolderLock::tryAcquire(file);
+
+    ASSERT_NE(lock, nullptr);
+    EXPECT_TRUE(lock->isInForce());
 }
 
 }  // namespace

@@ -274,6 +274,21 @@ TEST(TemporaryFileNames, AreToldFromAllOthers) {
     }
 }
 
+TEST(TemporaryFileNames, FilesUnderThemAreRemovedOnceNobodyCanBeWritingThem) {
+    const TemporaryFolder folder;
+    const std::string fresh = ".quillmere-E621E1F8-C36C-495A-93FC-0C247A3E6E5F.tmp";
+    const std::string old = ".quillmere-E621E1F8-C36C-495A-93FC-0C247A3E6E60.tmp";
+    for (const auto& name : {fresh, old, std::string("file")}) folder.putFile(name, "content");
+    const auto yesterday = std::filesystem::file_time_type::clock::now() - std::chrono::hours(24);
+    for (const auto& name : {old, std::string("file")}) {
+        std::filesystem::last_write_time(folder.path() / name, yesterday);
+    }
+
+    removeOldTemporaries(folder.path());
+
+    EXPECT_EQ(folder.names(), (std::vector{fresh, std::string("file")}));
+}
+
 struct ReadFileTests : testing::Test {
     TemporaryFolder folder;
 };

@@ -39,6 +39,11 @@ public:
         isStruck_ = number == plan.failing;
         if (!isStruck_ && !(plan.persists && plan.failing > 0 && number > plan.failing)) return;
         if (isStruck_) struckCall = call;
+        if (isStruck_ && plan.meanwhile) {
+            isActive = false;
+            plan.meanwhile();
+            isActive = true;
+        }
         if (isStruck_ && plan.kills == SystemCallFaults::Plan::Kill::before) ::kill(::getpid(), SIGKILL);
         fails = plan.error != 0;
         if (!fails) return;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <string>
 #include <vector>
@@ -42,6 +43,7 @@ public:
         bool shortens = false;    ///< The struck call, if it writes or reads, moves only half the bytes.
         enum class Kill { never, before, after };
         Kill kills = Kill::never;                     ///< The process is killed at the struck call.
+        std::function<void()> meanwhile = {};         ///< Done just before the struck call; its own calls do not count.
         std::vector<RecordedCall>* record = nullptr;  ///< Takes what is called while the object lives.
     };
 
