@@ -160,7 +160,8 @@ private:
         Pattern result;
         result.bars = std::min(bars, score_.bars);
         result.slotsPerBeat = slotsPerBeat;
-        const auto size = static_cast<std::size_t>(result.bars * score_.beatsPerBar * slotsPerBeat);
+        const auto count = [](int value) { return static_cast<std::size_t>(value); };
+        const auto size = count(result.bars) * count(score_.beatsPerBar) * count(slotsPerBeat);
         result.sounds.assign(size, false);
 
         Random random(seed_, purpose);

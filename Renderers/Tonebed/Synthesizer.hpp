@@ -17,7 +17,7 @@ inline constexpr const char* engineBuild = "tonebed-1";
 
 /// The lengths of pieces that can be made, in frames: a tenth of a second to two minutes.
 inline constexpr std::int64_t fewestFrames = 4800;
-inline constexpr std::int64_t mostFrames = 120 * 48000;
+inline constexpr std::int64_t mostFrames = 5760000;
 
 /// What a piece is made from. The same values give the same piece, to the byte, on every machine.
 struct Piece {
