@@ -24,7 +24,8 @@ namespace quillmere {
 /// What others say is not believed. A file is the store's own when it is a regular file whose path lies below the
 /// folder's without a link on the way; this is looked at again at the moment of removing it. Pieces whose files lie
 /// elsewhere are loaded and played, but their files are never removed, moved, overwritten or counted. A manifest that
-/// cannot be read, or of which entries were dropped, is kept beside the new one before the first save.
+/// cannot be read, or of which entries were dropped, is kept beside the new one before the first save. One of more than
+/// 1 GiB is neither read nor written; a list of seeds may have 64 MiB.
 ///
 /// One process writes: it holds a lock on ".lock" in the folder as long as any store is open on it. In another process
 /// the store loads, answers and plays, but removes nothing, and its saves fail with `LibraryInUse`; once the lock is

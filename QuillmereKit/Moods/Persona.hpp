@@ -58,7 +58,8 @@ public:
         Reason reason_;
     };
 
-    /// Reads the bundle's "personas.json". Throws `CatalogError`, `FileError` or `JSONError`. Blocks on disk.
+    /// Reads the bundle's "personas.json", which may have 16 MiB. Throws `CatalogError`, `FileError` or `JSONError`.
+    /// Blocks on disk.
     explicit PersonaCatalog(const ResourceBundle& bundle);
 
     /// The catalogue in the library's own resources, read on first use. A missing or broken one is a defect of the

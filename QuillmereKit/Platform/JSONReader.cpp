@@ -129,6 +129,24 @@ std::size_t endOfString(std::string_view text, std::size_t place) {
     return text.size();
 }
 
+/// Whether brackets outside strings are nested deeper than the parser goes, or one closes what none opened. The parser
+/// finds out as well, but only after it has noted the place of every bracket, in four bytes each and a copy of the
+/// text.
+bool isNestedWrongly(std::string_view text) {
+    std::size_t depth = 0;
+    for (std::size_t place = 0; place < text.size();) {
+        const char character = text[place];
+        if (character == '"') {
+            place = endOfString(text, place + 1);
+            continue;
+        }
+        if ((character == '[' || character == '{') && ++depth > simdjson::DEFAULT_MAX_DEPTH) return true;
+        if ((character == ']' || character == '}') && depth-- == 0) return true;
+        ++place;
+    }
+    return false;
+}
+
 /// A number that the parser would not take, and which of the text's numbers it is.
 struct OddNumber {
     std::size_t ordinal;
@@ -355,6 +373,11 @@ std::string JSONValue::text() const {
 JSONDocument JSONDocument::parse(std::string_view text) {
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
     if (text.starts_with(byteOrderMark)) text.remove_prefix(byteOrderMark.size());
+
+    // Where it matters: what is shorter, a library of a hundred thousand pieces too, the parser refuses in little
+    // memory.
+    constexpr std::size_t longText = std::size_t{64} << 20;
+    if (text.size() > longText && isNestedWrongly(text)) failParsing(simdjson::DEPTH_ERROR);
 
     simdjson::padded_string copy(text);
     if (copy.size() != text.size()) throw std::bad_alloc();

@@ -133,8 +133,10 @@ RecipeVault::ImportResult RecipeVault::importing(std::string_view bytes) {
     {
         const std::lock_guard lock(mutex_);
         auto next = recipes_;  // all of them or none, whatever fails
+        std::set<std::string> held;
+        for (const LoopRecipe& recipe : next) held.insert(recipe.fingerprint);
         for (LoopRecipe& recipe : partition.usable) {
-            const bool isNew = std::ranges::find(next, recipe.fingerprint, &LoopRecipe::fingerprint) == next.end();
+            const bool isNew = held.insert(recipe.fingerprint).second;
             if (isNew) next.push_back(recipe);
             auto& list = isNew ? result.added : result.duplicates;
             list.push_back(std::move(recipe));

@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <latch>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -350,6 +352,41 @@ TEST_F(LoopStoreHostileTests, FileIsLookedAtAgainWhenItsTurnComes) {
     EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), SizeIs(1));
     EXPECT_THAT(asked, SizeIs(1));
     EXPECT_EQ(store.count(), 1U);
+}
+
+// Two threads: one puts a link in a folder's place and the folder back, the other has the store remove what is in it.
+TEST_F(LoopStoreHostileTests, FolderSwappedForALinkAllTheTimeLeadsNowhere) {
+    const auto own = home.putFile("Loops/sub/sentinel.wav", "own");
+    const int sub = ::open(own.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(sub, 0);
+    std::filesystem::create_directory_symlink(sentinel.parent_path(), home.path() / "trap");
+    auto store = open();
+    std::atomic<bool> isOver = false;
+    std::jthread swapper([&] {
+        while (!isOver) {
+            std::error_code ignored;
+            std::filesystem::rename(folder / "sub", home.path() / "aside", ignored);
+            std::filesystem::rename(home.path() / "trap", folder / "sub", ignored);
+            std::filesystem::rename(folder / "sub", home.path() / "trap", ignored);
+            std::filesystem::rename(home.path() / "aside", folder / "sub", ignored);
+        }
+    });
+
+    const auto artifact = artifactAt(identity("deepcode"), FileURL::fromPath(own));
+    for (int round = 0; round < 100; ++round) {
+        const int file = ::openat(sub, "sentinel.wav", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        ASSERT_GE(file, 0);
+        ::close(file);
+        store.add(artifact);
+        static_cast<void>(store.bytesOnDisk());
+        static_cast<void>(store.losslessMigrationCandidates());
+        store.prune({});
+    }
+    isOver = true;
+    swapper.join();
+    ::close(sub);
+
+    EXPECT_EQ(home.content("Elsewhere/sentinel.wav"), "precious");
 }
 
 // MARK: one writer at a time

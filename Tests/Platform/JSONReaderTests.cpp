@@ -432,6 +432,26 @@ TEST(JSONReaderTests, DeepNestingIsReadTo512LevelsAndRefusedWhenAbsurd) {
     EXPECT_FALSE(isAccepted(repeated("\"", absurd + 1)));
 }
 
+// Of a text of many megabytes the nesting is looked at before anything else.
+TEST(JSONReaderTests, NestingOfALongTextIsJudgedAsThatOfAShortOne) {
+    constexpr std::size_t length = std::size_t{65} << 20;
+    const std::string brackets(length, '[');
+    const std::string quoted = "\"\\\"" + brackets + "\\\\\"";
+    const std::string deep = repeated("[", 1000) + quoted + repeated("]", 1000);
+
+    EXPECT_FALSE(isAccepted(brackets));
+    EXPECT_FALSE(isAccepted(std::string(length, '{')));
+    EXPECT_FALSE(isAccepted(std::string(length, ']')));
+    EXPECT_FALSE(isAccepted("[" + quoted + "]]"));
+    EXPECT_FALSE(isAccepted("[" + quoted + "}"));
+    EXPECT_FALSE(isAccepted(quoted + "[" + quoted));
+    EXPECT_FALSE(isAccepted("\"" + brackets));
+    EXPECT_FALSE(isAccepted("[" + deep + "," + repeated("[", 1025) + repeated("]", 1025) + "]"));
+    EXPECT_TRUE(isAccepted(quoted));
+    EXPECT_TRUE(isAccepted(deep));
+    EXPECT_TRUE(isAccepted("[" + deep + "," + repeated("[", 1000) + repeated("]", 1000) + "]"));
+}
+
 TEST(JSONReaderTests, LongArraysAndTextsAreReadWhole) {
     constexpr std::size_t count = 300'000;
     const std::string text = "[\"" + std::string(count, 'x') + "\"" + repeated(",1", count) + "]";
