@@ -58,7 +58,7 @@ private:
 
     std::string entry() {
         std::string text =
-            R"({"identity":{"moodID":"deepcode","blend":2,"calmPrompt":"c","energeticPrompt":"e","seed":)";
+            R"({"identity":{"moodID":"deepcode","blend":{"index":2},"calmPrompt":"c","energeticPrompt":"e","seed":)";
         text += std::to_string(below(8)) + R"(,"model":")" + std::string(one(models)) + "\"";
         if (below(4) == 0) text += std::string(recording);
         return text + R"(,"recipe":1},"url":")" + url() + R"(","seconds":1})";
