@@ -96,7 +96,6 @@ public:
     /// Takes the lock, anew if the folder was replaced under the running program. Throws `LibraryInUse`, or `FileError`
     /// if the lock file cannot be made.
     void takeLock();
-    void giveUpLock() noexcept { lock_.reset(); }
 
     /// Whether the manifest is there and another than this process last read or wrote.
     [[nodiscard]] bool isManifestForeign() const noexcept;
@@ -104,6 +103,8 @@ public:
     /// Whether the manifest could not be read when that was last tried, for a reason that may have passed: an input
     /// error, a missing right. One whose text is damaged was read.
     [[nodiscard]] bool isManifestUnread() const noexcept { return isUnread_; }
+    /// Lets the manifest count as unread: what was read of it was lost again.
+    void forgetManifest() noexcept { isUnread_ = true; }
 
     /// Writes the manifest durably, keeping aside what must not be lost by it. For the holder of the lock only. Throws
     /// `FileError`; the manifest is then as it was, unless the error says that it is in place.

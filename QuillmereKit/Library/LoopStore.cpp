@@ -142,29 +142,29 @@ void LoopStore::State::requireLock() {
         return;
     }
     folder.takeLock();
-    try {
-        if (folder.isManifestForeign() || folder.isManifestUnread()) catchUp();
-    } catch (...) {
-        folder.giveUpLock();  // what this process remembers must not be written over what others wrote
-        throw;
-    }
+    if (folder.isManifestForeign() || folder.isManifestUnread()) catchUp();
 }
 
 // The library as it is on disk, with what this process has stored and could not save. Also for a manifest that could
 // not be read at first: replaced unread it would be kept aside, but the user would find an empty library.
 void LoopStore::State::catchUp() {
     LoopTable present;
-    // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
-    if (!folder.load(present)) return;
-    table.forEach([&](const StoredLoop& loop) {
-        const bool isUnsaved = unsaved.contains(loop.key);
-        // Where both know the piece, only what was stored here since counts more than what was written, and not if the
-        // other process has moved the piece to another file. A piece that only this one knows was removed by the other,
-        // unless it was never written, or lies outside the folder: ordinary saves leave those out.
-        const bool isKept = present.find(loop.key) != nullptr ? isUnsaved && LoopFolder::isRegularFile(loop.url)
-                                                              : isUnsaved || !loop.isInside;
-        if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
-    });
+    try {
+        // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
+        if (!folder.load(present)) return;
+        table.forEach([&](const StoredLoop& loop) {
+            const bool isUnsaved = unsaved.contains(loop.key);
+            // Where both know the piece, only what was stored here since counts more than what was written, and not if
+            // the other process has moved the piece to another file. A piece that only this one knows was removed by
+            // the other, unless it was never written, or lies outside the folder: ordinary saves leave those out.
+            const bool isKept = present.find(loop.key) != nullptr ? isUnsaved && LoopFolder::isRegularFile(loop.url)
+                                                                  : isUnsaved || !loop.isInside;
+            if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
+        });
+    } catch (...) {
+        folder.forgetManifest();  // memory ran out; replaced unread, it would cost what others wrote
+        throw;
+    }
     table = std::move(present);
     folder.cleanLeftovers(table, migrating);
 }

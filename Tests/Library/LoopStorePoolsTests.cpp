@@ -199,8 +199,8 @@ struct LoopStoreUserMoodTests : LoopStorePoolTests {
 
 TEST_F(LoopStoreUserMoodTests, PiecesThatTheMoodWouldMakeTodayArePlayed) {
     std::vector<LoopArtifact> all;
-    for (std::int64_t seed = 0; seed < 10; ++seed)
-        all.push_back(addedToday(seed % 5, seed, seed < 5 ? mediumMLX : smallMLX));
+    for (std::int64_t seed = 0; seed < 20; ++seed)
+        all.push_back(addedToday(seed % 5, seed, seed < 10 ? mediumMLX : smallMLX));
 
     EXPECT_EQ(store.playbackPool(spec.id, std::nullopt, {}), byFingerprint(all));
 }

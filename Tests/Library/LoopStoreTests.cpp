@@ -526,6 +526,15 @@ TEST_F(LoopStoreSeedTests, WhateverStandsAtTheTargetIsLeftAlone) {
     EXPECT_FALSE(std::filesystem::exists(home.path() / "nowhere"));
 }
 
+TEST_F(LoopStoreSeedTests, FingerprintsOfSeedsAreToldWithAllTheirDigits) {
+    auto id = identity("deepcode");
+    while (!id.fingerprint().starts_with('0')) ++id.seed;
+    ship({seed(id, "one")});
+    shipAudio("one");
+
+    EXPECT_EQ(open().bundledFingerprints(), std::set{id.fingerprint()});
+}
+
 TEST_F(LoopStoreSeedTests, EveryStoreOnAFolderBringsItsOwnSeeds) {
     const auto first = open();
     const auto id = identity("deepcode");

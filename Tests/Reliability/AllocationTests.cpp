@@ -8,8 +8,10 @@
 #include <iostream>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "QuillmereKit/Library/LoopArtifact.hpp"
+#include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
@@ -114,6 +116,34 @@ TEST_P(RefusedAllocations, LeaveTheOldOrTheNewAndAStoreThatGoesOn) {
 
 INSTANTIATE_TEST_SUITE_P(Every, RefusedAllocations, testing::ValuesIn(operations()),
                          [](const auto& instance) { return instance.param.name; });
+
+TEST(RefusedAllocationsOfLateStores, AnotherProcessesPieceIsNotLost) {
+    SystemCallFaults::syncNothing();
+    const auto piece = [](const TemporaryFolder& home, std::int64_t seed) {
+        const auto identity = LoopStoreFixture::identity("rain", 2, seed);
+        const auto file = home.putFile("Loops/" + identity.filename() + ".wav", "audio");
+        return LoopStoreFixture::artifactAt(identity, FileURL::fromPath(file));
+    };
+    for (long index = 0;; index = next(index)) {
+        SCOPED_TRACE("allocation " + std::to_string(index));
+        const TemporaryFolder home;
+        const auto theirs = piece(home, 1);
+        const auto own = piece(home, 2);
+        LoopStore store(home.path() / "Loops", ResourceBundle(home.path()), {}, LoopStore::Access::reading);
+        home.putFile("Loops/manifest.json", encodeJSON(std::vector{theirs}, JSONWriter::Form::compact));
+        try {
+            const Refusal refusal(index);
+            store.addPersistent(own);
+        } catch (const std::exception&) {
+            // Tried again below.
+        }
+        store.addPersistent(piece(home, 3));
+
+        const auto manifest = home.content("Loops/manifest.json");
+        EXPECT_NE(manifest.find(theirs.identity.filename()), std::string::npos);
+        if (!wasRefused || HasFailure()) break;
+    }
+}
 
 /// Refuses each allocation of a reader in turn: it throws, or gives what it gives undisturbed, and keeps nothing.
 template <class Read>

@@ -301,6 +301,15 @@ TEST_F(ProcessRendererEndTests, AnEngineIsAskedPolitelyFirst) {
     EXPECT_EQ(folder.content("note"), "asked");
 }
 
+TEST_F(ProcessRendererEndTests, AnEngineThatIsStoppedIsAskedPolitelyToo) {
+    options.grace = std::chrono::minutes(5);
+    stopWhenDecoding();
+
+    EXPECT_THROW(render({"polite-but-stopped", (folder.path() / "note").string()}), CancellationError);
+
+    EXPECT_EQ(folder.content("note"), "asked");
+}
+
 TEST_F(ProcessRendererEndTests, TheEndOfItsInputTellsAnEngineToStop) {
     options.grace = std::chrono::minutes(5);
     stopWhenDecoding();

@@ -147,6 +147,19 @@ TEST_F(StubbornEngineTests, IsKilledWhenTheSupervisorIsAskedToEnd) {
     expectKilled();
 }
 
+TEST(SupervisorTests, WhenItIsKilledTheSystemEndsTheEngine) {
+    const TemporaryFolder folder;
+    const VisibleProcesses processes{folder};
+    SupervisorRun run(shell("trap '' TERM; exec 9<'" + processes.lock() + "'; flock -s 9; printf x > '" +
+                            processes.fifo() + "'; exec sleep 300"));
+    processes.awaitBirths(1);
+
+    ::kill(run.process(), SIGKILL);
+    run.wait();
+
+    processes.awaitDeaths();
+}
+
 TEST(SupervisorTests, IsNotStartedByHand) {
     EXPECT_EQ(SupervisorRun({}).wait(), 2);
     EXPECT_EQ(SupervisorRun({"50", "0", "1", "0", "/bin/true"}, false).wait(), 2);

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -50,6 +51,13 @@ void say(std::string_view line) { std::cout << line << '\n' << std::flush; }
 
 [[noreturn]] void sleepForever() {
     while (true) ::pause();
+}
+
+/// A process's state as its table says, such as 'T' for one that is stopped.
+char stateOf(pid_t process) {
+    std::string line;
+    std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), line);
+    return line.at(line.rfind(')') + 2);
 }
 
 void ignorePoliteness() { ::signal(SIGTERM, SIG_IGN); }
@@ -297,6 +305,23 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
              ::_exit(0);
          });
          say("decoder");
+         sleepForever();
+     }},
+    {"polite-but-stopped",
+     [] {
+         static std::string note = argument(1);
+         ::signal(SIGTERM, [](int) {
+             append(note, "asked");
+             ::_exit(0);
+         });
+         const pid_t engine = ::getpid();
+         if (::fork() == 0) {
+             ::signal(SIGTERM, SIG_DFL);
+             while (stateOf(engine) != 'T') ::sched_yield();
+             say("decoder");
+             sleepForever();
+         }
+         ::raise(SIGSTOP);
          sleepForever();
      }},
     {"stops-at-end-of-input",
