@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <latch>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -134,6 +135,47 @@ TEST(QueueRaceTests, QueuesAreMadeAskedAndDestroyedAtAnyMoment) {
     for (int round = 0; length.hasRoundAfter(round) && !HasFailure(); ++round) {
         if (round % 100 == 0) store->prune({});  // what is stored is not rendered again
         live(round, renderer, store);
+    }
+}
+
+/// Gives up by itself at once.
+class TiredRenderer : public GenerationService {
+public:
+    using GenerationService::render;
+    LoopArtifact render(const LoopIdentity&, double, const PartialHandler&, std::stop_token) override {
+        throw CancellationError();
+    }
+};
+
+TEST(QueueRaceTests, CancelsAtTheSameMomentEndInOneIdle) {
+    const TemporaryFolder folder(fastParent());
+    const auto store = std::make_shared<LoopStore>(folder.path() / "Loops", ResourceBundle(folder.path()),
+                                                   [](const FileURL&) { return false; });
+    const RaceLength length(300);
+    for (int round = 0; length.hasRoundAfter(round) && !HasFailure(); ++round) {
+        std::latch asked(3);
+        std::atomic<int> idles = 0;
+        std::atomic<int> refusals = 0;
+        int acceptances = 0;
+        {
+            GenerationQueue queue(std::make_shared<TiredRenderer>(), store, 120);
+            queue.observe([&](const Progress& progress) {
+                if (std::holds_alternative<Progress::Idle>(progress.value())) ++idles;
+                if (!std::holds_alternative<Progress::Rendering>(progress.value()) || ++acceptances < 2) return;
+                asked.arrive_and_wait();
+                for (int i = 0; i < 50; ++i) std::this_thread::yield();  // so that both cancels wait behind this
+            });
+            const auto cancel = [&] {
+                asked.arrive_and_wait();
+                if (!queue.cancelAll()) ++refusals;
+            };
+            const std::jthread first(cancel);
+            const std::jthread second(cancel);
+            queue.request(sampleIdentity(1), GenerationPace::fast);
+            for (int i = 0; i < 50; ++i) static_cast<void>(queue.isBusy());  // the render has given up, most likely
+            queue.request(sampleIdentity(1), GenerationPace::fast, UUID());
+        }
+        EXPECT_LE(idles, 1 + refusals);
     }
 }
 
