@@ -9,6 +9,19 @@
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 namespace quillmere {
+namespace {
+
+// All but identity and location.
+void readRest(JSONMembers& members, LoopArtifact& into) {
+    members.read("seconds", into.seconds);
+    members.readOptional("seamDB", into.seamDB);
+    members.readOptional("quality", into.quality);
+    members.readOptional("leadIn", into.leadIn);
+    members.readOptional("engineBuild", into.engineBuild);
+    members.readOptional("origin", into.origin);
+}
+
+}  // namespace
 
 bool LoopArtifact::isPlayable() const { return MoodCatalog::isCurrent(identity, CustomMoodStore::shared()); }
 
@@ -44,16 +57,17 @@ void encode(JSONWriter& writer, const LoopArtifact& artifact) {
 
 template <>
 LoopArtifact decode<LoopArtifact>(const JSONValue& value) {
-    return {
-        .identity = value.member<LoopIdentity>("identity"),
-        .url = value.member<FileURL>("url"),
-        .seconds = value.member<double>("seconds"),
-        .seamDB = value.optionalMember<double>("seamDB"),
-        .quality = value.optionalMember<LoopQuality>("quality"),
-        .leadIn = value.optionalMember<double>("leadIn"),
-        .engineBuild = value.optionalMember<std::string>("engineBuild"),
-        .origin = value.optionalMember<RecipeOrigin>("origin"),
-    };
+    LoopArtifact artifact{.identity = value.member<LoopIdentity>("identity"), .url = value.member<FileURL>("url")};
+    JSONMembers members(value);
+    readRest(members, artifact);
+    return artifact;
+}
+
+void decodeInto(const JSONValue& value, LoopArtifact& into) {
+    JSONMembers members(value);
+    members.read("identity", into.identity);
+    members.read("url", into.url);
+    readRest(members, into);
 }
 
 }  // namespace quillmere

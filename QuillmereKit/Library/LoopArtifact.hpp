@@ -43,6 +43,7 @@ struct LoopArtifact {
 void encode(JSONWriter& writer, const LoopArtifact& artifact);
 template <>
 LoopArtifact decode<LoopArtifact>(const JSONValue& value);
+void decodeInto(const JSONValue& value, LoopArtifact& into);
 
 }  // namespace quillmere
 

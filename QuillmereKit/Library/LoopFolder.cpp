@@ -1,7 +1,10 @@
 #include "QuillmereKit/Library/LoopFolder.hpp"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <chrono>
+#include <functional>
 #include <set>
 #include <unordered_set>
 #include <utility>
@@ -17,6 +20,48 @@ constexpr std::size_t manifestLimit = std::size_t{1} << 30;
 // Why a manifest is kept aside; part of the copy's name.
 constexpr std::string_view unreadable = "unreadable";
 constexpr std::string_view before = "before";
+
+// What stands for itself in a URL, without a second thought.
+constexpr std::array<bool, 256> plainCharacters = [] {
+    std::array<bool, 256> isPlain{};
+    for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.")) {
+        isPlain[static_cast<unsigned char>(c)] = true;
+    }
+    return isPlain;
+}();
+
+// The names of a listing's regular files, to be asked for by the ten thousand: one flat table. Refers to the listing.
+class RegularNames {
+public:
+    explicit RegularNames(const std::vector<FolderEntry>& listing) : slots_(std::bit_ceil(2 * listing.size() + 2)) {
+        for (const auto& entry : listing) {
+            if (entry.kind == FileFacts::Kind::regular) slots_[placeOf(entry.name)] = {hash(entry.name), &entry.name};
+        }
+    }
+
+    [[nodiscard]] bool contains(std::string_view name) const noexcept { return slots_[placeOf(name)].name != nullptr; }
+
+private:
+    struct Slot {
+        std::size_t hash = 0;
+        const std::string* name = nullptr;
+    };
+
+    static std::size_t hash(std::string_view name) noexcept { return std::hash<std::string_view>{}(name); }
+
+    // Where the name stands, or the free place where it would.
+    [[nodiscard]] std::size_t placeOf(std::string_view name) const noexcept {
+        const std::size_t mask = slots_.size() - 1;
+        const std::size_t wanted = hash(name);
+        std::size_t place = wanted & mask;
+        while (slots_[place].name && !(slots_[place].hash == wanted && *slots_[place].name == name)) {
+            place = (place + 1) & mask;
+        }
+        return place;
+    }
+
+    std::vector<Slot> slots_;  // at most half of them taken
+};
 
 // What is known of an entry's file. Only certain absence drops an entry: a disk that cannot answer proves nothing.
 enum class Presence { regular, absent, unknown };
@@ -78,10 +123,7 @@ std::optional<std::string_view> LoopFolder::plainName(const FileURL& url) const 
     const std::string_view text = url.text();
     if (!text.starts_with(urlPrefix_)) return std::nullopt;
     const auto name = text.substr(urlPrefix_.size());
-    const auto isPlain = [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-               c == '.';
-    };
+    const auto isPlain = [](char c) { return plainCharacters[static_cast<unsigned char>(c)]; };
     if (name.empty() || name == "." || name == ".." || !std::ranges::all_of(name, isPlain)) return std::nullopt;
     return name;
 }
@@ -182,51 +224,46 @@ bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept
     return name == lockName || (isRecord && place.size() == path().native().size() + 1 + name.size());
 }
 
-std::vector<LoopArtifact> LoopFolder::readManifest() {
+std::optional<JSONDocument> LoopFolder::readManifest() {
     manifest_ = factsOf(manifestFile_);
     reasonToKeep_.reset();
     isUnread_ = false;
     try {
-        const auto text = readFileIfPresent(manifestFile_, manifestLimit);
-        if (text) return JSONDocument::parse(*text).root().elements<LoopArtifact>();
+        auto text = readFileIfPresent(manifestFile_, manifestLimit);
+        if (text) return JSONDocument::parseInPlace(*std::move(text));
     } catch (const FileError&) {
         reasonToKeep_ = unreadable;
         isUnread_ = true;
     } catch (const JSONError&) {
         reasonToKeep_ = unreadable;
     }
-    return {};
+    return std::nullopt;
 }
 
 bool LoopFolder::load(LoopTable& table) {
-    auto artifacts = readManifest();
+    auto manifest = readManifest();
     std::vector<FolderEntry> listing;
     ignoringFailure([&] { listing = listFolder(path()); });
-    std::unordered_set<std::string_view> regular;
-    regular.reserve(listing.size());
-    for (const auto& entry : listing) {
-        if (entry.kind == FileFacts::Kind::regular) regular.insert(entry.name);
-    }
+    const RegularNames regular(listing);
 
-    std::vector<std::optional<LoopTable::Place>> places;
-    places.reserve(artifacts.size());
-    for (const auto& artifact : artifacts) {
-        const auto name = plainName(artifact.url);
-        if (name && regular.contains(*name)) {
-            places.push_back(LoopTable::Place{.isInside = true, .isPlain = true});
-            continue;
-        }
-        const auto file = fileOf(artifact.url);
-        const bool isDropped = !file || presenceOf(*file) == Presence::absent;
-        places.push_back(isDropped
-                             ? std::nullopt
-                             : std::optional(LoopTable::Place{.isInside = files_.names(*file), .isPlain = false}));
+    // An entry that is dropped, or that the next ordinary save leaves out, would be gone for good.
+    bool isWhole = true;
+    const auto place = [&](const FileURL& url) -> std::optional<LoopTable::Place> {
+        const auto name = plainName(url);
+        if (name && regular.contains(*name)) return LoopTable::Place{.isInside = true, .isPlain = true};
+        const auto file = fileOf(url);
+        if (!file || presenceOf(*file) == Presence::absent) return std::nullopt;
+        const bool isInside = files_.names(*file);
+        isWhole = isWhole && isInside;
+        return LoopTable::Place{.isInside = isInside, .isPlain = false};
+    };
+    try {
+        if (manifest && !table.fill(manifest->root(), place)) isWhole = false;
+        if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
+    } catch (const JSONError&) {
+        reasonToKeep_ = unreadable;
     }
-
-    // An entry that was dropped, or that the next ordinary save leaves out, would be gone for good.
-    const bool isAllInside = std::ranges::all_of(places, [](const auto& place) { return place && place->isInside; });
-    const bool isWhole = table.fill(std::move(artifacts), places) && isAllInside;
-    if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
+    manifest.reset();
 
     std::erase_if(listing, [](const FolderEntry& entry) {
         const bool isMigration = entry.name.starts_with(migrationPrefix) && entry.name.ends_with(migrationSuffix);

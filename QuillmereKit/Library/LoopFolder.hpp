@@ -114,7 +114,7 @@ private:
     [[nodiscard]] std::filesystem::path lockFile() const { return path() / lockName; }
     [[nodiscard]] std::optional<FileFacts> factsOfOwn(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
-    [[nodiscard]] std::vector<LoopArtifact> readManifest();
+    [[nodiscard]] std::optional<JSONDocument> readManifest();
 
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;

@@ -32,9 +32,8 @@ char* separate(char* place) noexcept {
     return place + 1;
 }
 
-}  // namespace
-
-std::string LoopIdentity::fingerprint() const {
+SHA256::Digest digestOf(const LoopIdentity& identity) {
+    const auto& [moodID, blend, calmPrompt, energeticPrompt, seed, model, prompt, audio, recipe] = identity;
     const std::string audioFingerprint = audio ? audio->fingerprint() : std::string();
     constexpr std::size_t labels = std::string_view("v|||blend=/5|seed=||||prompt=|audio=").size();
     const std::size_t mostBytes = labels + 3 * mostDigits + model.size() + moodID.size() + calmPrompt.size() +
@@ -54,8 +53,23 @@ std::string LoopIdentity::fingerprint() const {
     if (prompt) end = put(put(separate(end), "prompt="sv), *prompt);
     if (audio) end = put(put(separate(end), "audio="sv), audioFingerprint);
 
-    const auto digest = SHA256::digest({begin, static_cast<std::size_t>(end - begin)});
-    return hexadecimal(std::span(digest).first(8));
+    return SHA256::digest({begin, static_cast<std::size_t>(end - begin)});
+}
+
+constexpr std::size_t fingerprintBytes = 8;
+
+}  // namespace
+
+std::string LoopIdentity::fingerprint() const {
+    const auto digest = digestOf(*this);
+    return hexadecimal(std::span(digest).first(fingerprintBytes));
+}
+
+std::uint64_t LoopIdentity::fingerprintNumber() const {
+    const auto digest = digestOf(*this);
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < fingerprintBytes; ++i) number = number << 8 | digest[i];
+    return number;
 }
 
 std::string LoopIdentity::filename() const {
@@ -78,17 +92,22 @@ void encode(JSONWriter& writer, const LoopIdentity& identity) {
 
 template <>
 LoopIdentity decode<LoopIdentity>(const JSONValue& value) {
-    return {
-        .moodID = value.member<std::string>("moodID"),
-        .blend = value.member<BlendStep>("blend"),
-        .calmPrompt = value.member<std::string>("calmPrompt"),
-        .energeticPrompt = value.member<std::string>("energeticPrompt"),
-        .seed = value.member<std::int64_t>("seed"),
-        .model = value.member<std::string>("model"),
-        .prompt = value.optionalMember<std::string>("prompt"),
-        .audio = value.optionalMember<AudioUse>("audio"),
-        .recipe = value.member<std::int64_t>("recipe"),
-    };
+    LoopIdentity identity;
+    decodeInto(value, identity);
+    return identity;
+}
+
+void decodeInto(const JSONValue& value, LoopIdentity& into) {
+    JSONMembers members(value);
+    members.read("moodID", into.moodID);
+    members.read("blend", into.blend);
+    members.read("calmPrompt", into.calmPrompt);
+    members.read("energeticPrompt", into.energeticPrompt);
+    members.read("seed", into.seed);
+    members.read("model", into.model);
+    members.readOptional("prompt", into.prompt);
+    members.readOptional("audio", into.audio);
+    members.read("recipe", into.recipe);
 }
 
 }  // namespace quillmere

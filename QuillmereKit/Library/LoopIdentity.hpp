@@ -34,6 +34,9 @@ struct LoopIdentity {
     /// 16 lower-case hexadecimal characters: the first 8 bytes of a SHA-256 over all fields. Computed at each call.
     [[nodiscard]] std::string fingerprint() const;
 
+    /// The fingerprint as a number, its 16 digits read as one: what compares and hashes at once. Computed at each call.
+    [[nodiscard]] std::uint64_t fingerprintNumber() const;
+
     /// The piece's file name without extension: mood id, "_b", blend index, "_", fingerprint. The mood id is not
     /// escaped.
     [[nodiscard]] std::string filename() const;
@@ -46,6 +49,7 @@ struct LoopIdentity {
 void encode(JSONWriter& writer, const LoopIdentity& identity);
 template <>
 LoopIdentity decode<LoopIdentity>(const JSONValue& value);
+void decodeInto(const JSONValue& value, LoopIdentity& into);
 
 }  // namespace quillmere
 

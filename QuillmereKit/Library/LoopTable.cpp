@@ -23,11 +23,6 @@ std::optional<std::string> encoded(const LoopArtifact& artifact) {
 
 }  // namespace
 
-const StoredLoop* LoopTable::find(LoopKey key) const noexcept {
-    const auto found = loops_.find(key);
-    return found == loops_.end() ? nullptr : &found->second;
-}
-
 const std::vector<StoredLoop*>& LoopTable::mood(std::string_view moodID) const noexcept {
     static const std::vector<StoredLoop*> none;
     const auto found = moods_.find(moodID);
@@ -37,45 +32,72 @@ const std::vector<StoredLoop*>& LoopTable::mood(std::string_view moodID) const n
 std::vector<const StoredLoop*> LoopTable::inOrder() const {
     std::vector<const StoredLoop*> loops;
     loops.reserve(loops_.size());
-    for (const auto& [key, loop] : loops_) loops.push_back(&loop);
+    forEach([&](const StoredLoop& loop) { loops.push_back(&loop); });
     std::ranges::sort(loops, byKey);
     return loops;
 }
 
-bool LoopTable::fill(std::vector<LoopArtifact> artifacts, std::span<const std::optional<Place>> places) {
-    loops_.reserve(artifacts.size());
-    for (std::size_t index = 0; index < artifacts.size(); ++index) {
-        if (!places[index]) continue;
-        const auto key = LoopKey::of(artifacts[index].identity);
-        StoredLoop loop(key, std::move(artifacts[index]), texts_);
-        loop.isInside = places[index]->isInside;
-        loop.isPlain = places[index]->isPlain;
-        loops_.insert_or_assign(key, std::move(loop));
+bool LoopTable::fill(const JSONValue& manifest, const std::function<std::optional<Place>(const FileURL&)>& placeOf) {
+    LoopTable filled;
+    std::size_t entries = 0;
+    std::vector<std::unique_ptr<StoredLoop>> loops;
+    LoopArtifact artifact{.identity = {}, .url = FileURL::fromPath("/")};  // each entry uses the room of the one before
+    manifest.forEachElement([&](const JSONValue& entry) {
+        decodeInto(entry, artifact);
+        ++entries;
+        const auto place = placeOf(artifact.url);
+        if (!place) return;
+        const auto key = LoopKey::of(artifact.identity);
+        loops.push_back(std::make_unique<StoredLoop>(key, std::move(artifact), filled.texts_));
+        loops.back()->isInside = place->isInside;
+        loops.back()->isPlain = place->isPlain;
+    });
+
+    filled.loops_.reserve(loops.size());
+    std::vector<StoredLoop*> inOrderOfEntries;
+    inOrderOfEntries.reserve(loops.size());
+    for (auto& loop : loops) {
+        if (auto* const earlier = filled.loops_.find(loop->key)) {
+            *earlier = std::move(*loop);
+        } else {
+            inOrderOfEntries.push_back(&filled.loops_.insert(std::move(loop)));
+        }
     }
-    for (auto& [key, loop] : loops_) moods_[*loop.moodID].push_back(&loop);
-    for (auto& [moodID, loops] : moods_) std::ranges::sort(loops, byKey);
-    isManifestStale_ = !loops_.empty();
-    return loops_.size() == artifacts.size();
+
+    SharedTexts::Text moodID;
+    std::vector<StoredLoop*>* mood = nullptr;
+    for (auto* loop : inOrderOfEntries) {
+        if (mood == nullptr || loop->moodID != moodID) {
+            moodID = loop->moodID;
+            mood = &filled.moods_[*moodID];
+        }
+        mood->push_back(loop);
+    }
+    for (auto& [id, members] : filled.moods_) std::ranges::sort(members, byKey);
+    filled.isManifestStale_ = !loops.empty();
+    *this = std::move(filled);
+    return count() == entries;
 }
 
 void LoopTable::put(Item item) {
     const auto text = encoded(item.artifact);
     const auto key = LoopKey::of(item.artifact.identity);
-    StoredLoop loop(key, std::move(item.artifact), texts_);
-    loop.isInside = item.place.isInside;
-    loop.isPlain = item.place.isPlain;
-    loop.isEncodable = text.has_value();
+    auto loop = std::make_unique<StoredLoop>(key, std::move(item.artifact), texts_);
+    loop->isInside = item.place.isInside;
+    loop->isPlain = item.place.isPlain;
+    loop->isEncodable = text.has_value();
 
-    auto& mood = moods_[*loop.moodID];
+    auto& mood = moods_[*loop->moodID];
     if (mood.size() == mood.capacity()) mood.reserve(2 * mood.size() + 1);
-    const auto found = loops_.find(key);
-    const bool isNew = found == loops_.end();
-    auto& place = isNew ? loops_.emplace(key, std::move(loop)).first->second : found->second;
+    loops_.reserve(count() + 1);
+    auto* const earlier = loops_.find(key);
+    const bool isNew = earlier == nullptr;
+    auto& place = isNew ? loops_.insert(std::move(loop)) : *earlier;
     // From here on nothing can throw: the mood's list has room, and a piece is moved without allocating.
     if (!isNew) {
         std::erase(moods_.find(*place.moodID)->second, &place);
         if (!place.isEncodable) --unencodable_;
-        place = std::move(loop);
+        place = std::move(*loop);
         isManifestStale_ = true;
     }
     mood.insert(std::ranges::upper_bound(mood, &place, byKey), &place);
@@ -86,16 +108,17 @@ void LoopTable::put(Item item) {
 std::size_t LoopTable::remove(std::span<const LoopKey> keys) noexcept {
     std::size_t count = 0;
     for (const auto key : keys) {
-        const auto found = loops_.find(key);
-        if (found == loops_.end() || found->second.isLeaving) continue;
-        found->second.isLeaving = true;
-        if (!found->second.isEncodable) --unencodable_;
+        auto* const loop = loops_.find(key);
+        if (loop == nullptr || loop->isLeaving) continue;
+        loop->isLeaving = true;
+        if (!loop->isEncodable) --unencodable_;
         ++count;
     }
     if (count == 0) return 0;
     for (auto& [moodID, loops] : moods_) std::erase_if(loops, [](const StoredLoop* loop) { return loop->isLeaving; });
     std::erase_if(moods_, [](const auto& mood) { return mood.second.empty(); });
-    std::erase_if(loops_, [](const auto& entry) { return entry.second.isLeaving; });
+    loops_.removeLeaving();
+    forEach([](const StoredLoop& loop) { loop.useTexts(); });
     texts_.sweep();
     isManifestStale_ = true;
     return count;
@@ -136,9 +159,9 @@ void LoopTable::rebuildManifest() {
     };
     std::vector<Part> parts;
     parts.reserve(loops_.size());
-    for (auto& [key, loop] : loops_) {
+    loops_.forEach([&](StoredLoop& loop) {
         if (loop.isInside && loop.isEncodable) parts.push_back({&loop, 0, 0});
-    }
+    });
     std::ranges::sort(parts, [](const Part& a, const Part& b) { return a.loop->key < b.loop->key; });
 
     JSONWriter writer(JSONWriter::Form::compact);

@@ -1,15 +1,16 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "QuillmereKit/Library/StoredLoop.hpp"
+#include "QuillmereKit/Library/LoopIndex.hpp"
+#include "QuillmereKit/Platform/JSONReader.hpp"
 
 namespace quillmere {
 
@@ -29,7 +30,7 @@ public:
     };
 
     [[nodiscard]] std::size_t count() const noexcept { return loops_.size(); }
-    [[nodiscard]] const StoredLoop* find(LoopKey key) const noexcept;
+    [[nodiscard]] const StoredLoop* find(LoopKey key) const noexcept { return loops_.find(key); }
 
     /// The pieces of a mood by fingerprint, ascending. Valid until the table changes.
     [[nodiscard]] const std::vector<StoredLoop*>& mood(std::string_view moodID) const noexcept;
@@ -40,12 +41,13 @@ public:
     /// Calls `visit` with every piece, in no particular order.
     template <class Visit>
     void forEach(const Visit& visit) const {
-        for (const auto& [key, loop] : loops_) visit(loop);
+        loops_.forEach([&](const StoredLoop& loop) { visit(loop); });
     }
 
-    /// Fills an empty table with pieces read from JSON, which are known to be encodable; those without a place are left
-    /// out, and of equal fingerprints the last counts. Returns whether all came in.
-    bool fill(std::vector<LoopArtifact> artifacts, std::span<const std::optional<Place>> places);
+    /// Fills an empty table with the entries of a manifest; those for which `placeOf` knows no place are left out, and
+    /// of equal fingerprints the last counts. Returns whether all came in. Throws `JSONError`; the table is then as it
+    /// was.
+    bool fill(const JSONValue& manifest, const std::function<std::optional<Place>(const FileURL&)>& placeOf);
 
     /// Stores a piece, replacing the one with its fingerprint.
     void put(Item item);
@@ -69,7 +71,7 @@ private:
     void rebuildManifest();
 
     SharedTexts texts_;
-    std::unordered_map<LoopKey, StoredLoop> loops_;
+    LoopIndex loops_;
     std::map<std::string, std::vector<StoredLoop*>, std::less<>> moods_;
     std::size_t unencodable_ = 0;
 

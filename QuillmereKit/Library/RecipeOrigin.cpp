@@ -15,4 +15,6 @@ RecipeOrigin decode<RecipeOrigin>(const JSONValue& value) {
     return {.chip = value.member<std::string>("chip")};
 }
 
+void decodeInto(const JSONValue& value, RecipeOrigin& into) { JSONMembers(value).read("chip", into.chip); }
+
 }  // namespace quillmere

@@ -20,6 +20,7 @@ struct RecipeOrigin {
 void encode(JSONWriter& writer, const RecipeOrigin& origin);
 template <>
 RecipeOrigin decode<RecipeOrigin>(const JSONValue& value);
+void decodeInto(const JSONValue& value, RecipeOrigin& into);
 
 }  // namespace quillmere
 

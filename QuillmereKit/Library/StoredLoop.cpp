@@ -5,8 +5,6 @@
 #include <iterator>
 #include <utility>
 
-#include "QuillmereKit/Platform/Precondition.hpp"
-
 namespace quillmere {
 namespace {
 
@@ -19,11 +17,7 @@ std::optional<std::string> textOf(const SharedTexts::Text& text) {
 
 }  // namespace
 
-LoopKey LoopKey::of(const LoopIdentity& identity) {
-    const auto key = fromText(identity.fingerprint());
-    precondition(key.has_value(), "a fingerprint is 16 lower-case hexadecimal characters");
-    return *key;
-}
+LoopKey LoopKey::of(const LoopIdentity& identity) { return {identity.fingerprintNumber()}; }
 
 std::string LoopKey::text() const {
     std::string digits(16, '0');
@@ -43,19 +37,24 @@ std::optional<LoopKey> LoopKey::fromText(std::string_view text) noexcept {
 }
 
 SharedTexts::Text SharedTexts::share(std::string_view text) {
-    if (const auto found = texts_.find(text); found != texts_.end()) return *found;
-    return *texts_.insert(std::make_shared<const std::string>(text)).first;
+    auto& recent = recent_[text.size() % recent_.size()];
+    if (recent && *recent == text) return recent;
+    auto found = texts_.find(text);
+    if (found == texts_.end()) found = texts_.insert(Held{std::string(text)}).first;
+    recent = Text(&*found);
+    return recent;
 }
 
 SharedTexts::Text SharedTexts::shareIfPresent(const std::optional<std::string>& text) {
-    return text ? share(*text) : nullptr;
+    return text ? share(*text) : Text();
 }
 
 void SharedTexts::sweep() noexcept {
-    std::erase_if(texts_, [](const Text& text) { return text.use_count() == 1; });
+    recent_.fill({});
+    std::erase_if(texts_, [](const Held& held) { return !std::exchange(held.isUsed, false); });
 }
 
-StoredLoop::StoredLoop(LoopKey loopKey, LoopArtifact artifact, SharedTexts& texts)
+StoredLoop::StoredLoop(LoopKey loopKey, LoopArtifact&& artifact, SharedTexts& texts)
     : key(loopKey),
       moodID(texts.share(artifact.identity.moodID)),
       calmPrompt(texts.share(artifact.identity.calmPrompt)),
@@ -63,7 +62,7 @@ StoredLoop::StoredLoop(LoopKey loopKey, LoopArtifact artifact, SharedTexts& text
       model(texts.share(artifact.identity.model)),
       prompt(texts.shareIfPresent(artifact.identity.prompt)),
       engineBuild(texts.shareIfPresent(artifact.engineBuild)),
-      chip(artifact.origin ? texts.share(artifact.origin->chip) : nullptr),
+      chip(artifact.origin ? texts.share(artifact.origin->chip) : SharedTexts::Text()),
       audio(artifact.identity.audio ? std::make_unique<const AudioUse>(std::move(*artifact.identity.audio)) : nullptr),
       blend(artifact.identity.blend),
       seed(artifact.identity.seed),
@@ -73,6 +72,12 @@ StoredLoop::StoredLoop(LoopKey loopKey, LoopArtifact artifact, SharedTexts& text
       seamDB(artifact.seamDB),
       leadIn(artifact.leadIn),
       quality(artifact.quality) {}
+
+void StoredLoop::useTexts() const noexcept {
+    for (const auto& text : {moodID, calmPrompt, energeticPrompt, model, prompt, engineBuild, chip}) {
+        SharedTexts::use(text);
+    }
+}
 
 LoopIdentity StoredLoop::identity() const {
     return {.moodID = *moodID,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -32,40 +33,67 @@ struct LoopKey {
 
 /// Texts that many pieces have in common, each kept once. Not thread-safe.
 class SharedTexts {
+    struct Held {
+        std::string text;
+        mutable bool isUsed = false;  // as far as a sweep has seen
+    };
+
 public:
-    using Text = std::shared_ptr<const std::string>;
+    /// A kept text, or none. Lives until the texts go, or a sweep that does not find it used.
+    class Text {
+    public:
+        Text() = default;
+        explicit operator bool() const noexcept { return held_ != nullptr; }
+        const std::string& operator*() const noexcept { return held_->text; }
+        friend bool operator==(const Text&, const Text&) = default;
+
+    private:
+        friend class SharedTexts;
+        explicit Text(const Held* held) noexcept : held_(held) {}
+        const Held* held_ = nullptr;
+    };
 
     /// The one copy of `text`.
     [[nodiscard]] Text share(std::string_view text);
-    /// The same, or null for no text.
+    /// The same, or none for no text.
     [[nodiscard]] Text shareIfPresent(const std::optional<std::string>& text);
 
-    /// Forgets the texts that nobody holds any more.
+    /// Notes for the next sweep that a text is in use.
+    static void use(Text text) noexcept {
+        if (text) text.held_->isUsed = true;
+    }
+
+    /// Forgets the texts that are not noted as used.
     void sweep() noexcept;
 
 private:
     struct Hash {
         using is_transparent = void;
         std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
-        std::size_t operator()(const Text& text) const noexcept { return (*this)(std::string_view(*text)); }
+        std::size_t operator()(const Held& held) const noexcept { return (*this)(std::string_view(held.text)); }
     };
     struct Equal {
         using is_transparent = void;
-        bool operator()(const Text& a, const Text& b) const noexcept { return *a == *b; }
-        bool operator()(std::string_view a, const Text& b) const noexcept { return a == *b; }
-        bool operator()(const Text& a, std::string_view b) const noexcept { return *a == b; }
+        bool operator()(const Held& a, const Held& b) const noexcept { return a.text == b.text; }
+        bool operator()(std::string_view a, const Held& b) const noexcept { return a == b.text; }
+        bool operator()(const Held& a, std::string_view b) const noexcept { return a.text == b; }
     };
-    std::unordered_set<Text, Hash, Equal> texts_;
+    std::unordered_set<Held, Hash, Equal> texts_;
+    std::array<Text, 32> recent_;  // by length: pieces that follow one another are alike
 };
 
 /// A `LoopArtifact` as the store keeps it: the prompts, names and model strings that the pieces of a mood have in
 /// common are held once for all of them, which halves the memory of a large library.
 struct StoredLoop {
-    StoredLoop(LoopKey loopKey, LoopArtifact artifact, SharedTexts& texts);
+    /// Takes the artifact's URL and guide audio away; copies or shares the rest.
+    StoredLoop(LoopKey loopKey, LoopArtifact&& artifact, SharedTexts& texts);
 
     /// The artifact, equal in every field to the one that was stored.
     [[nodiscard]] LoopArtifact artifact() const;
     [[nodiscard]] LoopIdentity identity() const;
+
+    /// Notes the piece's shared texts as used.
+    void useTexts() const noexcept;
 
     [[nodiscard]] bool isRecording() const noexcept { return audio && audio->kind == AudioUse::Kind::recording; }
 
@@ -74,9 +102,9 @@ struct StoredLoop {
     SharedTexts::Text calmPrompt;
     SharedTexts::Text energeticPrompt;
     SharedTexts::Text model;
-    SharedTexts::Text prompt;       // null when absent
-    SharedTexts::Text engineBuild;  // null when absent
-    SharedTexts::Text chip;         // null when the piece has no origin
+    SharedTexts::Text prompt;       // none when absent
+    SharedTexts::Text engineBuild;  // none when absent
+    SharedTexts::Text chip;         // none when the piece has no origin
     std::unique_ptr<const AudioUse> audio;
     BlendStep blend;
     std::int64_t seed;

@@ -177,7 +177,11 @@ std::string readFile(const std::filesystem::path& file, std::size_t limit, Final
     const auto size = static_cast<std::uint64_t>(status.st_size);
     if (size > limit) throw FileError("read", file, FileFault::fileReadTooLarge);
 
-    std::string content(static_cast<std::size_t>(size), '\0');
+    // With room for what parsers like to read beyond the end.
+    constexpr std::size_t roomBehind = 64;
+    std::string content;
+    content.reserve(static_cast<std::size_t>(size) + roomBehind);
+    content.resize(static_cast<std::size_t>(size));
     content.resize(systemCalls::readUpTo(opened.number(), content, file));
     // The size was only a guess: the file may be growing.
     std::array<char, 4096> more;

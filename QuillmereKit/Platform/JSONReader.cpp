@@ -185,6 +185,12 @@ std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
     throw JSONError(std::string("not valid JSON: ") + simdjson::error_message(error));
 }
 
+/// Where it matters: what is shorter, a library of a hundred thousand pieces too, the parser refuses in little memory.
+void refuseWrongNesting(std::string_view text) {
+    constexpr std::size_t longText = std::size_t{64} << 20;
+    if (text.size() > longText && isNestedWrongly(text)) failParsing(simdjson::DEPTH_ERROR);
+}
+
 [[noreturn]] void failType(const char* wanted) { throw JSONError(std::string("must be ") + wanted); }
 
 }  // namespace
@@ -299,6 +305,20 @@ std::optional<JSONValue> JSONValue::find(std::string_view key) const {
     return std::nullopt;
 }
 
+JSONMembers::JSONMembers(const JSONValue& value) : tape_(value.tape_), next_(value.index_ + 1), last_(0) {
+    if (!value.isObject()) failType("an object");
+    last_ = tape_->last(value.index_);
+}
+
+std::optional<JSONValue> JSONMembers::find(std::string_view key) {
+    for (std::size_t index = next_; index != last_; index = tape_->next(index + 1)) {
+        if (tape_->string(index) != key) continue;
+        if (index == next_) next_ = tape_->next(index + 1);
+        return JSONValue(tape_, index + 1);
+    }
+    return std::nullopt;
+}
+
 JSONValue::Elements JSONValue::elementRange() const {
     if (!isArray()) failType("an array");
     constexpr std::uint64_t countMask = 0xFFFFFF;
@@ -371,27 +391,36 @@ std::string JSONValue::text() const {
 }
 
 JSONDocument JSONDocument::parse(std::string_view text) {
+    refuseWrongNesting(text);
+    std::string copy;
+    copy.reserve(text.size() + roomBehind);
+    copy = text;
+    return parseNested(std::move(copy));
+}
+
+JSONDocument JSONDocument::parseInPlace(std::string text) {
+    refuseWrongNesting(text);
+    return parseNested(std::move(text));
+}
+
+JSONDocument JSONDocument::parseNested(std::string text) {
+    static_assert(roomBehind >= simdjson::SIMDJSON_PADDING);
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-    if (text.starts_with(byteOrderMark)) text.remove_prefix(byteOrderMark.size());
-
-    // Where it matters: what is shorter, a library of a hundred thousand pieces too, the parser refuses in little
-    // memory.
-    constexpr std::size_t longText = std::size_t{64} << 20;
-    if (text.size() > longText && isNestedWrongly(text)) failParsing(simdjson::DEPTH_ERROR);
-
-    simdjson::padded_string copy(text);
-    if (copy.size() != text.size()) throw std::bad_alloc();
+    text.reserve(text.size() + roomBehind);
+    const std::size_t skipped = text.starts_with(byteOrderMark) ? byteOrderMark.size() : 0;
+    char* const begin = text.data() + skipped;
+    const std::size_t size = text.size() - skipped;
     std::vector<OddNumber> odd;
-    if (mayHoldNegativeZero(text)) odd = replaceOddNumbers(copy.data(), copy.size());
+    if (mayHoldNegativeZero({begin, size})) odd = replaceOddNumbers(begin, size);
 
     auto tape = std::make_unique<JSONTape>();
     const auto run = [&] {
         simdjson::dom::parser parser;
-        return parser.parse_into_document(tape->document, copy.data(), copy.size(), false).error();
+        return parser.parse_into_document(tape->document, begin, size, false).error();
     };
     auto error = run();
     if (error == simdjson::NUMBER_ERROR && odd.empty()) {
-        odd = replaceOddNumbers(copy.data(), copy.size());
+        odd = replaceOddNumbers(begin, size);
         if (!odd.empty()) error = run();
     }
     if (error != simdjson::SUCCESS) failParsing(error);
@@ -400,7 +429,7 @@ JSONDocument JSONDocument::parse(std::string_view text) {
 }
 
 JSONDocument JSONDocument::read(const std::filesystem::path& file, std::size_t limit) {
-    return parse(readFile(file, limit));
+    return parseInPlace(readFile(file, limit));
 }
 
 JSONDocument::JSONDocument(std::unique_ptr<JSONTape> tape) noexcept : tape_(std::move(tape)) {}
@@ -412,6 +441,8 @@ JSONValue JSONDocument::root() const noexcept {
     constexpr std::size_t firstValue = 1;  // behind the tape's own root word
     return {tape_.get(), firstValue};
 }
+
+void decodeInto(const JSONValue& value, std::string& into) { into = value.string(); }
 
 template <>
 bool decode<bool>(const JSONValue& value) {

@@ -33,6 +33,13 @@ double decode<double>(const JSONValue& value);
 template <>
 std::string decode<std::string>(const JSONValue& value);
 
+/// Reads a value over another one of its type, as `decode` would: whoever reads thousands lets each text use the room
+/// of the one before. A type may have an overload that passes this on to its members. If it throws, `into` holds any
+/// value.
+template <class T>
+void decodeInto(const JSONValue& value, T& into);
+void decodeInto(const JSONValue& value, std::string& into);
+
 /// One value inside a parsed `JSONDocument`: cheap to copy, valid as long as the document lives.
 ///
 /// Typed access throws `JSONError` when the value is of another type: a boolean is not a number and a
@@ -69,6 +76,11 @@ public:
     template <class T>
     [[nodiscard]] std::optional<T> optionalMember(std::string_view key) const;
 
+    /// Calls `visit` with each element of an array in turn. Throws if this is not an array; a `JSONError` of `visit`
+    /// goes on with the index named.
+    template <class Visit>
+    void forEachElement(const Visit& visit) const;
+
     /// Every element of an array, read as `T`. Throws if this is not an array; errors name the index.
     template <class T>
     [[nodiscard]] std::vector<T> elements() const;
@@ -85,6 +97,7 @@ public:
 
 private:
     friend class JSONDocument;
+    friend class JSONMembers;
     friend struct JSONTape;
     JSONValue(const JSONTape* tape, std::size_t index) noexcept : tape_(tape), index_(index) {}
 
@@ -103,6 +116,29 @@ private:
     std::size_t index_;
 };
 
+/// Reads the members of an object one after another: the quick way where keys are asked for in the order in which they
+/// mostly stand; any other order gives the same. Each key may be asked for once. Lives no longer than the document.
+class JSONMembers {
+public:
+    /// Throws `JSONError` if `value` is not an object.
+    explicit JSONMembers(const JSONValue& value);
+
+    /// A required member, read by `decodeInto`. Throws as `JSONValue::member` does.
+    template <class T>
+    void read(std::string_view key, T& into);
+
+    /// An optional member, read by `decodeInto`. Throws as `JSONValue::optionalMember` does.
+    template <class T>
+    void readOptional(std::string_view key, std::optional<T>& into);
+
+private:
+    [[nodiscard]] std::optional<JSONValue> find(std::string_view key);
+
+    const JSONTape* tape_;
+    std::size_t next_;  // all members before it have been asked for
+    std::size_t last_;
+};
+
 /// A parsed JSON text.
 ///
 /// Takes strict JSON: UTF-8 only (a byte order mark before it is skipped), no text after the value,
@@ -115,6 +151,11 @@ public:
     /// for a text of more than 64 MiB that is nested too deep.
     [[nodiscard]] static JSONDocument parse(std::string_view text);
 
+    /// The same for a text that nobody needs any more: it is parsed where it stands, without a copy if it has room for
+    /// `roomBehind` bytes more.
+    [[nodiscard]] static JSONDocument parseInPlace(std::string text);
+    static constexpr std::size_t roomBehind = 64;
+
     /// Reads and parses a regular file of at most `limit` bytes. Throws `FileError` or `JSONError`. Blocks on disk.
     [[nodiscard]] static JSONDocument read(const std::filesystem::path& file, std::size_t limit);
 
@@ -126,6 +167,7 @@ public:
     [[nodiscard]] JSONValue root() const noexcept;
 
 private:
+    [[nodiscard]] static JSONDocument parseNested(std::string text);
     explicit JSONDocument(std::unique_ptr<JSONTape> tape) noexcept;
     std::unique_ptr<JSONTape> tape_;
 };
@@ -175,17 +217,58 @@ std::optional<T> JSONValue::optionalMember(std::string_view key) const {
 }
 
 template <class T>
-std::vector<T> JSONValue::elements() const {
+void decodeInto(const JSONValue& value, T& into) {
+    into = decode<T>(value);
+}
+
+template <class T>
+void JSONMembers::read(std::string_view key, T& into) {
+    const auto found = find(key);
+    if (!found) throw JSONError("is missing").inMember(key);
+    try {
+        decodeInto(*found, into);
+    } catch (const JSONError& error) {
+        throw error.inMember(key);
+    }
+}
+
+template <class T>
+void JSONMembers::readOptional(std::string_view key, std::optional<T>& into) {
+    const auto found = find(key);
+    if (!found || found->isNull()) {
+        into.reset();
+        return;
+    }
+    try {
+        if (into) {
+            decodeInto(*found, *into);
+        } else {
+            into = decode<T>(*found);
+        }
+    } catch (const JSONError& error) {
+        throw error.inMember(key);
+    }
+}
+
+template <class Visit>
+void JSONValue::forEachElement(const Visit& visit) const {
     const auto range = elementRange();
-    std::vector<T> result;
-    result.reserve(range.count);
+    std::size_t ordinal = 0;
     for (JSONValue element(tape_, range.begin); element.index_ != range.end; element.index_ = element.nextIndex()) {
         try {
-            result.push_back(element.template as<T>());
+            visit(std::as_const(element));
         } catch (const JSONError& error) {
-            throw error.inElement(result.size());
+            throw error.inElement(ordinal);
         }
+        ++ordinal;
     }
+}
+
+template <class T>
+std::vector<T> JSONValue::elements() const {
+    std::vector<T> result;
+    result.reserve(elementRange().count);
+    forEachElement([&](const JSONValue& element) { result.push_back(element.template as<T>()); });
     return result;
 }
 

@@ -121,6 +121,12 @@ TEST_F(LoopIdentityTests, FingerprintIsSixteenLowerCaseHexadecimalDigits) {
     }
 }
 
+TEST_F(LoopIdentityTests, FingerprintNumberIsTheFingerprintReadAsHexadecimal) {
+    for (identity.seed = 0; identity.seed < 100; ++identity.seed) {
+        EXPECT_EQ(identity.fingerprintNumber(), std::stoull(identity.fingerprint(), nullptr, 16));
+    }
+}
+
 TEST_F(LoopIdentityTests, EveryFieldChangesTheFingerprintTheEqualityAndTheHash) {
     const std::hash<LoopIdentity> hash;
     std::set<std::string> fingerprints{identity.fingerprint()};

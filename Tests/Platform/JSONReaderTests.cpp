@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
@@ -25,6 +26,11 @@ template <>
 SampleIdentity decode<SampleIdentity>(const JSONValue& value) {
     return {value.member<std::int64_t>("seed"), value.member<std::vector<double>>("gains"),
             value.optionalMember<std::string>("name")};
+}
+
+template <>
+JSONValue decode<JSONValue>(const JSONValue& value) {
+    return value;
 }
 
 /// {"identity": object}
@@ -382,6 +388,66 @@ TEST(JSONReaderTests, MissingOrNullOptionalMemberIsAbsent) {
     EXPECT_THROW(read(R"({"a":1.5})"), JSONError);
 }
 
+TEST(JSONReaderTests, MembersReadOneAfterAnotherAreThoseOfTheObjectInWhateverOrder) {
+    std::vector<std::string> texts = {R"("a":1)", R"("b":"x")", R"("c":null)", R"("d":2.5)", R"("a":9)"};
+    std::ranges::sort(texts);
+    do {
+        std::string text = "{\"other\":[{}]";
+        for (const auto& member : texts) text += "," + member;
+        const auto document = JSONDocument::parse(text + "}");
+        const auto object = document.root();
+        std::vector<std::string> keys = {"a", "b", "c", "d"};
+        do {
+            SCOPED_TRACE(text + " asked for from " + keys[0] + keys[1] + keys[2] + keys[3]);
+            JSONMembers members(object);
+            std::int64_t whole = 0;
+            std::string name = "a text that was there before";
+            std::optional<std::int64_t> absent = 7;
+            std::optional<double> number;
+            for (const auto& key : keys) {
+                if (key == "a") members.read("a", whole);
+                if (key == "b") members.read("b", name);
+                if (key == "c") members.readOptional("c", absent);
+                if (key == "d") members.readOptional("d", number);
+            }
+
+            ASSERT_EQ(whole, object.member<std::int64_t>("a"));
+            ASSERT_EQ(name, "x");
+            ASSERT_EQ(absent, std::nullopt);
+            ASSERT_EQ(number, 2.5);
+        } while (std::ranges::next_permutation(keys).found);
+    } while (std::ranges::next_permutation(texts).found);
+}
+
+TEST(JSONReaderTests, MembersReadOneAfterAnotherFailAsTheObjectsMembersDo) {
+    const auto document = JSONDocument::parse(R"({"a":1,"b":{"name":true}})");
+    const auto object = document.root();
+    const auto errorOf = [](const auto& read) -> std::string {
+        try {
+            read();
+        } catch (const JSONError& error) {
+            return error.what();
+        }
+        return "none";
+    };
+    const auto sameFailure = [&](std::string_view key) {
+        std::string text;
+        std::optional<std::string> optional = "before";
+        JSONMembers members(object);
+        JSONMembers others(object);
+        EXPECT_EQ(errorOf([&] { members.read(key, text); }),
+                  errorOf([&] { static_cast<void>(object.member<std::string>(key)); }));
+        EXPECT_EQ(errorOf([&] { others.readOptional(key, optional); }),
+                  errorOf([&] { static_cast<void>(object.optionalMember<std::string>(key)); }));
+    };
+
+    sameFailure("a");
+    sameFailure("b");
+    sameFailure("missing");
+    EXPECT_EQ(errorOf([&] { JSONMembers(object.member<JSONValue>("a")); }),
+              errorOf([&] { static_cast<void>(object.member<JSONValue>("a").find("x")); }));
+}
+
 TEST(JSONReaderTests, ErrorNamesTheKeyPath) {
     using Path = std::pair<std::string, std::string>;
     const auto ofRecipes = [](std::string_view text) {
@@ -475,6 +541,37 @@ TEST(JSONReaderTests, NoMemoryIsTakenForElementsThatAreNone) {
     } catch (const JSONError& error) {
         EXPECT_EQ(error.path(), "[0]");
     }
+}
+
+TEST(JSONReaderTests, TextParsedInPlaceIsReadAsACopyOfItWouldBe) {
+    for (const std::string text :
+         {"7", "\xEF\xBB\xBF[1,-0,18446744073709551616,1e999]", "[\"a\\nb\",{\"k\":[]}]", "\"\""}) {
+        for (const std::size_t room : {std::size_t{0}, JSONDocument::roomBehind, std::size_t{4096}}) {
+            std::string copy;
+            copy.reserve(text.size() + room);
+            copy = text;
+
+            EXPECT_EQ(JSONDocument::parseInPlace(std::move(copy)).root().text(),
+                      JSONDocument::parse(text).root().text());
+        }
+    }
+    for (const std::string text : {"", "[", "[1]x", "\xEF\xBB\xBF"}) {
+        EXPECT_THROW(static_cast<void>(JSONDocument::parseInPlace(text)), JSONError) << text;
+    }
+}
+
+TEST(JSONReaderTests, EachElementIsVisitedAndAnErrorNamesIt) {
+    const auto document = JSONDocument::parse(R"([1,2,"x",4])");
+    std::vector<std::int64_t> seen;
+    std::string message;
+    try {
+        document.root().forEachElement([&](const JSONValue& element) { seen.push_back(element.integer()); });
+    } catch (const JSONError& error) {
+        message = error.what();
+    }
+
+    EXPECT_EQ(seen, (std::vector<std::int64_t>{1, 2}));
+    EXPECT_NE(message.find('2'), std::string::npos) << message;
 }
 
 TEST(JSONReaderTests, DocumentOutlivesTheTextAndSurvivesMoving) {
