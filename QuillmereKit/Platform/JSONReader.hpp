@@ -154,7 +154,7 @@ public:
     /// The same for a text that nobody needs any more: it is parsed where it stands, without a copy if it has room for
     /// `roomBehind` bytes more.
     [[nodiscard]] static JSONDocument parseInPlace(std::string text);
-    static constexpr std::size_t roomBehind = 64;
+    static constexpr std::size_t roomBehind = 64;  ///< What the parser may read beyond the end of a text.
 
     /// Reads and parses a regular file of at most `limit` bytes. Throws `FileError` or `JSONError`. Blocks on disk.
     [[nodiscard]] static JSONDocument read(const std::filesystem::path& file, std::size_t limit);
