@@ -9,13 +9,6 @@ namespace fs = std::filesystem;
 using namespace quillmere;
 using fuzz::require;
 
-bool isKept(const fs::path& folder, std::string_view bytes) {
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        if (entry.path().filename() != "digests.json" && fuzz::read(entry.path()) == bytes) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -33,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const app::DigestBook again(folder);
     require(!again.problem() && again.digest(fingerprint) == digest, "a digest that was saved is read");
-    require(isWhole || isKept(folder, text), "a file that cannot be read whole is kept");
+    require(isWhole || fuzz::isKeptBeside(folder / "digests.json", text), "a file that cannot be read whole is kept");
     if (!isWhole) return 0;
     const auto document = JSONDocument::parse(text);
     for (const auto& [key, value] : document.root().find("digests")->members()) {

@@ -12,13 +12,6 @@ namespace fs = std::filesystem;
 using namespace quillmere;
 using fuzz::require;
 
-bool isKept(const fs::path& folder, std::string_view bytes) {
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        if (entry.path().filename() != "Moods.json" && fuzz::read(entry.path()) == bytes) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -38,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(!mood.tagsOnly().soundGuide, "a mood of tags alone has no guide");
     }
     const bool isMovedAside = !fs::exists(file);
-    require(!isMovedAside || (moods.empty() && isKept(folder, text)),
+    require(!isMovedAside || (moods.empty() && fuzz::isKeptBeside(file, text)),
             "a file that cannot be read is moved aside whole");
 
     const auto added = MoodSpec::blank(MoodGlyph::wave);

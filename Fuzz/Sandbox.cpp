@@ -48,6 +48,13 @@ std::string read(const fs::path& file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+bool isKeptBeside(const fs::path& file, std::string_view bytes) {
+    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
+        if (entry.path() != file && read(entry.path()) == bytes) return true;
+    }
+    return false;
+}
+
 Tree treeOf(const fs::path& folder) {
     Tree tree;
     for (const auto& entry : fs::recursive_directory_iterator(folder)) {

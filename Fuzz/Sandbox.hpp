@@ -25,6 +25,9 @@ void write(const std::filesystem::path& file, std::string_view bytes);
 /// The content of a file that is there.
 std::string read(const std::filesystem::path& file);
 
+/// Whether another file of the same folder holds these bytes: what the reader of `file` kept of it.
+bool isKeptBeside(const std::filesystem::path& file, std::string_view bytes);
+
 /// What lies below a folder: by path, what it is, and what it holds or where it leads.
 using Tree = std::map<std::string, std::string>;
 Tree treeOf(const std::filesystem::path& folder);

@@ -9,13 +9,6 @@ namespace fs = std::filesystem;
 using namespace quillmere;
 using fuzz::require;
 
-bool isKept(const fs::path& folder, std::string_view bytes) {
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        if (entry.path().filename() != "settings.json" && fuzz::read(entry.path()) == bytes) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -50,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const JSONError&) {
         isObject = false;
     }
-    require(isObject || isKept(folder, text), "a file that cannot be read is kept");
+    require(isObject || fuzz::isKeptBeside(path, text), "a file that cannot be read is kept");
 
     file.reset("horizon");
     require(file.settings().horizon == Horizon::oneHour, "a choice that is taken back leaves the default");
