@@ -332,7 +332,8 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
          while (std::getline(std::cin, line)) {
          }
          append(argument(1), "input ended");
-         std::exit(0);
+         // Not by `exit`: a leak check there waits for a process of its own, which the end of the family may take away.
+         ::_exit(0);
      }},
     {"works",
      [] {
