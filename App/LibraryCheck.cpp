@@ -1,6 +1,7 @@
 #include "App/LibraryCheck.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <map>
 #include <unordered_set>
@@ -10,6 +11,7 @@
 #include "App/Pieces.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Platform/AudioFile.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 
 namespace quillmere::app {
@@ -35,9 +37,15 @@ bool isWork(const fs::directory_entry& entry) {
     return isBeingMade || (name.starts_with("Render-") && fileExists(entry.path() / ".lock"));
 }
 
+// Whether a file without an entry may get one any moment: the audio is there before the manifest that names it.
+bool isOnItsWay(const fs::path& file) {
+    constexpr std::chrono::minutes patience{1};
+    const auto facts = factsOf(file);
+    return facts && std::chrono::system_clock::now() - facts->modified < patience;
+}
+
 // Every file in the folder that is none of the library's records, links and others that are no folder included.
 std::vector<fs::path> filesIn(const fs::path& folder) {
-    const bool isBeingWritten = FolderLock::isHeld(folder / ".lock");
     std::vector<fs::path> files;
     std::error_code error;
     fs::recursive_directory_iterator place(folder, error);
@@ -51,7 +59,6 @@ std::vector<fs::path> filesIn(const fs::path& folder) {
         }
         const auto name = entry.path().filename().native();
         if (isTop && isLibraryRecord(name)) continue;
-        if (isBeingWritten && name.starts_with(".") && name.ends_with(".migration.m4a")) continue;
         files.push_back(entry.path());
     }
     std::ranges::sort(files);
@@ -126,7 +133,6 @@ LibraryCheck LibraryCheck::make(
     const fs::path& folder, const std::stop_token& stop,
     const std::function<void(std::size_t index, std::size_t count, const std::string& fingerprint)>& onPiece) {
     LibraryCheck result;
-    // The files first: one that is there now and that no later manifest names is not on its way into the library.
     const auto files = filesIn(folder);
     Entries entries;
     try {
@@ -144,6 +150,8 @@ LibraryCheck LibraryCheck::make(
         checking.check(fingerprint, artifact);
     }
 
+    // Asked before the manifest is read again: where nobody writes, it names by now whatever it ever will.
+    const bool isBeingWritten = FolderLock::isHeld(folder / ".lock");
     Entries now;
     try {
         now = entriesOf(folder);
@@ -160,7 +168,8 @@ LibraryCheck LibraryCheck::make(
     used.add(entries);
     used.add(now);
     for (const auto& file : files) {
-        if (!used.contains(file) && factsOf(file)) result.unlisted.push_back(file.string());
+        if (used.contains(file) || !factsOf(file) || (isBeingWritten && isOnItsWay(file))) continue;
+        result.unlisted.push_back(file.string());
     }
     return result;
 }

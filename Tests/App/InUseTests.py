@@ -1,23 +1,10 @@
 """What the program does where another process holds the library, or the user's own records."""
-import fcntl
 import os
-import struct
 import unittest
 
-from library import LibraryTest
+from library import LibraryTest, holding
 
 IN_USE = 4
-
-
-def holding(folder):
-    """A descriptor that holds the folder's lock as another program would, and names its holder."""
-    folder.mkdir(parents=True, exist_ok=True)
-    descriptor = os.open(folder / ".lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
-    os.write(descriptor, b"a patient holder, process 4711\n")
-    # struct flock on 64-bit Linux; the lock belongs to the open file.
-    wanted = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
-    fcntl.fcntl(descriptor, 37, wanted)  # F_OFD_SETLK
-    return descriptor
 
 
 class InUseTest(LibraryTest):

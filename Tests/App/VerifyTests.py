@@ -1,10 +1,11 @@
 """The host's verbs `library verify` and `library migrate`, and the digests that they compare with."""
 import json
 import os
+import time
 import unittest
 
 from host import interrupt
-from library import LibraryTest, pcm_digest, write_wav
+from library import LibraryTest, holding, pcm_digest, write_wav
 
 
 class VerifyTest(LibraryTest):
@@ -132,6 +133,18 @@ class VerifyTests(VerifyTest):
         process.communicate(timeout=30)
 
         self.assertTrue(self.verify()["isSound"])
+
+    def test_a_file_that_somebody_may_be_about_to_list_is_no_stray(self):
+        write_wav(self.loops / "fresh.wav", 0.1)
+        write_wav(self.loops / "old.wav", 0.1)
+        moment = time.time() - 3600
+        os.utime(self.loops / "old.wav", (moment, moment))
+
+        descriptor = holding(self.loops)
+        self.assertEqual(self.verify(expect=3)["unlisted"], [str(self.loops / "old.wav")])
+
+        os.close(descriptor)
+        self.assertEqual(len(self.verify(expect=3)["unlisted"]), 2, "nobody is at work any more")
 
     def test_digests_that_cannot_be_read_are_kept_aside(self):
         (self.loops / "digests.json").write_text("damaged")

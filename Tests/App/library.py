@@ -1,4 +1,5 @@
 """A loop library that a test puts together by itself: audio files, manifest, and the fingerprints that name them."""
+import fcntl
 import hashlib
 import json
 import math
@@ -38,6 +39,17 @@ def write_wav(path, seconds=1.0, tone=440.0, level=0.25, rate=48000, channels=2)
 def pcm_digest(path):
     with wave.open(str(path)) as audio:
         return hashlib.sha256(audio.readframes(audio.getnframes())).hexdigest()
+
+
+def holding(folder):
+    """A descriptor that holds the folder's lock as another program would, and names its holder."""
+    folder.mkdir(parents=True, exist_ok=True)
+    descriptor = os.open(folder / ".lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
+    os.write(descriptor, b"a patient holder, process 4711\n")
+    # struct flock on 64-bit Linux; the lock belongs to the open file.
+    wanted = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
+    fcntl.fcntl(descriptor, 37, wanted)  # F_OFD_SETLK
+    return descriptor
 
 
 class LibraryTest(HostTest):
