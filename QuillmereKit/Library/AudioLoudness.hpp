@@ -28,6 +28,7 @@ struct AudioLoudness {
     friend bool operator==(const AudioLoudness&, const AudioLoudness&) = default;
 };
 
+/// {"integratedLUFS"?: number, "peak": number, "seconds"?: number}
 void encode(JSONWriter& writer, const AudioLoudness& loudness);
 template <>
 AudioLoudness decode<AudioLoudness>(const JSONValue& value);

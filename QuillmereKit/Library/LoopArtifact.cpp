@@ -9,19 +9,6 @@
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 namespace quillmere {
-namespace {
-
-// All but identity and location.
-void readRest(JSONMembers& members, LoopArtifact& into) {
-    members.read("seconds", into.seconds);
-    members.readOptional("seamDB", into.seamDB);
-    members.readOptional("quality", into.quality);
-    members.readOptional("leadIn", into.leadIn);
-    members.readOptional("engineBuild", into.engineBuild);
-    members.readOptional("origin", into.origin);
-}
-
-}  // namespace
 
 bool LoopArtifact::isPlayable() const { return MoodCatalog::isCurrent(identity, CustomMoodStore::shared()); }
 
@@ -57,9 +44,8 @@ void encode(JSONWriter& writer, const LoopArtifact& artifact) {
 
 template <>
 LoopArtifact decode<LoopArtifact>(const JSONValue& value) {
-    LoopArtifact artifact{.identity = value.member<LoopIdentity>("identity"), .url = value.member<FileURL>("url")};
-    JSONMembers members(value);
-    readRest(members, artifact);
+    LoopArtifact artifact{.identity = {}, .url = FileURL::fromPath("/")};  // neither is ever left out
+    decodeInto(value, artifact);
     return artifact;
 }
 
@@ -67,7 +53,12 @@ void decodeInto(const JSONValue& value, LoopArtifact& into) {
     JSONMembers members(value);
     members.read("identity", into.identity);
     members.read("url", into.url);
-    readRest(members, into);
+    members.read("seconds", into.seconds);
+    members.readOptional("seamDB", into.seamDB);
+    members.readOptional("quality", into.quality);
+    members.readOptional("leadIn", into.leadIn);
+    members.readOptional("engineBuild", into.engineBuild);
+    members.readOptional("origin", into.origin);
 }
 
 }  // namespace quillmere

@@ -40,6 +40,8 @@ struct LoopArtifact {
     friend bool operator==(const LoopArtifact&, const LoopArtifact&) = default;
 };
 
+/// {"identity": identity, "url": text, "seconds": number, "seamDB"?: number, "quality"?: quality, "leadIn"?: number,
+/// "engineBuild"?: text, "origin"?: origin}
 void encode(JSONWriter& writer, const LoopArtifact& artifact);
 template <>
 LoopArtifact decode<LoopArtifact>(const JSONValue& value);

@@ -9,7 +9,6 @@
 #include <unordered_set>
 #include <utility>
 
-#include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
@@ -338,13 +337,17 @@ void LoopFolder::save(std::string_view manifest) {
         }
     }
     reasonToKeep_.reset();
+    const auto noteAsOurs = [this] {
+        manifest_ = factsOf(manifestFile_);
+        isUnread_ = false;  // what could not be read was replaced
+    };
     try {
         writeDurably(manifestFile_, manifest);
     } catch (const FileError& error) {
-        if (error.isInPlace()) manifest_ = factsOf(manifestFile_);
+        if (error.isInPlace()) noteAsOurs();
         throw;
     }
-    manifest_ = factsOf(manifestFile_);
+    noteAsOurs();
 }
 
 }  // namespace quillmere

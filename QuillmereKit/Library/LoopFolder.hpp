@@ -12,6 +12,7 @@
 #include "QuillmereKit/Library/LoopTable.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/OwnFolder.hpp"
 
 namespace quillmere {

@@ -35,7 +35,7 @@ char* separate(char* place) noexcept {
 SHA256::Digest digestOf(const LoopIdentity& identity) {
     const auto& [moodID, blend, calmPrompt, energeticPrompt, seed, model, prompt, audio, recipe] = identity;
     const std::string audioFingerprint = audio ? audio->fingerprint() : std::string();
-    constexpr std::size_t labels = std::string_view("v|||blend=/5|seed=||||prompt=|audio=").size();
+    constexpr std::size_t labels = std::string_view("v|||blend=/5|seed=|||prompt=|audio=").size();
     const std::size_t mostBytes = labels + 3 * mostDigits + model.size() + moodID.size() + calmPrompt.size() +
                                   energeticPrompt.size() + (prompt ? prompt->size() : 0) + audioFingerprint.size();
     std::array<char, 2048> here;  // left uninitialised on purpose; a usual identity's text fits

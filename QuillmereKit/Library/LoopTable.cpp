@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "QuillmereKit/Platform/Errors.hpp"

@@ -177,7 +177,8 @@ std::string readFile(const std::filesystem::path& file, std::size_t limit, Final
     const auto size = static_cast<std::uint64_t>(status.st_size);
     if (size > limit) throw FileError("read", file, FileFault::fileReadTooLarge);
 
-    // With room for what parsers like to read beyond the end.
+    // With room for what parsers like to read beyond the end; with less than `JSONDocument::roomBehind`, every text
+    // would be copied to be parsed.
     constexpr std::size_t roomBehind = 64;
     std::string content;
     content.reserve(static_cast<std::size_t>(size) + roomBehind);

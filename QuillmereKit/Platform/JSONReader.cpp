@@ -129,10 +129,10 @@ std::size_t endOfString(std::string_view text, std::size_t place) {
     return text.size();
 }
 
-/// Whether brackets outside strings are nested deeper than the parser goes, or one closes what none opened. The parser
-/// finds out as well, but only after it has noted the place of every bracket, in four bytes each and a copy of the
-/// text.
-bool isNestedWrongly(std::string_view text) {
+/// What is wrong if brackets outside strings are nested deeper than the parser goes, or one closes what none opened.
+/// The parser finds out as well, but only after it has noted the place of every bracket, in four bytes each and a copy
+/// of the text.
+simdjson::error_code nestingError(std::string_view text) {
     std::size_t depth = 0;
     for (std::size_t place = 0; place < text.size();) {
         const char character = text[place];
@@ -140,24 +140,26 @@ bool isNestedWrongly(std::string_view text) {
             place = endOfString(text, place + 1);
             continue;
         }
-        if ((character == '[' || character == '{') && ++depth > simdjson::DEFAULT_MAX_DEPTH) return true;
-        if ((character == ']' || character == '}') && depth-- == 0) return true;
+        if ((character == '[' || character == '{') && ++depth > simdjson::DEFAULT_MAX_DEPTH) {
+            return simdjson::DEPTH_ERROR;
+        }
+        if ((character == ']' || character == '}') && depth-- == 0) return simdjson::TAPE_ERROR;
         ++place;
     }
-    return false;
+    return simdjson::SUCCESS;
 }
 
-/// A number that the parser would not take, and which of the text's numbers it is.
-struct OddNumber {
-    std::size_t ordinal;
-    std::string text;
+/// The numbers of a text that the parser would not take. A text may hold little else: they cost no more than itself.
+struct OddNumbers {
+    std::vector<bool> isOdd;  // for each number of the text, up to the last odd one
+    std::string texts;        // those of the odd ones in turn, a blank behind each
 };
 
 /// Puts "0" and blanks in the place of each odd number outside strings, and hands the numbers over. Whether the
 /// rest is JSON is the parser's business.
-std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
+OddNumbers replaceOddNumbers(char* text, std::size_t size) {
     simdjson::dom::parser parser;
-    std::vector<OddNumber> odd;
+    OddNumbers odd;
     std::size_t ordinal = 0;
     for (std::size_t place = 0; place < size;) {
         const char character = text[place];
@@ -168,7 +170,10 @@ std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
             while (place < size && isInNumber(text[place])) ++place;
             const std::string_view token(text + begin, place - begin);
             if (isOddNumber(token, parser)) {
-                odd.push_back({ordinal, std::string(token)});
+                odd.isOdd.resize(ordinal + 1);
+                odd.isOdd[ordinal] = true;
+                odd.texts += token;
+                odd.texts += ' ';
                 std::memset(text + begin, ' ', token.size());
                 text[begin] = '0';
             }
@@ -188,7 +193,8 @@ std::vector<OddNumber> replaceOddNumbers(char* text, std::size_t size) {
 /// Where it matters: what is shorter, a library of a hundred thousand pieces too, the parser refuses in little memory.
 void refuseWrongNesting(std::string_view text) {
     constexpr std::size_t longText = std::size_t{64} << 20;
-    if (text.size() > longText && isNestedWrongly(text)) failParsing(simdjson::DEPTH_ERROR);
+    if (text.size() <= longText) return;
+    if (const auto error = nestingError(text); error != simdjson::SUCCESS) failParsing(error);
 }
 
 [[noreturn]] void failType(const char* wanted) { throw JSONError(std::string("must be ") + wanted); }
@@ -198,7 +204,7 @@ void refuseWrongNesting(std::string_view text) {
 /// The parser's tape: the values of the document in the order of the text, each with its tag.
 struct JSONTape {
     simdjson::dom::document document;
-    std::vector<std::string> oddNumbers;
+    std::string oddNumbers;  // their texts, a blank behind each
 
     [[nodiscard]] std::uint64_t word(std::size_t index) const noexcept { return document.tape[index]; }
     [[nodiscard]] Tag tag(std::size_t index) const noexcept { return static_cast<Tag>(word(index) >> tagShift); }
@@ -210,7 +216,10 @@ struct JSONTape {
         std::memcpy(&length, place, sizeof(length));
         return {reinterpret_cast<const char*>(place + sizeof(length)), length};
     }
-    [[nodiscard]] const std::string& oddNumber(std::size_t index) const noexcept { return oddNumbers[payload(index)]; }
+    [[nodiscard]] std::string_view oddNumber(std::size_t index) const noexcept {
+        const auto text = std::string_view(oddNumbers).substr(payload(index));
+        return text.substr(0, text.find(' '));
+    }
 
     /// The place behind the value at `index`.
     [[nodiscard]] std::size_t next(std::size_t index) const noexcept {
@@ -228,19 +237,19 @@ struct JSONTape {
     [[nodiscard]] std::size_t last(std::size_t index) const noexcept { return next(index) - 1; }
 
     /// Gives the odd numbers their places, which hold a stand-in so far.
-    void place(std::vector<OddNumber> odd) {
-        std::size_t ordinal = 0;
-        for (std::size_t index = 1; oddNumbers.size() < odd.size();) {
+    void place(OddNumbers odd) noexcept {
+        const auto isNumberAt = [this](std::size_t index) {
             const Tag here = tag(index);
-            if (here != Tag::integer && here != Tag::unsignedInteger && here != Tag::floating) {
-                ++index;
-                continue;
-            }
-            auto& number = odd[oddNumbers.size()];
-            if (ordinal++ == number.ordinal) {
-                document.tape[index] =
-                    std::uint64_t{static_cast<std::uint8_t>(Tag::oddNumber)} << tagShift | oddNumbers.size();
-                oddNumbers.push_back(std::move(number.text));
+            return here == Tag::integer || here == Tag::unsignedInteger || here == Tag::floating;
+        };
+        oddNumbers = std::move(odd.texts);
+        std::size_t start = 0;
+        std::size_t index = 1;
+        for (const bool isOdd : odd.isOdd) {
+            while (!isNumberAt(index)) ++index;
+            if (isOdd) {
+                document.tape[index] = std::uint64_t{static_cast<std::uint8_t>(Tag::oddNumber)} << tagShift | start;
+                start = oddNumbers.find(' ', start) + 1;
             }
             index += 2;
         }
@@ -282,7 +291,7 @@ double JSONValue::number() const {
         case Tag::integer: return static_cast<double>(static_cast<std::int64_t>(bits));
         case Tag::unsignedInteger: return static_cast<double>(bits);
         case Tag::oddNumber: {
-            const std::string& text = tape_->oddNumber(index_);
+            const std::string_view text = tape_->oddNumber(index_);
             double value = 0;
             if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc{}) return value;
             failType("a number in the range of a double");
@@ -410,7 +419,7 @@ JSONDocument JSONDocument::parseNested(std::string text) {
     const std::size_t skipped = text.starts_with(byteOrderMark) ? byteOrderMark.size() : 0;
     char* const begin = text.data() + skipped;
     const std::size_t size = text.size() - skipped;
-    std::vector<OddNumber> odd;
+    OddNumbers odd;
     if (mayHoldNegativeZero({begin, size})) odd = replaceOddNumbers(begin, size);
 
     auto tape = std::make_unique<JSONTape>();
@@ -419,9 +428,9 @@ JSONDocument JSONDocument::parseNested(std::string text) {
         return parser.parse_into_document(tape->document, begin, size, false).error();
     };
     auto error = run();
-    if (error == simdjson::NUMBER_ERROR && odd.empty()) {
+    if (error == simdjson::NUMBER_ERROR && odd.texts.empty()) {
         odd = replaceOddNumbers(begin, size);
-        if (!odd.empty()) error = run();
+        if (!odd.texts.empty()) error = run();
     }
     if (error != simdjson::SUCCESS) failParsing(error);
     tape->place(std::move(odd));

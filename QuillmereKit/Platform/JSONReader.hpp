@@ -146,9 +146,9 @@ private:
 /// any size may stand where nobody asks for them. Movable; owns all text handed out.
 class JSONDocument {
 public:
-    /// Throws `JSONError` if `text` is not JSON, is nested deeper than 1,024 levels or beyond 4 GiB. Takes time in
-    /// proportion to the text's length, and up to 16 bytes of memory for each of the text while it runs; less than 1
-    /// for a text of more than 64 MiB that is nested too deep.
+    /// Throws `JSONError` if `text` is not JSON, is nested deeper than 1,023 levels (an empty object or array at the
+    /// bottom not counted) or beyond 4 GiB. Takes time in proportion to the text's length, and up to 16 bytes of memory
+    /// for each of the text while it runs; less than 1 for a text of more than 64 MiB that is nested too deep.
     [[nodiscard]] static JSONDocument parse(std::string_view text);
 
     /// The same for a text that nobody needs any more: it is parsed where it stands, without a copy if it has room for

@@ -299,8 +299,6 @@ void JSONWriter::grow(std::size_t count) {
     text_.resize(std::min(text_.capacity(), needed + step));  // not all at once: pages never written to cost nothing
 }
 
-void JSONWriter::reserveFor(std::size_t bytes) { text_.reserve(size_ + bytes); }
-
 inline void JSONWriter::append(std::string_view text) {
     std::memcpy(reserve(text.size()), text.data(), text.size());
     size_ += text.size();

@@ -72,9 +72,6 @@ public:
     /// An empty writer; `userInfo` travels with it to the types that look for settings.
     explicit JSONWriter(Form form, JSONUserInfo userInfo = {});
 
-    /// Makes room for so many more bytes at once: saves time where a long text's length is known, if only roughly.
-    void reserveFor(std::size_t bytes);
-
     /// Begins an object as the next value.
     void beginObject();
     /// Ends the innermost object.

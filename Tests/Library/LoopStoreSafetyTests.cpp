@@ -69,6 +69,24 @@ TEST_F(LoopStoreSafetyTests, UnreadableManifestLoadsNothingAndIsKeptAsideBeforeT
     }
 }
 
+TEST_F(LoopStoreSafetyTests, WhatWasAddedBesideAnUnreadManifestStaysInMemoryWhenMoreIsAdded) {
+    writeManifest("");
+    std::filesystem::resize_file(folder / "manifest.json", (std::uintmax_t{1} << 30) + 1);  // too large to be read
+    auto store = open();
+    auto unwritable = piece("deepcode");
+    unwritable.identity.moodID = "\xff";
+    const auto later = piece("sprint");
+
+    store.add(unwritable);
+    ASSERT_NE(store.lastSaveError(), std::nullopt);
+    store.add(later);
+
+    EXPECT_TRUE(store.contains(unwritable.identity));
+    EXPECT_TRUE(store.contains(later.identity));
+    EXPECT_NE(store.lastSaveError(), std::nullopt) << "the first is still not saved";
+    EXPECT_THAT(listedURLs(), ElementsAre(later.url.text()));
+}
+
 TEST_F(LoopStoreSafetyTests, ManifestThatCannotBeKeptAsideIsNotReplaced) {
     std::filesystem::create_directories(folder / "manifest.json" / "precious");
     auto store = open();

@@ -73,6 +73,16 @@ bool isAccepted(std::string_view text) {
     }
 }
 
+/// The message of refusing a text.
+std::string parsingFailure(std::string_view text) {
+    try {
+        static_cast<void>(JSONDocument::parse(text));
+        return "";
+    } catch (const JSONError& error) {
+        return error.what();
+    }
+}
+
 /// The error of reading a text as a `T`.
 template <class T>
 std::pair<std::string, std::string> failure(std::string_view text) {
@@ -505,6 +515,10 @@ TEST(JSONReaderTests, NestingOfALongTextIsJudgedAsThatOfAShortOne) {
     const std::string quoted = "\"\\\"" + brackets + "\\\\\"";
     const std::string deep = repeated("[", 1000) + quoted + repeated("]", 1000);
 
+    EXPECT_EQ(parsingFailure("[" + quoted + "]]"),
+              "not valid JSON: The JSON document has an improper structure: missing "
+              "or superfluous commas, braces, missing keys, etc.");
+    EXPECT_EQ(parsingFailure(brackets), parsingFailure(repeated("[", 1025) + repeated("]", 1025)));
     EXPECT_FALSE(isAccepted(brackets));
     EXPECT_FALSE(isAccepted(std::string(length, '{')));
     EXPECT_FALSE(isAccepted(std::string(length, ']')));

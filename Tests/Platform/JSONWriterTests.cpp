@@ -465,7 +465,6 @@ TEST(JSONWriterTests, RawTextStandsWhereAValueMay) {
 
 TEST(JSONWriterTests, TextSoFarGrowsWithEachCall) {
     JSONWriter writer(Form::compact);
-    writer.reserveFor(100);
     EXPECT_EQ(writer.text(), "");
     writer.beginArray();
     EXPECT_EQ(writer.text(), "[");

@@ -19,6 +19,7 @@
 #include "QuillmereKit/Moods/TagVocabulary.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
+#include "Tests/Support/Sanitizer.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 // What every reader makes of texts that nobody writes by accident, and of files that no memory holds.
@@ -270,6 +271,23 @@ TEST(HostileInputTests, AGibibyteOfOpenBracketsCostsItsOwnLengthAtMost) {
 
     EXPECT_GT(peak, gibibyte / 2) << "it was not even read";
     EXPECT_LT(peak, gibibyte + gibibyte / 4);
+}
+
+// Each of them costs more than a number usually does, but no more than a text may cost.
+TEST(HostileInputTests, NumbersThatTheParserDoesNotTakeCostNoMoreThanOthers) {
+    for (const std::string_view number : {"-0", "99999999999999999999", "1e999"}) {
+        SCOPED_TRACE(number);
+        std::string text = "{\"x\":[";
+        while (text.size() < 8 * mebibyte) text.append(number) += ',';
+        text.append("1],\"y\":1}");
+
+        const auto peak = peakOf([&] {
+            if (JSONDocument::parse(text).root().member<std::int64_t>("y") != 1) ::_exit(1);
+        });
+
+        // A sanitizer keeps what was freed for a while.
+        EXPECT_LT(peak, (isSanitized ? 40 : 16) * text.size());
+    }
 }
 
 }  // namespace
