@@ -14,6 +14,7 @@
 #include "App/MoodChoice.hpp"
 #include "App/NumberBetween.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Generation/GenerationActivity.hpp"
 #include "QuillmereKit/Generation/GenerationQueue.hpp"
@@ -232,7 +233,7 @@ void addGenerateVerb(CLI::App& app, Host& host) {
         host.prepare();
         const Mood mood = playableMood("--mood", options->mood);
         if (options->seed && *options->seed > std::numeric_limits<std::int64_t>::max() - options->count) {
-            throw CLI::ValidationError("--seed", "too large for this many pieces");
+            throw UsageError("--seed", "too large for this many pieces");
         }
         Generation(*options, mood, host).run();
     });

@@ -9,6 +9,7 @@
 #include "App/Output.hpp"
 #include "App/Pieces.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -103,7 +104,7 @@ void addLibraryTrashVerb(CLI::App& library, Host& host) {
     verb.callback([options, &host] {
         host.prepare();
         if (options->fingerprints.empty() && options->mood.empty()) {
-            throw CLI::ValidationError("fingerprints", "name the pieces, or a mood.");
+            throw UsageError("fingerprints", "name the pieces, or a mood.");
         }
         trash(host, *options);
     });

@@ -13,6 +13,7 @@
 #include "App/Host.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
@@ -100,15 +101,21 @@ int run(int argumentCount, char** arguments) {
     quillmere::app::addTagsVerb(app, host);
     quillmere::app::addDigestVerb(app, host);
 
+    // Whether it was one, not the wish for help or for the version.
+    const auto isComplaint = [&](const CLI::ParseError& error) {
+        std::ostringstream complaint;
+        if (app.exit(error, std::cout, complaint) == 0) return false;
+        printSafely(complaint.str());
+        suggestName(app, argumentCount, arguments);
+        return true;
+    };
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
-        std::ostringstream complaint;
-        if (app.exit(error, std::cout, complaint) != 0) {  // zero: only help or the version was asked for
-            printSafely(complaint.str());
-            suggestName(app, argumentCount, arguments);
-            return static_cast<int>(ExitCode::usage);
-        }
+        if (isComplaint(error)) return static_cast<int>(ExitCode::usage);
+    } catch (const quillmere::app::UsageError& error) {
+        isComplaint(CLI::ValidationError(error.option(), error.what()));
+        return static_cast<int>(ExitCode::usage);
     } catch (const quillmere::LibraryInUse& error) {
         host.fail(ExitCode::libraryInUse, error.what());
     } catch (const std::exception& error) {

@@ -5,6 +5,7 @@
 #include "App/PersonaChoice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "QuillmereKit/Platform/Enumeration.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
 
@@ -23,18 +24,16 @@ E namedCase(const std::string& option, std::string_view text) {
         known.emplace_back(rawValue(each));
         all += (all.empty() ? "" : ", ") + known.back();
     }
-    throw CLI::ValidationError(option,
-                               "\"" + safeForTerminal(text) + "\" is none of " + all + "." + didYouMean(text, known));
+    throw UsageError(option, "\"" + safeForTerminal(text) + "\" is none of " + all + "." + didYouMean(text, known));
 }
 
 PromptTag namedTag(const std::string& option, std::string_view text) {
     const auto sign = text.find('=');
     if (sign == std::string_view::npos) {
-        throw CLI::ValidationError(option,
-                                   "\"" + safeForTerminal(text) + "\" is no tag: give CATEGORY=VALUE, or none.");
+        throw UsageError(option, "\"" + safeForTerminal(text) + "\" is no tag: give CATEGORY=VALUE, or none.");
     }
     const std::string_view value = trimmed(text.substr(sign + 1));
-    if (value.empty()) throw CLI::ValidationError(option, "\"" + safeForTerminal(text) + "\" has no value.");
+    if (value.empty()) throw UsageError(option, "\"" + safeForTerminal(text) + "\" has no value.");
     return {namedCase<TagCategory>(option, trimmed(text.substr(0, sign))), std::string(value)};
 }
 
@@ -62,7 +61,7 @@ void MoodChanges::addOptions(CLI::App& verb) {
 
 void MoodChanges::applyTo(MoodSpec& mood) const {
     if (name_) {
-        if (trimmed(*name_).empty()) throw CLI::ValidationError("--name", "a name is needed.");
+        if (trimmed(*name_).empty()) throw UsageError("--name", "a name is needed.");
         mood.name = std::string(trimmed(*name_));
     }
     if (!glyph_.empty()) mood.glyph = namedCase<MoodGlyph>("--glyph", glyph_);
@@ -89,7 +88,7 @@ void MoodChanges::apply(const End& changes, const std::string& name, MoodEnd& en
     } else if (!changes.bpm.empty()) {
         const auto bpm = decimalInteger(changes.bpm);
         if (!bpm || *bpm < MoodEnd::bpmRangeMin || *bpm > MoodEnd::bpmRangeMax) {
-            throw CLI::ValidationError("--" + name + "-bpm", "give beats per minute from 30 to 300, or none.");
+            throw UsageError("--" + name + "-bpm", "give beats per minute from 30 to 300, or none.");
         }
         end.bpm = bpm;
     }

@@ -18,7 +18,7 @@ public:
     /// Adds the options to a verb. The object must outlive the command line.
     void addOptions(CLI::App& verb);
 
-    /// Makes the changes. Throws `CLI::ValidationError` for what no mood can have, with a suggestion for a mistyped
+    /// Makes the changes. Throws `UsageError` for what no mood can have, with a suggestion for a mistyped
     /// name; the mood may then be changed in part.
     void applyTo(MoodSpec& mood) const;
 

@@ -5,6 +5,7 @@
 #include "App/Choice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 
@@ -18,14 +19,14 @@ std::vector<std::string> moodIDs() {
 
 Mood namedMood(const std::string& option, const std::string& id) {
     if (const auto mood = MoodCatalog::mood(id)) return *mood;
-    throw CLI::ValidationError(option, "there is no mood \"" + safeForTerminal(id) + "\"." +
-                                           didYouMean(id, moodIDs(), " 'quillmere moods' lists them."));
+    throw UsageError(option, "there is no mood \"" + safeForTerminal(id) + "\"." +
+                                 didYouMean(id, moodIDs(), " 'quillmere moods' lists them."));
 }
 
 Mood playableMood(const std::string& option, const std::string& id) {
     Mood mood = namedMood(option, id);
     if (mood.isPlayable()) return mood;
-    throw CLI::ValidationError(
+    throw UsageError(
         option, "\"" + safeForTerminal(mood.name) + "\" has no music yet. 'quillmere moods' lists those that have.");
 }
 

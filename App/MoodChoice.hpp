@@ -15,7 +15,7 @@ namespace quillmere::app {
 /// The ids of all moods, the user's own included.
 [[nodiscard]] std::vector<std::string> moodIDs();
 
-/// The mood with this id. Throws `CLI::ValidationError` in the name of `option`, with a suggestion for a mistyped one.
+/// The mood with this id. Throws `UsageError` in the name of `option`, with a suggestion for a mistyped one.
 [[nodiscard]] Mood namedMood(const std::string& option, const std::string& id);
 
 /// The same for a mood that there can be music for.

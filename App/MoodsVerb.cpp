@@ -8,6 +8,7 @@
 #include "App/Output.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
@@ -104,7 +105,7 @@ void show(const Host& host, const Mood& mood) {
 MoodSpec ownMood(const std::string& id) {
     const Mood mood = namedMood("mood", id);
     if (const auto* own = specificationOf(mood)) return *own;
-    throw CLI::ValidationError("mood", "\"" + safeForTerminal(id) + "\" is built in and stays as it is.");
+    throw UsageError("mood", "\"" + safeForTerminal(id) + "\" is built in and stays as it is.");
 }
 
 // Ids are random, so a second mood of the same text is another one.

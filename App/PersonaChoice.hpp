@@ -6,7 +6,7 @@
 
 namespace quillmere::app {
 
-/// The persona with this id. Throws `CLI::ValidationError` in the name of `option`, with a suggestion for a mistyped
+/// The persona with this id. Throws `UsageError` in the name of `option`, with a suggestion for a mistyped
 /// one.
 [[nodiscard]] Persona namedPersona(const std::string& option, const std::string& id);
 

@@ -6,6 +6,7 @@
 #include "App/PersonaChoice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 
 namespace quillmere::app {
@@ -14,8 +15,8 @@ Persona namedPersona(const std::string& option, const std::string& id) {
     if (const auto found = PersonaCatalog::bundled()[id]) return *found;
     std::vector<std::string> known;
     for (const Persona& persona : PersonaCatalog::bundled().personas()) known.push_back(persona.id);
-    throw CLI::ValidationError(option, "there is no persona \"" + safeForTerminal(id) + "\"." +
-                                           didYouMean(id, known, " 'quillmere personas' lists them."));
+    throw UsageError(option, "there is no persona \"" + safeForTerminal(id) + "\"." +
+                                 didYouMean(id, known, " 'quillmere personas' lists them."));
 }
 
 void addPersonasVerb(CLI::App& app, Host& host) {

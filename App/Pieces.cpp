@@ -1,6 +1,5 @@
 #include "App/Pieces.hpp"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -11,6 +10,7 @@
 
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 
@@ -37,9 +37,8 @@ LoopArtifact namedPiece(const LoopStore& store, const std::string& fingerprint) 
     }
     if (matches == 1) return *found;
     const std::string reason = matches > 1 ? "more than one piece begins with \"" : "there is no piece \"";
-    throw CLI::ValidationError("fingerprint",
-                               reason + safeForTerminal(fingerprint) + "\"." +
-                                   didYouMean(fingerprint, known, " 'quillmere library list' lists them."));
+    throw UsageError("fingerprint", reason + safeForTerminal(fingerprint) + "\"." +
+                                        didYouMean(fingerprint, known, " 'quillmere library list' lists them."));
 }
 
 std::vector<LoopArtifact> piecesOf(const LoopStore& store, const std::string& moodID) {
@@ -49,9 +48,9 @@ std::vector<LoopArtifact> piecesOf(const LoopStore& store, const std::string& mo
         for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.insert(mood.id);
         for (const auto& piece : pieces) known.insert(piece.identity.moodID);
         if (!known.contains(moodID)) {
-            throw CLI::ValidationError(
-                "--mood", "there is no mood \"" + safeForTerminal(moodID) + "\"." +
-                              didYouMean(moodID, {known.begin(), known.end()}, " 'quillmere moods' lists them."));
+            throw UsageError("--mood",
+                             "there is no mood \"" + safeForTerminal(moodID) + "\"." +
+                                 didYouMean(moodID, {known.begin(), known.end()}, " 'quillmere moods' lists them."));
         }
         std::erase_if(pieces, [&](const LoopArtifact& piece) { return piece.identity.moodID != moodID; });
     }

@@ -14,10 +14,10 @@ namespace quillmere::app {
 [[nodiscard]] std::optional<std::filesystem::path> fileOf(const LoopArtifact& artifact);
 
 /// The piece that a fingerprint, or the beginning of one that no other piece has, names. Throws
-/// `CLI::ValidationError`, with a suggestion for a mistyped one.
+/// `UsageError`, with a suggestion for a mistyped one.
 [[nodiscard]] LoopArtifact namedPiece(const LoopStore& store, const std::string& fingerprint);
 
-/// The pieces of a mood, of all moods for an empty id; by mood, then by fingerprint. Throws `CLI::ValidationError` for
+/// The pieces of a mood, of all moods for an empty id; by mood, then by fingerprint. Throws `UsageError` for
 /// a mood that is neither in the catalogue nor in the library, with a suggestion for a mistyped one.
 [[nodiscard]] std::vector<LoopArtifact> piecesOf(const LoopStore& store, const std::string& moodID);
 

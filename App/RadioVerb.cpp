@@ -7,6 +7,7 @@
 #include "App/Output.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 
@@ -52,8 +53,8 @@ void make(Host& host, const Options& options) {
     const auto lock = Host::lockData();
     for (const auto& id : options.moods) static_cast<void>(playableMood("mood", id));
     if (!options.onAir.empty() && std::ranges::find(options.moods, options.onAir) == options.moods.end()) {
-        throw CLI::ValidationError("--on-air", "\"" + safeForTerminal(options.onAir) + "\" is none of the moods." +
-                                                   didYouMean(options.onAir, options.moods));
+        throw UsageError("--on-air", "\"" + safeForTerminal(options.onAir) + "\" is none of the moods." +
+                                         didYouMean(options.onAir, options.moods));
     }
     keep(host, RadioSet::make(options.moods, options.onAir).value());
 }

@@ -8,6 +8,7 @@
 #include "App/Recreation.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -151,8 +152,8 @@ LoopRecipe namedRecipe(const std::string& name) {
         }
         known.push_back(std::move(recipe.fingerprint));
     }
-    throw CLI::ValidationError("recipe", "there is no recipe \"" + name + "\" in the vault." +
-                                             didYouMean(name, known, " 'quillmere vault list' lists them."));
+    throw UsageError("recipe", "there is no recipe \"" + name + "\" in the vault." +
+                                   didYouMean(name, known, " 'quillmere vault list' lists them."));
 }
 
 // Keeps the recipe's mood among the user's own, so that its pieces are played. A mood of that id stays as it is.

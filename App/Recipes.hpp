@@ -32,7 +32,7 @@ struct RecipeFile {
 
 /// The recipe of the stored piece that a fingerprint, or the beginning of one, names, under the mood's name or the one
 /// given, with everything that is known about it. The digest of the audio file is among that only while the file is
-/// still the one that the engine wrote. Throws `CLI::ValidationError` as `namedPiece`, and `Error` for a piece of a
+/// still the one that the engine wrote. Throws `UsageError` as `namedPiece`, and `Error` for a piece of a
 /// user mood that is gone or was changed since: nobody could recreate it.
 [[nodiscard]] LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint,
                                   const std::optional<std::string>& name);

@@ -9,6 +9,7 @@
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
 #include "App/TimeWindow.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
@@ -19,9 +20,7 @@ namespace {
 
 constexpr std::string_view none = "none";
 
-[[noreturn]] void refuse(const std::string& name, const std::string& reason) {
-    throw CLI::ValidationError(name, reason);
-}
+[[noreturn]] void refuse(const std::string& name, const std::string& reason) { throw UsageError(name, reason); }
 
 // The case of an enumeration that the user named by its raw value.
 template <class E>

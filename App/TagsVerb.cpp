@@ -7,6 +7,7 @@
 #include "App/Output.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Moods/TagVocabulary.hpp"
 #include "QuillmereKit/Platform/ResourceBundle.hpp"
@@ -18,9 +19,8 @@ TagCategory namedCategory(const std::string& text) {
     if (const auto found = fromRawValue<TagCategory>(text)) return *found;
     std::vector<std::string> known;
     for (const TagCategory each : allCases<TagCategory>()) known.emplace_back(rawValue(each));
-    throw CLI::ValidationError("category",
-                               "there is no category \"" + safeForTerminal(text) + "\"." +
-                                   didYouMean(text, known, " 'quillmere tags' lists them with their tags."));
+    throw UsageError("category", "there is no category \"" + safeForTerminal(text) + "\"." +
+                                     didYouMean(text, known, " 'quillmere tags' lists them with their tags."));
 }
 
 TagVocabulary vocabulary(const std::string& file) {

@@ -1,11 +1,11 @@
 #include "App/TimeWindow.hpp"
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <ctime>
 #include <optional>
 
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
 
 namespace quillmere::app {
@@ -34,12 +34,12 @@ GenerationSchedule chosenWindow(std::string_view text) {
     const auto start = minuteOfDay(trimmed(text.substr(0, dash)));
     const auto end = dash == std::string_view::npos ? std::nullopt : minuteOfDay(trimmed(text.substr(dash + 1)));
     if (!start || !end) {
-        throw CLI::ValidationError("schedule", "\"" + safeForTerminal(text) +
-                                                   "\" is no window of the day: give its start and its end, as in "
-                                                   "22:00-06:00, or none.");
+        throw UsageError("schedule", "\"" + safeForTerminal(text) +
+                                         "\" is no window of the day: give its start and its end, as in "
+                                         "22:00-06:00, or none.");
     }
     const GenerationSchedule schedule{*start, *end};
-    if (!schedule.isValid()) throw CLI::ValidationError("schedule", "the window ends when it begins.");
+    if (!schedule.isValid()) throw UsageError("schedule", "the window ends when it begins.");
     return schedule;
 }
 

@@ -7,7 +7,7 @@
 
 namespace quillmere::app {
 
-/// The daily window that a text such as "22:00-06:00" names. Throws `CLI::ValidationError` for any other text, and for
+/// The daily window that a text such as "22:00-06:00" names. Throws `UsageError` for any other text, and for
 /// a window that ends when it begins.
 [[nodiscard]] GenerationSchedule chosenWindow(std::string_view text);
 

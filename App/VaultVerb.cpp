@@ -6,6 +6,7 @@
 #include "App/Recipes.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 
 namespace quillmere::app {
@@ -77,9 +78,9 @@ void remove(Host& host, const Options& options) {
                      options.isMeant ? "Removed" : "Would remove (add --yes to do it)");
         return noteSaveError(host);
     }
-    throw CLI::ValidationError("fingerprint",
-                               "there is no recipe \"" + safeForTerminal(options.fingerprint) + "\" in the vault." +
-                                   didYouMean(options.fingerprint, known, " 'quillmere vault list' lists them."));
+    throw UsageError("fingerprint", "there is no recipe \"" + safeForTerminal(options.fingerprint) +
+                                        "\" in the vault." +
+                                        didYouMean(options.fingerprint, known, " 'quillmere vault list' lists them."));
 }
 
 void exportAll(Host& host, const Options& options) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Tests/Reliability/Checks.hpp"
+#include "Tests/Support/Sanitizer.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 
 namespace quillmere::test {
@@ -20,14 +21,6 @@ struct Fault {
     bool persists;
     bool shortens;
 };
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool isSanitized = true;
-#elif defined(__has_feature)
-constexpr bool isSanitized = __has_feature(address_sanitizer) != 0;
-#else
-constexpr bool isSanitized = false;
-#endif
 
 // The short selection has one of each kind; the others differ from them by a number. Under a sanitizer, which looks for
 // bad memory on the ways out and makes each run several times as long, those two that leave on different ways will do.
