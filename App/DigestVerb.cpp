@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/Terminal.hpp"
@@ -9,13 +9,13 @@
 
 namespace quillmere::app {
 
-void addDigestVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("digest", "Print the digest of audio files' samples, whatever holds them");
+void addDigestVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("digest", "Print the digest of audio files' samples, whatever holds them");
     verb.footer(
         "A WAV file and its lossless copy have the same digest: SHA-256 of the interleaved 16-bit samples.\n\n"
         "Example: quillmere digest piece.wav");
     auto files = std::make_shared<std::vector<std::string>>();
-    verb.add_option("file", *files, "WAV files, or Apple Lossless ones")->type_name("FILE")->required();
+    verb.addOption("file", *files, "WAV files, or Apple Lossless ones").typeName("FILE").required();
     addJSONOption(verb, host);
     verb.callback([files, &host] {
         JSONWriter writer(JSONWriter::Form::pretty);

@@ -1,6 +1,7 @@
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/EngineCommand.hpp"
 #include "App/Engines.hpp"
 #include "App/Host.hpp"
@@ -67,14 +68,14 @@ void printAsText(const std::string& command, const std::vector<Offer>& offers) {
 
 }  // namespace
 
-void addEnginesVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("engines", "Show which models and runtimes can make music, and their builds");
+void addEnginesVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("engines", "Show which models and runtimes can make music, and their builds");
     verb.footer(
         "An engine that does not tell its build counts as not available here; it may be able to make music all the\n"
         "same. Ends with 1 if no model is available.\n\n"
         "Example: quillmere engines --json");
     auto command = std::make_shared<std::string>();
-    verb.add_option("--engine", *command, "Ask this engine (default: Tonebed)")->type_name("CMD");
+    verb.addOption("--engine", *command, "Ask this engine (default: Tonebed)").typeName("CMD");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([command, &host] {

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -6,6 +5,7 @@
 #include <limits>
 
 #include "App/Choice.hpp"
+#include "App/CommandLine.hpp"
 #include "App/DigestBook.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Engines.hpp"
@@ -198,9 +198,8 @@ private:
 
 }  // namespace
 
-void addGenerateVerb(CLI::App& app, Host& host) {
-    auto& verb =
-        *app.add_subcommand("generate", "Generate pieces of music for a mood and file them in the loop library");
+void addGenerateVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("generate", "Generate pieces of music for a mood and file them in the loop library");
     verb.footer("Example: quillmere generate --mood designflow --blend calm --count 3 --seconds 60");
     auto options = std::make_shared<GenerateOptions>();
     const auto model = choiceOf<GenerationModel>();
@@ -208,24 +207,24 @@ void addGenerateVerb(CLI::App& app, Host& host) {
     const Choice runtime(
         {{"standard", numberOf(GenerationEngine::mlx)}, {"background", numberOf(GenerationEngine::stableAudioCoreML)}});
 
-    verb.add_option("--mood", options->mood, "The mood's id, as 'quillmere moods' lists it")->required();
+    verb.addOption("--mood", options->mood, "The mood's id, as 'quillmere moods' lists it").required();
     addBlendOption(verb, options->blend);
-    verb.add_option("--count", options->count, "How many pieces")->check(CLI::Range(1, 100000))->default_str("1");
-    verb.add_option("--seed", options->seed, "The first piece's seed; the next ones follow it (default: random)")
-        ->check(CLI::NonNegativeNumber);
-    verb.add_option("--seconds", options->seconds, "Length of a piece, up to 120")
-        ->check(NumberBetween(1, trackSeconds))
-        ->default_str("120");
-    verb.add_option("--model", options->model, "The model that makes the identity (default: the setting)")
-        ->transform(CLI::Validator(model, model.names()));
-    verb.add_option("--runtime", options->runtime, "The runtime that makes the identity")
-        ->transform(CLI::Validator(runtime, runtime.names()))
-        ->default_str("standard");
-    verb.add_option("--pace", options->pace, "How hard the computer may work (default: the setting)")
-        ->transform(CLI::Validator(pace, pace.names()));
-    verb.add_option("--break", options->breakSeconds, "Seconds of rest between two pieces (default: the pace's own)")
-        ->check(NumberBetween(0, 86400));
-    verb.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
+    verb.addOption("--count", options->count, "How many pieces").between(1, 100000).defaultText("1");
+    verb.addOption("--seed", options->seed, "The first piece's seed; the next ones follow it (default: random)")
+        .notNegative();
+    verb.addOption("--seconds", options->seconds, "Length of a piece, up to 120")
+        .check(NumberBetween(1, trackSeconds))
+        .defaultText("120");
+    verb.addOption("--model", options->model, "The model that makes the identity (default: the setting)")
+        .transform(model, model.names());
+    verb.addOption("--runtime", options->runtime, "The runtime that makes the identity")
+        .transform(runtime, runtime.names())
+        .defaultText("standard");
+    verb.addOption("--pace", options->pace, "How hard the computer may work (default: the setting)")
+        .transform(pace, pace.names());
+    verb.addOption("--break", options->breakSeconds, "Seconds of rest between two pieces (default: the pace's own)")
+        .check(NumberBetween(0, 86400));
+    verb.addOption("--engine", options->engine, "The command of an engine (default: Tonebed)").typeName("CMD");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
 

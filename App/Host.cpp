@@ -1,8 +1,8 @@
 #include "App/Host.hpp"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/ManifestFile.hpp"
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
@@ -112,19 +112,19 @@ void Host::fail(ExitCode code, std::string_view message) {
 
 void Host::warn(std::string_view message) { std::fprintf(stderr, "quillmere: %s\n", safeForTerminal(message).c_str()); }
 
-void addHomeOption(CLI::App& verb, Host& host) {
-    verb.add_option("--home", host.home, "Keep everything in this folder instead of the user's own")
-        ->type_name("DIR")
-        ->check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
+void addHomeOption(Verb verb, Host& host) {
+    verb.addOption("--home", host.home, "Keep everything in this folder instead of the user's own")
+        .typeName("DIR")
+        .check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
 }
 
-void addLibraryOptions(CLI::App& verb, Host& host) {
+void addLibraryOptions(Verb verb, Host& host) {
     addHomeOption(verb, host);
-    verb.add_option("--library", host.library, "Keep the loop library in this folder")
-        ->type_name("DIR")
-        ->check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
+    verb.addOption("--library", host.library, "Keep the loop library in this folder")
+        .typeName("DIR")
+        .check([](const std::string& text) { return text.empty() ? std::string("a folder is needed") : ""; });
 }
 
-void addJSONOption(CLI::App& verb, Host& host) { verb.add_flag("--json", host.json, "Print JSON"); }
+void addJSONOption(Verb verb, Host& host) { verb.addFlag("--json", host.json, "Print JSON"); }
 
 }  // namespace quillmere::app

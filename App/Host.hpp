@@ -10,11 +10,9 @@
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 
-namespace CLI {
-class App;
-}
-
 namespace quillmere::app {
+
+class Verb;
 
 /// What every verb shares: the options that say where things live, and the stores opened there on first use.
 class Host {
@@ -65,8 +63,8 @@ private:
 };
 
 /// The options `--home`, `--library` and `--json`, in every verb that takes them.
-void addHomeOption(CLI::App& verb, Host& host);
-void addLibraryOptions(CLI::App& verb, Host& host);
-void addJSONOption(CLI::App& verb, Host& host);
+void addHomeOption(Verb verb, Host& host);
+void addLibraryOptions(Verb verb, Host& host);
+void addJSONOption(Verb verb, Host& host);
 
 }  // namespace quillmere::app

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryVerbs.hpp"
 #include "App/Output.hpp"
@@ -33,11 +33,11 @@ void showAsText(const LoopArtifact& piece, bool isSeed) {
 
 }  // namespace
 
-void addLibraryListVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("list", "List the pieces");
+void addLibraryListVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("list", "List the pieces");
     verb.footer("Example: quillmere library list --mood designflow --json");
     auto mood = std::make_shared<std::string>();
-    verb.add_option("--mood", *mood, "Only the pieces of this mood");
+    verb.addOption("--mood", *mood, "Only the pieces of this mood");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([mood, &host] {
@@ -55,11 +55,11 @@ void addLibraryListVerb(CLI::App& library, Host& host) {
     });
 }
 
-void addLibraryShowVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("show", "Show all that is known of a piece");
+void addLibraryShowVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("show", "Show all that is known of a piece");
     verb.footer("Example: quillmere library show 0f3a");
     auto fingerprint = std::make_shared<std::string>();
-    verb.add_option("fingerprint", *fingerprint, "Its fingerprint, or the beginning of it")->required();
+    verb.addOption("fingerprint", *fingerprint, "Its fingerprint, or the beginning of it").required();
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([fingerprint, &host] {

@@ -1,7 +1,7 @@
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryVerbs.hpp"
@@ -97,8 +97,8 @@ void measureAll(Host& host) {
 
 }  // namespace
 
-void addLibraryMeasureVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("measure", "Measure the loudness of the pieces that lack it");
+void addLibraryMeasureVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("measure", "Measure the loudness of the pieces that lack it");
     verb.footer("Example: quillmere library measure");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

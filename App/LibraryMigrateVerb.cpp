@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/DigestBook.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
@@ -191,13 +191,13 @@ void printPlan(Host& host) {
 
 }  // namespace
 
-void addLibraryMigrateVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("migrate", "Pack WAV pieces as Apple Lossless, sample for sample the same");
+void addLibraryMigrateVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("migrate", "Pack WAV pieces as Apple Lossless, sample for sample the same");
     verb.footer(
         "A WAV file goes only when its lossless twin was decoded, found equal and recorded.\n\n"
         "Example: quillmere library migrate --dry-run");
     auto isDry = std::make_shared<bool>(false);
-    verb.add_flag("--dry-run", *isDry, "Only list the pieces that would be migrated");
+    verb.addFlag("--dry-run", *isDry, "Only list the pieces that would be migrated");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([isDry, &host] {

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/DigestBook.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryVerbs.hpp"
@@ -92,22 +92,22 @@ void prune(Host& host, double minutes, bool isWanted) {
 
 }  // namespace
 
-void addLibraryPruneVerb(CLI::App& library, Host& host) {
+void addLibraryPruneVerb(Verb library, Host& host) {
     struct Options {
         double minutes = 0;
         bool isWanted = false;
     };
-    auto& verb = *library.add_subcommand("prune", "Delete all but the newest music of each mood");
+    Verb verb = library.addVerb("prune", "Delete all but the newest music of each mood");
     verb.footer(
         "Kept besides: what is in the vault, what ships with the application, recordings, and files elsewhere.\n"
         "Prints what would go; deletes it, and not to the trash, only with --yes.\n\n"
         "Example: quillmere library prune --keep 60");
     auto options = std::make_shared<Options>();
-    verb.add_option("--keep", options->minutes, "Minutes of music to keep of each mood, the newest first")
-        ->required()
-        ->type_name("MINUTES")
-        ->check(NumberBetween(0, 1e9));
-    verb.add_flag("--yes", options->isWanted, "Do it");
+    verb.addOption("--keep", options->minutes, "Minutes of music to keep of each mood, the newest first")
+        .required()
+        .typeName("MINUTES")
+        .check(NumberBetween(0, 1e9));
+    verb.addFlag("--yes", options->isWanted, "Do it");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([options, &host] {

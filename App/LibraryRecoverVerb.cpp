@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/KeptRecords.hpp"
 #include "App/LibraryVerbs.hpp"
@@ -80,14 +80,14 @@ void recover(Host& host, bool isWanted) {
 
 }  // namespace
 
-void addLibraryRecoverVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("recover", "Take back pieces from records that were kept aside");
+void addLibraryRecoverVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("recover", "Take back pieces from records that were kept aside");
     verb.footer(
         "Lists the files that could not be read, the pieces whose audio is gone, and those that can be taken back;\n"
         "takes them back only with --yes.\n\n"
         "Example: quillmere library recover");
     auto isWanted = std::make_shared<bool>(false);
-    verb.add_flag("--yes", *isWanted, "Do it");
+    verb.addFlag("--yes", *isWanted, "Do it");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([isWanted, &host] {

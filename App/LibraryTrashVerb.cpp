@@ -1,9 +1,9 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <set>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryVerbs.hpp"
 #include "App/Output.hpp"
@@ -90,15 +90,15 @@ void trash(Host& host, const TrashOptions& options) {
 
 }  // namespace
 
-void addLibraryTrashVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("trash", "Move pieces to the desktop's trash");
+void addLibraryTrashVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("trash", "Move pieces to the desktop's trash");
     verb.footer(
         "Prints what would be moved; moves it only with --yes.\n\n"
         "Example: quillmere library trash 0f3a 77c1 --yes");
     auto options = std::make_shared<TrashOptions>();
-    verb.add_option("fingerprints", options->fingerprints, "Fingerprints, or the beginnings of them");
-    verb.add_option("--mood", options->mood, "All pieces of this mood");
-    verb.add_flag("--yes", options->isWanted, "Do it");
+    verb.addOption("fingerprints", options->fingerprints, "Fingerprints, or the beginnings of them");
+    verb.addOption("--mood", options->mood, "All pieces of this mood");
+    verb.addFlag("--yes", options->isWanted, "Do it");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([options, &host] {

@@ -1,14 +1,13 @@
-#include <CLI/CLI.hpp>
-
+#include "App/CommandLine.hpp"
 #include "App/LibraryVerbs.hpp"
 #include "App/Verbs.hpp"
 
 namespace quillmere::app {
 
-void addLibraryVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("library", "Look after the pieces that were made");
+void addLibraryVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("library", "Look after the pieces that were made");
     verb.footer("Example: quillmere library list --mood designflow");
-    verb.require_subcommand(1);
+    verb.requireVerbs(1, 1);
     addLibraryListVerb(verb, host);
     addLibraryShowVerb(verb, host);
     addLibraryMeasureVerb(verb, host);

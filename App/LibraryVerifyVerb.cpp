@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryCheck.hpp"
@@ -59,8 +59,8 @@ void printAsText(const LibraryCheck& check) {
 
 }  // namespace
 
-void addLibraryVerifyVerb(CLI::App& library, Host& host) {
-    auto& verb = *library.add_subcommand("verify", "Prove that the pieces are what they were when they were made");
+void addLibraryVerifyVerb(Verb library, Host& host) {
+    Verb verb = library.addVerb("verify", "Prove that the pieces are what they were when they were made");
     verb.footer(
         "Decodes every piece and compares its samples with the digest that was kept. Changes nothing.\n"
         "Ends with 3 if anything is damaged, missing or unlisted.\n\n"

@@ -1,7 +1,6 @@
 #include "App/MoodChanges.hpp"
 
-#include <CLI/CLI.hpp>
-
+#include "App/CommandLine.hpp"
 #include "App/PersonaChoice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
@@ -39,21 +38,21 @@ PromptTag namedTag(const std::string& option, std::string_view text) {
 
 }  // namespace
 
-void MoodChanges::addOptions(CLI::App& verb) {
-    verb.add_option("--name", name_, "The name that is shown")->type_name("TEXT");
-    verb.add_option("--glyph", glyph_, "The symbol: wave, descend, bolt, pulse, arc, grain, ring or step")
-        ->type_name("GLYPH");
-    verb.add_option("--persona", persona_, "Take both ends' texts from a persona, as 'quillmere personas' lists it")
-        ->type_name("PERSONA");
+void MoodChanges::addOptions(Verb verb) {
+    verb.addOption("--name", name_, "The name that is shown").typeName("TEXT");
+    verb.addOption("--glyph", glyph_, "The symbol: wave, descend, bolt, pulse, arc, grain, ring or step")
+        .typeName("GLYPH");
+    verb.addOption("--persona", persona_, "Take both ends' texts from a persona, as 'quillmere personas' lists it")
+        .typeName("PERSONA");
     const auto add = [&](const std::string& end, End& changes) {
-        verb.add_option("--" + end + "-tag", changes.tags,
-                        "A tag of the " + end +
-                            " end, such as genre=ambient, in place of those it has; can be given "
-                            "again; none takes all away. 'quillmere tags' suggests some")
-            ->type_name("CATEGORY=VALUE")
-            ->allow_extra_args(false);
-        verb.add_option("--" + end + "-text", changes.text, "Free text that follows the tags")->type_name("TEXT");
-        verb.add_option("--" + end + "-bpm", changes.bpm, "Beats per minute, 30 to 300, or none")->type_name("N");
+        verb.addOption("--" + end + "-tag", changes.tags,
+                       "A tag of the " + end +
+                           " end, such as genre=ambient, in place of those it has; can be given "
+                           "again; none takes all away. 'quillmere tags' suggests some")
+            .typeName("CATEGORY=VALUE")
+            .oneAtATime();
+        verb.addOption("--" + end + "-text", changes.text, "Free text that follows the tags").typeName("TEXT");
+        verb.addOption("--" + end + "-bpm", changes.bpm, "Beats per minute, 30 to 300, or none").typeName("N");
     };
     add("calm", calm_);
     add("energetic", energetic_);

@@ -6,17 +6,15 @@
 
 #include "QuillmereKit/Moods/MoodSpec.hpp"
 
-namespace CLI {
-class App;
-}
-
 namespace quillmere::app {
+
+class Verb;
 
 /// What a command line asks to be different in a mood: everything that is not named stays.
 class MoodChanges {
 public:
     /// Adds the options to a verb. The object must outlive the command line.
-    void addOptions(CLI::App& verb);
+    void addOptions(Verb verb);
 
     /// Makes the changes. Throws `UsageError` for what no mood can have, with a suggestion for a mistyped
     /// name; the mood may then be changed in part.

@@ -1,8 +1,7 @@
 #include "App/MoodChoice.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include "App/Choice.hpp"
+#include "App/CommandLine.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
 #include "App/UsageError.hpp"
@@ -30,7 +29,7 @@ Mood playableMood(const std::string& option, const std::string& id) {
         option, "\"" + safeForTerminal(mood.name) + "\" has no music yet. 'quillmere moods' lists those that have.");
 }
 
-void addBlendOption(CLI::App& verb, std::int64_t& blend) {
+void addBlendOption(Verb verb, std::int64_t& blend) {
     const Choice step({{"0", "0"},
                        {"1", "1"},
                        {"2", "2"},
@@ -39,9 +38,9 @@ void addBlendOption(CLI::App& verb, std::int64_t& blend) {
                        {"calm", "0"},
                        {"balanced", "1"},
                        {"energetic", "4"}});
-    verb.add_option("--blend", blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
-        ->transform(CLI::Validator(step, "0..4|calm|balanced|energetic"))
-        ->default_str("1");
+    verb.addOption("--blend", blend, "0 (calm) to 4 (energetic), or calm, balanced, energetic")
+        .transform(step, "0..4|calm|balanced|energetic")
+        .defaultText("1");
 }
 
 }  // namespace quillmere::app

@@ -6,11 +6,9 @@
 
 #include "QuillmereKit/Moods/Mood.hpp"
 
-namespace CLI {
-class App;
-}
-
 namespace quillmere::app {
+
+class Verb;
 
 /// The ids of all moods, the user's own included.
 [[nodiscard]] std::vector<std::string> moodIDs();
@@ -22,6 +20,6 @@ namespace quillmere::app {
 [[nodiscard]] Mood playableMood(const std::string& option, const std::string& id);
 
 /// The option `--blend`, which takes 0...4 and the names of the coarse steps.
-void addBlendOption(CLI::App& verb, std::int64_t& blend);
+void addBlendOption(Verb verb, std::int64_t& blend);
 
 }  // namespace quillmere::app

@@ -1,7 +1,7 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/MoodChanges.hpp"
 #include "App/MoodChoice.hpp"
@@ -191,7 +191,7 @@ void prompt(const Host& host, const std::string& id, BlendStep step) {
 
 }  // namespace
 
-void addMoodsVerb(CLI::App& app, Host& host) {
+void addMoodsVerb(Verb program, Host& host) {
     struct Options {
         std::string mood;
         std::int64_t blend = 1;
@@ -199,53 +199,53 @@ void addMoodsVerb(CLI::App& app, Host& host) {
         MoodChanges changes;
     };
     auto options = std::make_shared<Options>();
-    auto& verb = *app.add_subcommand("moods", "List the moods by family; show, make, change and delete your own");
+    Verb verb = program.addVerb("moods", "List the moods by family; show, make, change and delete your own");
     verb.footer("Example: quillmere moods --json");
-    verb.require_subcommand(0, 1);
+    verb.requireVerbs(0, 1);
     addHomeOption(verb, host);
     addJSONOption(verb, host);
-    verb.callback([&verb, &host] {
-        if (!verb.get_subcommands().empty()) return;
+    verb.callback([verb, &host] {
+        if (verb.isVerbGiven()) return;
         host.prepare();
         list(host);
     });
 
-    const auto add = [&](const char* name, const char* what, const char* example) -> CLI::App& {
-        auto& part = *verb.add_subcommand(name, what);
+    const auto add = [&](const char* name, const char* what, const char* example) {
+        Verb part = verb.addVerb(name, what);
         part.footer(std::string("Example: quillmere moods ") + example);
         addHomeOption(part, host);
         addJSONOption(part, host);
         return part;
     };
-    const auto addMood = [&](CLI::App& part) {
-        part.add_option("mood", options->mood, "The mood's id, as 'quillmere moods' lists it")
-            ->type_name("MOOD")
-            ->required();
+    const auto addMood = [&](Verb part) {
+        part.addOption("mood", options->mood, "The mood's id, as 'quillmere moods' lists it")
+            .typeName("MOOD")
+            .required();
     };
 
-    auto& listing = add("list", "List the moods by family", "list --json");
+    Verb listing = add("list", "List the moods by family", "list --json");
     listing.callback([&host] {
         host.prepare();
         list(host);
     });
 
-    auto& showing = add("show", "Show a mood", "show designflow");
+    Verb showing = add("show", "Show a mood", "show designflow");
     addMood(showing);
     showing.callback([options, &host] {
         host.prepare();
         show(host, namedMood("mood", options->mood));
     });
 
-    auto& making = add("new", "Make a mood of your own",
-                       "new --name \"Night train\" --calm-tag genre=ambient --calm-bpm 70 "
-                       "--energetic-tag genre=techno --energetic-bpm 120");
+    Verb making = add("new", "Make a mood of your own",
+                      "new --name \"Night train\" --calm-tag genre=ambient --calm-bpm 70 "
+                      "--energetic-tag genre=techno --energetic-bpm 120");
     options->changes.addOptions(making);
     making.callback([options, &host] {
         host.prepare();
         create(host, options->changes);
     });
 
-    auto& editing = add("edit", "Change a mood of your own", "edit my-3f9a0c1e --energetic-bpm none");
+    Verb editing = add("edit", "Change a mood of your own", "edit my-3f9a0c1e --energetic-bpm none");
     addMood(editing);
     options->changes.addOptions(editing);
     editing.callback([options, &host] {
@@ -253,15 +253,15 @@ void addMoodsVerb(CLI::App& app, Host& host) {
         edit(host, options->mood, options->changes);
     });
 
-    auto& deleting = add("delete", "Delete a mood of your own; its pieces stay", "delete my-3f9a0c1e --yes");
+    Verb deleting = add("delete", "Delete a mood of your own; its pieces stay", "delete my-3f9a0c1e --yes");
     addMood(deleting);
-    deleting.add_flag("--yes", options->isMeant, "Really do it; without it, only say what would be deleted");
+    deleting.addFlag("--yes", options->isMeant, "Really do it; without it, only say what would be deleted");
     deleting.callback([options, &host] {
         host.prepare();
         remove(host, options->mood, options->isMeant);
     });
 
-    auto& prompting = add("prompt", "Show the complete prompt at a blend step", "prompt my-3f9a0c1e --blend 2");
+    Verb prompting = add("prompt", "Show the complete prompt at a blend step", "prompt my-3f9a0c1e --blend 2");
     addMood(prompting);
     addBlendOption(prompting, options->blend);
     prompting.callback([options, &host] {

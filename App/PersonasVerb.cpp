@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/PersonaChoice.hpp"
@@ -19,11 +19,11 @@ Persona namedPersona(const std::string& option, const std::string& id) {
                                  didYouMean(id, known, " 'quillmere personas' lists them."));
 }
 
-void addPersonasVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("personas", "List the ready-made characters, or show one");
+void addPersonasVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("personas", "List the ready-made characters, or show one");
     verb.footer("Example: quillmere personas archivist");
     auto id = std::make_shared<std::string>();
-    verb.add_option("persona", *id, "The persona's id; without it, all are listed")->type_name("PERSONA");
+    verb.addOption("persona", *id, "The persona's id; without it, all are listed").typeName("PERSONA");
     addHomeOption(verb, host);
     addJSONOption(verb, host);
     verb.callback([id, &host] {

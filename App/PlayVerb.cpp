@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -6,6 +5,7 @@
 #include <set>
 
 #include "App/Choice.hpp"
+#include "App/CommandLine.hpp"
 #include "App/EndOfWork.hpp"
 #include "App/Host.hpp"
 #include "App/Mixer.hpp"
@@ -13,6 +13,7 @@
 #include "App/NumberBetween.hpp"
 #include "App/Output.hpp"
 #include "App/Terminal.hpp"
+#include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Generation/GenerationModel.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
@@ -165,7 +166,7 @@ RadioSet chosenRadio(Host& host, const PlayOptions& options) {
     // A radio read from a file may name a mood on air that is not among its own.
     const auto radio = kept ? RadioSet::make(kept->moodIDs(), kept->onAir()) : std::nullopt;
     if (radio) return *radio;
-    throw CLI::RequiredError("--mood, or a radio ('quillmere radio make')");
+    throw UsageError("--mood, or a radio ('quillmere radio make') is required");
 }
 
 void play(Host& host, const PlayOptions& options) {
@@ -200,33 +201,31 @@ void play(Host& host, const PlayOptions& options) {
 
 }  // namespace
 
-void addPlayVerb(CLI::App& app, Host& host) {
+void addPlayVerb(Verb program, Host& host) {
     auto options = std::make_shared<PlayOptions>();
-    auto& verb = *app.add_subcommand("play", "Render what a player would play into a WAV file");
+    Verb verb = program.addVerb("play", "Render what a player would play into a WAV file");
     verb.footer(
         "The pieces of a mood play in rounds, shuffled by the seed, each at its own gain and faded into the next.\n"
         "Several moods take turns on air.\n\n"
         "Example: quillmere play --mood designflow --minutes 30 --output evening.wav");
-    verb.add_option("--mood", options->moods, "A mood's id; can be given again (default: the radio's moods)")
-        ->type_name("MOOD");
-    verb.add_option("--output", options->output, "The WAV file to write")->type_name("FILE")->required();
-    verb.add_option("--minutes", options->minutes, "How much to play, up to 370")
-        ->check(NumberBetween(0.001, longestMinutes))
-        ->default_str("10");
-    verb.add_option("--seed", options->seed, "What the rounds are shuffled by (default: random)")
-        ->check(CLI::NonNegativeNumber);
-    verb.add_option("--crossfade", options->crossfade, "How long a cross-fade takes, in seconds")
-        ->check(NumberBetween(0, 30))
-        ->default_str("4");
-    verb.add_option("--turn", options->turn, "How many pieces a mood stays on air where several take turns")
-        ->check(CLI::Range(1, 100000))
-        ->default_str("3");
+    verb.addOption("--mood", options->moods, "A mood's id; can be given again (default: the radio's moods)")
+        .typeName("MOOD");
+    verb.addOption("--output", options->output, "The WAV file to write").typeName("FILE").required();
+    verb.addOption("--minutes", options->minutes, "How much to play, up to 370")
+        .check(NumberBetween(0.001, longestMinutes))
+        .defaultText("10");
+    verb.addOption("--seed", options->seed, "What the rounds are shuffled by (default: random)").notNegative();
+    verb.addOption("--crossfade", options->crossfade, "How long a cross-fade takes, in seconds")
+        .check(NumberBetween(0, 30))
+        .defaultText("4");
+    verb.addOption("--turn", options->turn, "How many pieces a mood stays on air where several take turns")
+        .between(1, 100000)
+        .defaultText("3");
     Choice::Cases models;
     for (const auto model : allCases<GenerationModel>()) models.emplace_back(rawValue(model), identityModel(model));
     const Choice model(std::move(models));
-    verb.add_option("--model", options->model, "Prefer music of this model")
-        ->transform(CLI::Validator(model, model.names()));
-    verb.add_flag("--force", options->isForced, "Replace an existing file");
+    verb.addOption("--model", options->model, "Prefer music of this model").transform(model, model.names());
+    verb.addFlag("--force", options->isForced, "Replace an existing file");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
     verb.callback([options, &host] {

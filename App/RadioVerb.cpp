@@ -1,7 +1,7 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
@@ -82,48 +82,48 @@ void advance(Host& host) {
 
 }  // namespace
 
-void addRadioVerb(CLI::App& app, Host& host) {
+void addRadioVerb(Verb program, Host& host) {
     auto options = std::make_shared<Options>();
-    auto& verb = *app.add_subcommand("radio", "Show and make the radio: moods that take turns on air");
+    Verb verb = program.addVerb("radio", "Show and make the radio: moods that take turns on air");
     verb.footer("Example: quillmere radio make designflow winddown");
-    verb.require_subcommand(0, 1);
+    verb.requireVerbs(0, 1);
     addHomeOption(verb, host);
     addJSONOption(verb, host);
-    verb.callback([&verb, &host] {
-        if (!verb.get_subcommands().empty()) return;
+    verb.callback([verb, &host] {
+        if (verb.isVerbGiven()) return;
         host.prepare();
         show(host, keptRadio(host));
     });
-    const auto add = [&](const char* name, const char* what, const char* example) -> CLI::App& {
-        auto& part = *verb.add_subcommand(name, what);
+    const auto add = [&](const char* name, const char* what, const char* example) {
+        Verb part = verb.addVerb(name, what);
         part.footer(std::string("Example: quillmere radio ") + example);
         addHomeOption(part, host);
         addJSONOption(part, host);
         return part;
     };
 
-    auto& showing = add("show", "Show the radio", "show --json");
+    Verb showing = add("show", "Show the radio", "show --json");
     showing.callback([&host] {
         host.prepare();
         show(host, keptRadio(host));
     });
 
-    auto& making = add("make", "Make the radio of these moods", "make designflow winddown --on-air winddown");
-    making.add_option("mood", options->moods, "The moods, in order")->type_name("MOOD")->required();
-    making.add_option("--on-air", options->onAir, "The one on air now (default: the first)")->type_name("MOOD");
+    Verb making = add("make", "Make the radio of these moods", "make designflow winddown --on-air winddown");
+    making.addOption("mood", options->moods, "The moods, in order").typeName("MOOD").required();
+    making.addOption("--on-air", options->onAir, "The one on air now (default: the first)").typeName("MOOD");
     making.callback([options, &host] {
         host.prepare();
         make(host, *options);
     });
 
-    auto& toggling = add("toggle", "Add a mood, or take it out", "toggle deepcode");
-    toggling.add_option("mood", options->mood, "The mood")->type_name("MOOD")->required();
+    Verb toggling = add("toggle", "Add a mood, or take it out", "toggle deepcode");
+    toggling.addOption("mood", options->mood, "The mood").typeName("MOOD").required();
     toggling.callback([options, &host] {
         host.prepare();
         toggle(host, *options);
     });
 
-    auto& advancing = add("next", "Put the next mood on air", "next");
+    Verb advancing = add("next", "Put the next mood on air", "next");
     advancing.callback([&host] {
         host.prepare();
         advance(host);

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Engines.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
@@ -220,53 +220,53 @@ void importRecipes(Host& host, const std::string& file) {
     }
 }
 
-void addRecipeVerb(CLI::App& app, Host& host) {
+void addRecipeVerb(Verb program, Host& host) {
     auto options = std::make_shared<Options>();
-    auto& verb = *app.add_subcommand("recipe", "Share pieces as small files from which others recreate them");
+    Verb verb = program.addVerb("recipe", "Share pieces as small files from which others recreate them");
     verb.footer("Example: quillmere recipe show night-train.json");
-    verb.require_subcommand(1);
+    verb.requireVerbs(1, 1);
 
-    const auto add = [&](const char* name, const char* what, const char* example) -> CLI::App& {
-        auto& part = *verb.add_subcommand(name, what);
+    const auto add = [&](const char* name, const char* what, const char* example) {
+        Verb part = verb.addVerb(name, what);
         part.footer(std::string("Example: quillmere recipe ") + example);
         addLibraryOptions(part, host);
         addJSONOption(part, host);
         return part;
     };
-    const auto addFile = [&](CLI::App& part) {
-        part.add_option("file", options->file, "A file of one recipe or several")->type_name("FILE")->required();
+    const auto addFile = [&](Verb part) {
+        part.addOption("file", options->file, "A file of one recipe or several").typeName("FILE").required();
     };
-    const auto addEngine = [&](CLI::App& part) {
-        part.add_option("--engine", options->engine, "The command of an engine (default: Tonebed)")->type_name("CMD");
+    const auto addEngine = [&](Verb part) {
+        part.addOption("--engine", options->engine, "The command of an engine (default: Tonebed)").typeName("CMD");
     };
 
-    auto& exporting = add("export", "Write the recipe of a piece of the library",
-                          "export 0123456789abcdef --output night-train.json");
-    exporting.add_option("fingerprint", options->fingerprint, "The piece's fingerprint, or the beginning of it")
-        ->type_name("FINGERPRINT")
-        ->required();
+    Verb exporting = add("export", "Write the recipe of a piece of the library",
+                         "export 0123456789abcdef --output night-train.json");
+    exporting.addOption("fingerprint", options->fingerprint, "The piece's fingerprint, or the beginning of it")
+        .typeName("FINGERPRINT")
+        .required();
     addExportOptions(exporting, options->target, "The file to write; without it, the recipe is printed");
-    exporting.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
+    exporting.addOption("--name", options->name, "The recipe's name (default: the mood's)").typeName("TEXT");
     exporting.callback([options, &host] {
         host.prepare();
         exportRecipe(host, *options);
     });
 
-    auto& importing = add("import", "Save the recipes of a file in your vault", "import night-train.json");
+    Verb importing = add("import", "Save the recipes of a file in your vault", "import night-train.json");
     addFile(importing);
     importing.callback([options, &host] {
         host.prepare();
         importRecipes(host, options->file);
     });
 
-    auto& showing = add("show", "Show the recipes of a file", "show night-train.json");
+    Verb showing = add("show", "Show the recipes of a file", "show night-train.json");
     addFile(showing);
     showing.callback([options, &host] {
         host.prepare();
         show(host, options->file);
     });
 
-    auto& checking =
+    Verb checking =
         add("check", "Say whether this machine can recreate the recipes of a file", "check night-train.json");
     addFile(checking);
     addEngine(checking);
@@ -275,23 +275,22 @@ void addRecipeVerb(CLI::App& app, Host& host) {
         check(host, *options);
     });
 
-    auto& recreating =
+    Verb recreating =
         add("recreate", "Render a recipe's piece again, file it, and compare the audio", "recreate night-train.json");
-    recreating
-        .add_option("recipe", options->file, "A file of one recipe, or the fingerprint of a recipe in your vault")
-        ->type_name("FILE|FINGERPRINT")
-        ->required();
+    recreating.addOption("recipe", options->file, "A file of one recipe, or the fingerprint of a recipe in your vault")
+        .typeName("FILE|FINGERPRINT")
+        .required();
     addEngine(recreating);
     recreating
-        .add_option("--digest", options->digest,
-                    "The digest of the original's audio, as 'quillmere digest' prints it, to compare with")
-        ->type_name("HEX")
-        ->check([](const std::string& text) {
+        .addOption("--digest", options->digest,
+                   "The digest of the original's audio, as 'quillmere digest' prints it, to compare with")
+        .typeName("HEX")
+        .check([](const std::string& text) {
             const bool isDigest =
                 text.size() == 64 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
             return isDigest ? std::string() : std::string("a digest is 64 hexadecimal digits");
         });
-    recreating.add_flag("--with-mood", options->isWithMood, "Keep the recipe's mood among yours, if it is a new one");
+    recreating.addFlag("--with-mood", options->isWithMood, "Keep the recipe's mood among yours, if it is a new one");
     recreating.callback([options, &host] {
         host.prepare();
         recreateRecipe(host, *options);

@@ -1,10 +1,10 @@
 #include "App/Recipes.hpp"
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cmath>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/DigestBook.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
@@ -106,9 +106,9 @@ std::string plainWAVDigest(const std::filesystem::path& file) {
     return hexadecimal(hash.finish());
 }
 
-void addExportOptions(CLI::App& verb, ExportTarget& target, const std::string& help) {
-    verb.add_option("--output", target.file, help)->type_name("FILE");
-    verb.add_flag("--force", target.mayReplace, "Replace an existing file");
+void addExportOptions(Verb verb, ExportTarget& target, const std::string& help) {
+    verb.addOption("--output", target.file, help).typeName("FILE");
+    verb.addFlag("--force", target.mayReplace, "Replace an existing file");
 }
 
 void exportText(const Host& host, const ExportTarget& target, const std::string& text, const std::string& label,

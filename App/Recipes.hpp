@@ -11,13 +11,10 @@
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
 
-namespace CLI {
-class App;
-}
-
 namespace quillmere::app {
 
 class Host;
+class Verb;
 
 /// What a file of recipes holds.
 struct RecipeFile {
@@ -48,7 +45,7 @@ struct ExportTarget {
 };
 
 /// Adds --output, described by `help`, and --force to an exporting verb. `target` must live as long as `verb`.
-void addExportOptions(CLI::App& verb, ExportTarget& target, const std::string& help);
+void addExportOptions(Verb verb, ExportTarget& target, const std::string& help);
 
 /// Hands out the text of exported recipes: prints it, or writes the target's file durably and says so, by `label` or,
 /// as JSON, by the file and the members that `encodeFacts` adds. Throws as `writeOutput`.

@@ -1,7 +1,7 @@
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/ScheduleState.hpp"
@@ -10,19 +10,19 @@
 
 namespace quillmere::app {
 
-void addScheduleVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("schedule", "Show or set the daily window in which music may be made");
+void addScheduleVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("schedule", "Show or set the daily window in which music may be made");
     verb.footer("Example: quillmere schedule 22:00-06:00");
     auto window = std::make_shared<std::string>();
-    auto* given = verb.add_option("window", *window, "The new window, or none")->type_name("HH:MM-HH:MM");
+    const Option given = verb.addOption("window", *window, "The new window, or none").typeName("HH:MM-HH:MM");
     addHomeOption(verb, host);
     addJSONOption(verb, host);
 
     verb.callback([window, given, &host] {
         host.prepare();
-        const auto lock = given->count() > 0 ? Host::lockData() : nullptr;  // before the file is read
+        const auto lock = given.isGiven() ? Host::lockData() : nullptr;  // before the file is read
         SettingsFile& file = host.settingsFile();
-        if (given->count() > 0) {
+        if (given.isGiven()) {
             *window == "none" ? file.reset("schedule") : file.set("schedule", chosenWindow(*window));
         }
         const Settings& settings = file.settings();

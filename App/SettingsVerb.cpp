@@ -1,8 +1,8 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/SettingsFile.hpp"
@@ -142,23 +142,23 @@ void printAsText(const Settings& settings, const std::string& name) {
 
 }  // namespace
 
-void addSettingsVerb(CLI::App& app, Host& host) {
+void addSettingsVerb(Verb program, Host& host) {
     struct Options {
         std::string name;
         std::string value;
         bool isReset = false;
     };
-    auto& verb = *app.add_subcommand("settings", "List, show or set your choices");
+    Verb verb = program.addVerb("settings", "List, show or set your choices");
     verb.footer(
         "Settings: horizon (minutes from 1 to 1440, or unlimited), mode (background, manual, scheduled),\n"
         "model (medium, small-music), pace (gentle, background, fast), radio (moods, or none),\n"
         "schedule (22:00-06:00, or none).\n\n"
         "Example: quillmere settings pace gentle");
     auto options = std::make_shared<Options>();
-    verb.add_option("name", options->name, "The setting; without it, all are listed")->type_name("NAME");
-    auto* value = verb.add_option("value", options->value, "Its new value; without it, the setting is shown");
-    value->type_name("VALUE");
-    verb.add_flag("--reset", options->isReset, "Go back to the default")->excludes(value);
+    verb.addOption("name", options->name, "The setting; without it, all are listed").typeName("NAME");
+    const Option value =
+        verb.addOption("value", options->value, "Its new value; without it, the setting is shown").typeName("VALUE");
+    verb.addFlag("--reset", options->isReset, "Go back to the default").excludes(value);
     addHomeOption(verb, host);
     addJSONOption(verb, host);
 
@@ -171,12 +171,12 @@ void addSettingsVerb(CLI::App& app, Host& host) {
                                didYouMean(name, names, " 'quillmere settings' lists them."));
         }
         if (options->isReset && name.empty()) refuse("--reset", "name the setting.");
-        const bool isChange = options->isReset || value->count() > 0;
+        const bool isChange = options->isReset || value.isGiven();
         const auto lock = isChange ? Host::lockData() : nullptr;  // before the file is read
         SettingsFile& file = host.settingsFile();
         if (options->isReset) {
             file.reset(name);
-        } else if (value->count() > 0) {
+        } else if (value.isGiven()) {
             choose(file, name, options->value);
         }
         host.json ? printAsJSON(file.settings(), name) : printAsText(file.settings(), name);

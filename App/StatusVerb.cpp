@@ -1,8 +1,9 @@
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/MemoryPressure.hpp"
 #include "App/Output.hpp"
@@ -142,8 +143,8 @@ void printAsText(const Status& status) {
 
 }  // namespace
 
-void addStatusVerb(CLI::App& app, Host& host) {
-    auto& verb = *app.add_subcommand("status", "Show how much music there is and what may be made now");
+void addStatusVerb(Verb program, Host& host) {
+    Verb verb = program.addVerb("status", "Show how much music there is and what may be made now");
     verb.footer("Example: quillmere status --json");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

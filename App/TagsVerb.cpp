@@ -1,8 +1,8 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/Suggestion.hpp"
@@ -32,17 +32,17 @@ TagVocabulary vocabulary(const std::string& file) {
 
 }  // namespace
 
-void addTagsVerb(CLI::App& app, Host& host) {
+void addTagsVerb(Verb program, Host& host) {
     struct Options {
         std::string category;
         std::string file;
     };
     auto options = std::make_shared<Options>();
-    auto& verb = *app.add_subcommand("tags", "List the tags suggested for moods of your own");
+    Verb verb = program.addVerb("tags", "List the tags suggested for moods of your own");
     verb.footer("Example: quillmere tags instruments");
-    verb.add_option("category", options->category, "genre, moods, instruments, tempo, texture or nature")
-        ->type_name("CATEGORY");
-    verb.add_option("--file", options->file, "Another vocabulary")->type_name("FILE");
+    verb.addOption("category", options->category, "genre, moods, instruments, tempo, texture or nature")
+        .typeName("CATEGORY");
+    verb.addOption("--file", options->file, "Another vocabulary").typeName("FILE");
     addHomeOption(verb, host);
     addJSONOption(verb, host);
     verb.callback([options, &host] {

@@ -13,7 +13,10 @@ public:
     UsageError(std::string option, const std::string& complaint)
         : std::runtime_error(complaint), option_(std::move(option)) {}
 
-    /// The option or the argument.
+    /// What is wrong where no single option is to blame: a sentence.
+    explicit UsageError(const std::string& complaint) : std::runtime_error(complaint) {}
+
+    /// The option or the argument; empty where no single one is to blame.
     [[nodiscard]] const std::string& option() const noexcept { return option_; }
 
 private:

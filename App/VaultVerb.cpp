@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
+#include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/Output.hpp"
 #include "App/Recipes.hpp"
@@ -91,60 +91,60 @@ void exportAll(Host& host, const Options& options) {
 
 }  // namespace
 
-void addVaultVerb(CLI::App& app, Host& host) {
+void addVaultVerb(Verb program, Host& host) {
     auto options = std::make_shared<Options>();
-    auto& verb = *app.add_subcommand("vault", "List, save, remove and share the recipes in your vault");
+    Verb verb = program.addVerb("vault", "List, save, remove and share the recipes in your vault");
     verb.footer("Example: quillmere vault list");
-    verb.require_subcommand(0, 1);
+    verb.requireVerbs(0, 1);
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);
-    verb.callback([&verb, &host] {
-        if (!verb.get_subcommands().empty()) return;
+    verb.callback([verb, &host] {
+        if (verb.isVerbGiven()) return;
         host.prepare();
         list(host);
     });
-    const auto addPart = [&](const char* name, const char* what, const char* example) -> CLI::App& {
-        auto& part = *verb.add_subcommand(name, what);
+    const auto addPart = [&](const char* name, const char* what, const char* example) {
+        Verb part = verb.addVerb(name, what);
         part.footer(std::string("Example: quillmere vault ") + example);
         addLibraryOptions(part, host);
         addJSONOption(part, host);
         return part;
     };
-    const auto addFingerprint = [&](CLI::App& part, const char* what) {
-        part.add_option("fingerprint", options->fingerprint, what)->type_name("FINGERPRINT")->required();
+    const auto addFingerprint = [&](Verb part, const char* what) {
+        part.addOption("fingerprint", options->fingerprint, what).typeName("FINGERPRINT").required();
     };
 
-    auto& listing = addPart("list", "List the recipes, oldest first", "list --json");
+    Verb listing = addPart("list", "List the recipes, oldest first", "list --json");
     listing.callback([&host] {
         host.prepare();
         list(host);
     });
 
-    auto& adding = addPart("add", "Save the recipe of a piece of the library", "add 0123456789abcdef");
+    Verb adding = addPart("add", "Save the recipe of a piece of the library", "add 0123456789abcdef");
     addFingerprint(adding, "The piece's fingerprint, or the beginning of it");
-    adding.add_option("--name", options->name, "The recipe's name (default: the mood's)")->type_name("TEXT");
+    adding.addOption("--name", options->name, "The recipe's name (default: the mood's)").typeName("TEXT");
     adding.callback([options, &host] {
         host.prepare();
         add(host, *options);
     });
 
-    auto& removing = addPart("remove", "Remove a recipe", "remove 0123456789abcdef --yes");
+    Verb removing = addPart("remove", "Remove a recipe", "remove 0123456789abcdef --yes");
     addFingerprint(removing, "The recipe");
-    removing.add_flag("--yes", options->isMeant, "Really do it; without it, only say what would be removed");
+    removing.addFlag("--yes", options->isMeant, "Really do it; without it, only say what would be removed");
     removing.callback([options, &host] {
         host.prepare();
         remove(host, *options);
     });
 
-    auto& exporting = addPart("export", "Write all recipes to one file to share", "export --output recipes.json");
+    Verb exporting = addPart("export", "Write all recipes to one file to share", "export --output recipes.json");
     addExportOptions(exporting, options->target, "The file to write; without it, the recipes are printed");
     exporting.callback([options, &host] {
         host.prepare();
         exportAll(host, *options);
     });
 
-    auto& importing = addPart("import", "Save the recipes of a file", "import recipes.json");
-    importing.add_option("file", options->file, "A file of one recipe or several")->type_name("FILE")->required();
+    Verb importing = addPart("import", "Save the recipes of a file", "import recipes.json");
+    importing.addOption("file", options->file, "A file of one recipe or several").typeName("FILE").required();
     importing.callback([options, &host] {
         host.prepare();
         importRecipes(host, options->file);
