@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <map>
 
@@ -42,20 +41,15 @@ Status statusOf(Host& host) {
     Status status;
     status.settings = host.settingsFile().settings();
     const auto& store = *host.readingStore();
-    std::map<std::string, std::size_t> moods;
-    for (const auto& piece : store.all()) {
-        ++status.pieces;
-        ++moods[piece.identity.moodID];
-        // A stranger's manifest may hold any number.
-        if (std::isfinite(piece.seconds) && piece.seconds > 0) status.seconds += piece.seconds;
-    }
-    constexpr double mostSeconds = 1e15;
-    status.seconds = std::min(status.seconds, mostSeconds);
-    for (const auto& [moodID, count] : moods) {
+    for (const auto& [moodID, material] : store.material()) {
+        status.pieces += material.pieces;
+        status.seconds += material.seconds;
         // Only a user's mood may have changed since its music was made.
         const bool isUsers = moodID.starts_with(MoodSpec::idPrefix);
-        status.ready[moodID] = isUsers ? store.playbackPool(moodID, std::nullopt, {}).size() : count;
+        status.ready[moodID] = isUsers ? store.playbackPool(moodID, std::nullopt, {}).size() : material.pieces;
     }
+    constexpr double mostSeconds = 1e15;  // a stranger's manifest may hold any number
+    status.seconds = std::min(status.seconds, mostSeconds);
     status.bytes = store.bytesOnDisk();
     status.schedule = ScheduleState::at(std::chrono::system_clock::now(), status.settings.schedule);
     status.pressure = presentMemoryPressure();

@@ -1,5 +1,7 @@
 #include "QuillmereKit/Library/LoopFolder.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -158,9 +160,25 @@ std::optional<FileFacts> LoopFolder::factsOfOwn(const std::filesystem::path& fil
 
 bool LoopFolder::owns(const std::filesystem::path& file) const noexcept { return factsOfOwn(file).has_value(); }
 
-std::uint64_t LoopFolder::sizeOf(const std::filesystem::path& file) const noexcept {
-    const auto facts = factsOfOwn(file);
-    return facts ? facts->size : 0;
+std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table) const {
+    // Nearly all lie directly in the folder: asked for there by name, they need no path made and walked.
+    Descriptor folder;
+    ignoringFailure([&] { folder = systemCalls::openFolder(path()); });
+    std::uint64_t bytes = 0;
+    table.forEach([&](const StoredLoop& loop) {
+        if (!loop.isInside) return;
+        const auto name = folder.isOpen() ? plainName(loop.url) : std::nullopt;
+        if (!name) {
+            const auto facts = factsOfOwn(fileInside(loop));
+            if (facts) bytes += facts->size;
+            return;
+        }
+        struct stat status {};
+        // The name ends where the URL's text does, so a zero byte follows it.
+        if (isBookkeepingName(*name) || systemCalls::statusAt(folder.number(), name->data(), status)) return;
+        if (S_ISREG(status.st_mode)) bytes += static_cast<std::uint64_t>(status.st_size);
+    });
+    return bytes;
 }
 
 void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
@@ -215,12 +233,18 @@ void LoopFolder::sync(const FileURL& url) const {
     syncFolder(path());
 }
 
-// The lock, the manifest, the digests and the copies of them: an entry that names one of them must not cost it.
+// Of a file directly in the folder: the lock, the manifest, the digests and the copies of them. An entry that names one
+// of them must not cost it.
+bool LoopFolder::isBookkeepingName(std::string_view name) noexcept {
+    return name == lockName || name.starts_with("manifest.") || name.starts_with(digestsPrefix);
+}
+
+// In folders further down, only the locks.
 bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept {
     const std::string_view place = file.native();
     const auto name = place.substr(place.rfind('/') + 1);
-    const bool isRecord = name.starts_with("manifest.") || name.starts_with(digestsPrefix);
-    return name == lockName || (isRecord && place.size() == path().native().size() + 1 + name.size());
+    const bool isDirect = place.size() == path().native().size() + 1 + name.size();
+    return isDirect ? isBookkeepingName(name) : name == lockName;
 }
 
 std::optional<JSONDocument> LoopFolder::readManifest() {

@@ -61,8 +61,8 @@ public:
     /// Whether a standard path names the folder's own file now, and none of those that the store keeps its books in.
     [[nodiscard]] bool owns(const std::filesystem::path& file) const noexcept;
 
-    /// The size of a file that the folder owns; 0 for any other.
-    [[nodiscard]] std::uint64_t sizeOf(const std::filesystem::path& file) const noexcept;
+    /// The bytes of the pieces' files, as far as the folder owns them.
+    [[nodiscard]] std::uint64_t sizeOfFiles(const LoopTable& table) const;
 
     /// Deletes each of the files that the folder owns at that moment. What cannot be deleted stays, without a report.
     void remove(std::span<const std::filesystem::path> files) const;
@@ -114,6 +114,7 @@ public:
 private:
     [[nodiscard]] std::filesystem::path lockFile() const { return path() / lockName; }
     [[nodiscard]] std::optional<FileFacts> factsOfOwn(const std::filesystem::path& file) const noexcept;
+    [[nodiscard]] static bool isBookkeepingName(std::string_view name) noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] std::optional<JSONDocument> readManifest();
 

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
+#include <span>
 #include <utility>
 
 #include "QuillmereKit/Library/LoopStoreState.hpp"
@@ -327,6 +330,19 @@ std::size_t LoopStore::count() const {
 std::size_t LoopStore::count(std::string_view moodID) const {
     const std::lock_guard lock(state_->mutex);
     return state_->table.mood(moodID).size();
+}
+
+std::map<std::string, LoopStore::Material> LoopStore::material() const {
+    std::map<std::string, Material> moods;
+    const std::lock_guard lock(state_->mutex);
+    state_->table.forEachMood([&](const std::string& moodID, std::span<const StoredLoop* const> loops) {
+        double seconds = 0;
+        for (const auto* loop : loops) {
+            if (std::isfinite(loop->seconds) && loop->seconds > 0) seconds += loop->seconds;
+        }
+        moods[moodID] = {.pieces = loops.size(), .seconds = std::min(seconds, std::numeric_limits<double>::max())};
+    });
+    return moods;
 }
 
 void LoopStore::add(LoopArtifact artifact) {

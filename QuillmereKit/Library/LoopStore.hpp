@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -97,6 +98,15 @@ public:
     [[nodiscard]] std::size_t count() const;
     /// How many pieces of exactly this mood are stored.
     [[nodiscard]] std::size_t count(std::string_view moodID) const;
+
+    /// How much music of one mood is stored.
+    struct Material {
+        std::size_t pieces = 0;  ///< How many pieces.
+        double seconds = 0;      ///< Their length together; finite, and 0 or above.
+    };
+    /// How much music of each mood is stored, by mood identifier; without copying a piece. A length that is no finite
+    /// number above 0, which a stranger's manifest may hold, counts as 0.
+    [[nodiscard]] std::map<std::string, Material> material() const;
 
     /// Stores a piece, replacing the one with its fingerprint, and saves the manifest with all pieces whose files lie
     /// inside the folder. The piece's own audio is made durable first. A failed save is kept as `lastSaveError`; the

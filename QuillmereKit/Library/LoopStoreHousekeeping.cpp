@@ -98,11 +98,7 @@ std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopAr
 
 std::int64_t LoopStore::bytesOnDisk() const {
     const std::lock_guard lock(state_->mutex);
-    std::uint64_t bytes = 0;
-    state_->table.forEach([&](const StoredLoop& loop) {
-        if (loop.isInside) bytes += state_->folder.sizeOf(state_->folder.fileInside(loop));
-    });
-    return static_cast<std::int64_t>(bytes);
+    return static_cast<std::int64_t>(state_->folder.sizeOfFiles(state_->table));
 }
 
 std::vector<LoopArtifact> LoopStore::loudnessCandidates() const {

@@ -35,6 +35,12 @@ public:
     /// The pieces of a mood by fingerprint, ascending. Valid until the table changes.
     [[nodiscard]] const std::vector<StoredLoop*>& mood(std::string_view moodID) const noexcept;
 
+    /// Calls `visit` with every mood that has pieces and with these, by fingerprint, ascending.
+    template <class Visit>
+    void forEachMood(const Visit& visit) const {
+        for (const auto& [moodID, loops] : moods_) visit(moodID, std::span<const StoredLoop* const>(loops));
+    }
+
     /// All pieces by fingerprint, ascending. Valid until the table changes.
     [[nodiscard]] std::vector<const StoredLoop*> inOrder() const;
 

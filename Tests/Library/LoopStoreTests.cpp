@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -18,6 +19,7 @@ using test::byFingerprint;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
 struct LoopStoreTests : test::LoopStoreFixture {
@@ -98,6 +100,46 @@ TEST_F(LoopStoreTests, CountsPiecesOfAMoodByItsExactName) {
     EXPECT_EQ(store.count("deepcode"), 2U);
     EXPECT_EQ(store.count("deep"), 0U);
     EXPECT_EQ(store.count("DeepCode"), 0U);
+}
+
+TEST_F(LoopStoreTests, KnowsHowMuchMusicOfEachMoodThereIs) {
+    auto store = open();
+    EXPECT_THAT(store.material(), IsEmpty());
+    const auto add = [&](const char* moodID, std::int64_t seed, double seconds) {
+        auto artifact = piece(moodID, 2, seed);
+        artifact.seconds = seconds;
+        store.add(artifact);
+    };
+    add("deepcode", 0, 90);
+    add("deepcode", 1, 0.5);
+    add("my-unknown", 2, 120);
+
+    const auto material = store.material();
+
+    ASSERT_THAT(material, SizeIs(2));
+    EXPECT_EQ(material.at("deepcode").pieces, 2U);
+    EXPECT_EQ(material.at("deepcode").seconds, 90.5);
+    EXPECT_EQ(material.at("my-unknown").pieces, 1U);
+    EXPECT_EQ(material.at("my-unknown").seconds, 120);
+}
+
+TEST_F(LoopStoreTests, LengthsThatAreNoneAddNothingToTheMaterial) {
+    auto store = open();
+    constexpr auto most = std::numeric_limits<double>::max();
+    for (const double seconds : {120.0, -1000.0, std::numeric_limits<double>::infinity(), std::nan("")}) {
+        auto artifact = piece("deepcode", 2, static_cast<std::int64_t>(store.count()));
+        artifact.seconds = seconds;
+        store.add(artifact);
+    }
+    EXPECT_EQ(store.material().at("deepcode").pieces, 4U);
+    EXPECT_EQ(store.material().at("deepcode").seconds, 120);
+
+    for (int i = 0; i < 2; ++i) {
+        auto artifact = piece("sprint", 2, i);
+        artifact.seconds = most;
+        store.add(artifact);
+    }
+    EXPECT_EQ(store.material().at("sprint").seconds, most);
 }
 
 TEST_F(LoopStoreTests, EveryFieldComesBackAfterReopening) {
