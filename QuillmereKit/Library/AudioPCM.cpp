@@ -1,8 +1,8 @@
 #include "QuillmereKit/Library/AudioPCM.hpp"
 
 #include <bit>
-#include <vector>
 
+#include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SHA256.hpp"
 
 namespace quillmere::AudioPCM {
@@ -17,7 +17,7 @@ std::string digest(const FileURL& url, const std::stop_token& stop) {
 std::string digest(AudioFile& file, const std::stop_token& stop) {
     constexpr std::size_t framesAtATime = 8192;
     const auto channels = static_cast<std::size_t>(file.format().channels);
-    std::vector<std::int16_t> samples(framesAtATime * channels);
+    PageAligned<std::int16_t> samples(framesAtATime * channels);
     SHA256 hash;
     while (true) {
         if (stop.stop_requested()) throw CancellationError();

@@ -1,11 +1,11 @@
 #include "QuillmereKit/Library/FileSHA256.hpp"
 
 #include <cstddef>
-#include <memory>
 #include <string_view>
 
 #include "QuillmereKit/Platform/Descriptor.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SHA256.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 
@@ -16,11 +16,11 @@ std::string digest(const FileURL& url) {
     constexpr std::size_t chunk = std::size_t{1} << 16;
     const auto path = url.path();
     const Descriptor file = openRegularFile(path, FinalLink::followed);
-    const auto buffer = std::make_unique_for_overwrite<char[]>(chunk);
+    PageAligned<char> buffer(chunk);
     SHA256 hash;
     while (true) {
-        const auto count = systemCalls::readUpTo(file.number(), {buffer.get(), chunk}, path);
-        hash.update(std::string_view(buffer.get(), count));
+        const auto count = systemCalls::readUpTo(file.number(), buffer, path);
+        hash.update(std::string_view(buffer.data(), count));
         if (count < chunk) break;
     }
     return hexadecimal(hash.finish());

@@ -7,6 +7,7 @@
 #include <bit>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <set>
 #include <unordered_set>
 #include <utility>
@@ -63,6 +64,9 @@ private:
 
     std::vector<Slot> slots_;  // at most half of them taken
 };
+
+// On a thread of its own, or on the caller's where there is none to be had.
+constexpr auto asyncIfPossible = std::launch::async | std::launch::deferred;
 
 // What is known of an entry's file. Only certain absence drops an entry: a disk that cannot answer proves nothing.
 enum class Presence { regular, absent, unknown };
@@ -161,9 +165,10 @@ std::optional<FileFacts> LoopFolder::factsOfOwn(const std::filesystem::path& fil
 bool LoopFolder::owns(const std::filesystem::path& file) const noexcept { return factsOfOwn(file).has_value(); }
 
 std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table) const {
-    // Nearly all lie directly in the folder: asked for there by name, they need no path made and walked.
     Descriptor folder;
     ignoringFailure([&] { folder = systemCalls::openFolder(path()); });
+    std::vector<const char*> names;
+    names.reserve(table.count());
     std::uint64_t bytes = 0;
     table.forEach([&](const StoredLoop& loop) {
         if (!loop.isInside) return;
@@ -171,14 +176,27 @@ std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table) const {
         if (!name) {
             const auto facts = factsOfOwn(fileInside(loop));
             if (facts) bytes += facts->size;
-            return;
+        } else if (!isBookkeepingName(*name)) {
+            names.push_back(name->data());  // it ends where the URL's text does: a zero byte follows
         }
-        struct stat status {};
-        // The name ends where the URL's text does, so a zero byte follows it.
-        if (isBookkeepingName(*name) || systemCalls::statusAt(folder.number(), name->data(), status)) return;
-        if (S_ISREG(status.st_mode)) bytes += static_cast<std::uint64_t>(status.st_size);
     });
-    return bytes;
+
+    // Nearly all lie directly in the folder: asked for there by name, they need no path made and walked. The system
+    // takes its time for each of them, so many are shared out between two threads.
+    const auto sizeOf = [&folder](std::span<const char* const> files) {
+        std::uint64_t sum = 0;
+        for (const char* name : files) {
+            struct stat status {};
+            if (systemCalls::statusAt(folder.number(), name, status) || !S_ISREG(status.st_mode)) continue;
+            sum += static_cast<std::uint64_t>(status.st_size);
+        }
+        return sum;
+    };
+    constexpr std::size_t many = 1000;
+    const auto half = std::span(names).first(names.size() / 2);
+    auto ofHalf = std::async(names.size() >= many ? asyncIfPossible : std::launch::deferred, sizeOf, half);
+    bytes += sizeOf(std::span(names).subspan(half.size()));
+    return bytes + ofHalf.get();
 }
 
 void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
@@ -264,9 +282,17 @@ std::optional<JSONDocument> LoopFolder::readManifest() {
 }
 
 bool LoopFolder::load(LoopTable& table) {
+    // Beside the reading of a manifest that takes long. What comes into the folder meanwhile is looked for by its name.
+    constexpr std::uint64_t largeSize = std::uint64_t{1} << 18;
+    const auto facts = factsOf(manifestFile_);
+    const bool isLarge = facts && facts->size >= largeSize;
+    auto listed = std::async(isLarge ? asyncIfPossible : std::launch::deferred, [this] {
+        std::vector<FolderEntry> entries;
+        ignoringFailure([&] { entries = listFolder(path()); });
+        return entries;
+    });
     auto manifest = readManifest();
-    std::vector<FolderEntry> listing;
-    ignoringFailure([&] { listing = listFolder(path()); });
+    auto listing = listed.get();
     const RegularNames regular(listing);
 
     // An entry that is dropped, or that the next ordinary save leaves out, would be gone for good.

@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 
+#include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
@@ -182,15 +183,14 @@ std::string readFile(const std::filesystem::path& file, std::size_t limit, Final
     constexpr std::size_t roomBehind = 64;
     std::string content;
     content.reserve(static_cast<std::size_t>(size) + roomBehind);
-    content.resize(static_cast<std::size_t>(size));
-    content.resize(systemCalls::readUpTo(opened.number(), content, file));
-    // The size was only a guess: the file may be growing.
-    std::array<char, 4096> more;
+    // The size is only a guess: the file may be growing.
+    constexpr std::uint64_t longestPiece = std::uint64_t{1} << 16;
+    PageAligned<char> piece(static_cast<std::size_t>(std::min(size + 1, longestPiece)));
     for (;;) {
-        const auto count = systemCalls::readUpTo(opened.number(), more, file);
+        const auto count = systemCalls::readUpTo(opened.number(), piece, file);
         if (count > limit - content.size()) throw FileError("read", file, FileFault::fileReadTooLarge);
-        content.append(more.data(), count);
-        if (count < more.size()) return content;
+        content.append(piece.data(), count);
+        if (count < piece.size()) return content;
     }
 }
 

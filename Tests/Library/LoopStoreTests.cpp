@@ -142,6 +142,30 @@ TEST_F(LoopStoreTests, LengthsThatAreNoneAddNothingToTheMaterial) {
     EXPECT_EQ(store.material().at("sprint").seconds, most);
 }
 
+// Large enough for threads to share the work.
+TEST_F(LoopStoreTests, ALargeLibraryIsLoadedAndCountedToTheLastPiece) {
+    constexpr std::int64_t count = 1201;
+    std::vector<LoopArtifact> pieces;
+    std::int64_t bytes = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+        pieces.push_back(piece("deepcode", i % 5, i));
+        const auto size = static_cast<std::size_t>(i % 7);
+        home.putFile("Loops/" + pieces.back().url.path().filename().native(), std::string(size, 'x'));
+        bytes += i % 7;
+    }
+    writeManifest(pieces);
+    ASSERT_GT(manifestText().size(), 262'144U);
+    std::filesystem::remove(pieces[700].url.path());
+    std::filesystem::remove(pieces[3].url.path());
+    bytes -= 700 % 7 + 3;
+
+    const auto large = open();
+
+    EXPECT_EQ(large.count(), static_cast<std::size_t>(count - 2));
+    EXPECT_FALSE(large.contains(pieces[700].identity));
+    EXPECT_EQ(large.bytesOnDisk(), bytes);
+}
+
 TEST_F(LoopStoreTests, EveryFieldComesBackAfterReopening) {
     const auto full = fullPiece();
     open().add(full);
