@@ -183,7 +183,6 @@ WAVFile::WAVFile(Descriptor opened, std::filesystem::path file) : state_(std::ma
 }
 
 WAVFile::WAVFile(WAVFile&&) noexcept = default;
-WAVFile& WAVFile::operator=(WAVFile&&) noexcept = default;
 WAVFile::~WAVFile() = default;
 
 const AudioFormat& WAVFile::format() const noexcept { return state_->format; }

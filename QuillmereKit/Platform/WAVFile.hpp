@@ -36,7 +36,6 @@ public:
     /// The same for a file that is open already, however it was reached. `file` is what errors call it.
     WAVFile(Descriptor opened, std::filesystem::path file);
     WAVFile(WAVFile&&) noexcept;
-    WAVFile& operator=(WAVFile&&) noexcept;
     ~WAVFile();
 
     /// How the samples are stored.

@@ -485,6 +485,23 @@ TEST(JSONWriterTests, WriterStartsAfreshAfterItsTextWasTaken) {
     EXPECT_EQ(writer.take(), first);
 }
 
+TEST(JSONWriterTests, ClearedWriterStartsAfreshWhereverItWas) {
+    for (const auto form : {Form::compact, Form::pretty, Form::sorted}) {
+        JSONWriter fresh(form);
+        writeSample(fresh);
+        JSONWriter writer(form);
+        writer.beginObject();
+        writer.member("b", 1);
+        writer.key("a");
+        writer.beginArray();
+        writer.clear();
+        EXPECT_EQ(writer.text(), "");
+        writeSample(writer);
+
+        EXPECT_EQ(writer.take(), fresh.take());
+    }
+}
+
 TEST(JSONWriterTests, CopyOfAWriterGoesItsOwnWay) {
     JSONWriter writer(Form::sorted);
     writer.beginObject();

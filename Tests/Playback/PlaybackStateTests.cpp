@@ -50,10 +50,25 @@ TEST(PlaybackStateTests, DownloadPercentageIsTruncatedTowardZero) {
 }
 
 TEST(PlaybackStateTests, EqualityIsByCaseAndPayload) {
-    EXPECT_EQ(downloading(0.5), downloading(0.5));
-    EXPECT_NE(downloading(0.5), downloading(0.6));
-    EXPECT_NE(PlaybackState(State::Error{Failure::Recoverable{"m"}}), PlaybackState(State::Error{Failure::Fatal{"m"}}));
-    EXPECT_NE(PlaybackState(State::Ready{}), PlaybackState(State::Paused{}));
+    const PlaybackState states[] = {
+        downloading(0.5),
+        downloading(0.6),
+        {State::Error{Failure::Recoverable{"m"}}},
+        {State::Error{Failure::Recoverable{"n"}}},
+        {State::Error{Failure::Fatal{"m"}}},
+        {State::Error{Failure::Fatal{"n"}}},
+        {State::Cold{}},
+        {State::WarmingUp{}},
+        {State::Ready{}},
+        {State::Playing{}},
+        {State::Paused{}},
+    };
+    for (const auto& one : states) {
+        for (const auto& other : states) {
+            const PlaybackState copy = one;
+            EXPECT_EQ(copy == other, &one == &other) << &one - states << " and " << &other - states;
+        }
+    }
 }
 
 TEST(PlaybackStateDeathTests, AProgressThatIsNoPercentageStopsTheProcess) {
