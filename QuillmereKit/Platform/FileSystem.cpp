@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 
+#include "QuillmereKit/Platform/HugePages.hpp"
 #include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
@@ -183,6 +184,7 @@ std::string readFile(const std::filesystem::path& file, std::size_t limit, Final
     constexpr std::size_t roomBehind = 64;
     std::string content;
     content.reserve(static_cast<std::size_t>(size) + roomBehind);
+    preferHugePages(content.data(), content.capacity());
     // The size is only a guess: the file may be growing.
     constexpr std::uint64_t longestPiece = std::uint64_t{1} << 16;
     PageAligned<char> piece(static_cast<std::size_t>(std::min(size + 1, longestPiece)));

@@ -10,6 +10,7 @@
 #include <new>
 
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/HugePages.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 #if defined(__SSE2__)
@@ -192,7 +193,7 @@ OddNumbers replaceOddNumbers(char* text, std::size_t size) {
 
 /// Where it matters: what is shorter, a library of a hundred thousand pieces too, the parser refuses in little memory.
 void refuseWrongNesting(std::string_view text) {
-    constexpr std::size_t longText = std::size_t{64} << 20;
+    constexpr std::size_t longText = std::size_t{72} << 20;
     if (text.size() <= longText) return;
     if (const auto error = nestingError(text); error != simdjson::SUCCESS) failParsing(error);
 }
@@ -424,6 +425,10 @@ JSONDocument JSONDocument::parseNested(std::string text) {
 
     auto tape = std::make_unique<JSONTape>();
     const auto run = [&] {
+        auto& document = tape->document;
+        if (const auto error = document.allocate(size); error != simdjson::SUCCESS) return error;
+        preferHugePages(document.tape.get(), size * sizeof(document.tape[0]));
+        preferHugePages(document.string_buf.get(), size);
         simdjson::dom::parser parser;
         return parser.parse_into_document(tape->document, begin, size, false).error();
     };

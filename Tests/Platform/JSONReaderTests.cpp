@@ -510,7 +510,7 @@ TEST(JSONReaderTests, DeepNestingIsReadTo512LevelsAndRefusedWhenAbsurd) {
 
 // Of a text of many megabytes the nesting is looked at before anything else.
 TEST(JSONReaderTests, NestingOfALongTextIsJudgedAsThatOfAShortOne) {
-    constexpr std::size_t length = std::size_t{65} << 20;
+    constexpr std::size_t length = std::size_t{73} << 20;
     const std::string brackets(length, '[');
     const std::string quoted = "\"\\\"" + brackets + "\\\\\"";
     const std::string deep = repeated("[", 1000) + quoted + repeated("]", 1000);
