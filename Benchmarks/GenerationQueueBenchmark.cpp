@@ -112,8 +112,9 @@ void measureMedian(benchmark::State& state, const Once& once) {
 // Between two requests of somebody who listens, in short.
 void rest() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
+// One that no sample library holds.
 LoopIdentity nextIdentity() {
-    static std::size_t number = 0;
+    static std::size_t number = 1'000'000;
     return samplePiece("/", number++).identity;
 }
 
