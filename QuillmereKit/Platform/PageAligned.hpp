@@ -6,22 +6,26 @@
 
 namespace quillmere {
 
-/// Gives out memory that begins where a page does.
+/// Gives out memory that begins where a page does. Thread-safe; throws `std::bad_alloc` where there is none.
 template <class T>
 struct PageAllocator {
-    using value_type = T;
+    using value_type = T;  ///< What the memory is for.
 
     PageAllocator() = default;
+    /// All of them are alike.
     template <class Other>
     explicit PageAllocator(const PageAllocator<Other>& /*other*/) noexcept {}
 
+    /// Room for so many values.
     [[nodiscard]] T* allocate(std::size_t count) {
         return static_cast<T*>(::operator new(count * sizeof(T), std::align_val_t(pageSize)));
     }
+    /// Takes back what `allocate` gave out.
     void deallocate(T* memory, std::size_t /*count*/) noexcept {
         ::operator delete(memory, std::align_val_t(pageSize));
     }
 
+    /// Any of them takes back what any gave out.
     friend bool operator==(const PageAllocator&, const PageAllocator&) noexcept { return true; }
 
 private:
