@@ -92,19 +92,20 @@ void LoopTable::put(Item item) {
     auto& mood = moods_[*loop->moodID];
     if (mood.size() == mood.capacity()) mood.reserve(2 * mood.size() + 1);
     loops_.reserve(count() + 1);
-    auto* const earlier = loops_.find(key);
-    const bool isNew = earlier == nullptr;
-    auto& place = isNew ? loops_.insert(std::move(loop)) : *earlier;
-    // From here on nothing can throw: the mood's list has room, and a piece is moved without allocating.
-    if (!isNew) {
-        std::erase(moods_.find(*place.moodID)->second, &place);
-        if (!place.isEncodable) --unencodable_;
-        place = std::move(*loop);
+    // From here on nothing can throw: the table and the mood's list have room, and a piece is moved without allocating.
+    auto* place = loops_.find(key);
+    const bool isNew = place == nullptr;
+    if (isNew) {
+        place = &loops_.insert(std::move(loop));
+    } else {
+        std::erase(moods_.find(*place->moodID)->second, place);
+        if (!place->isEncodable) --unencodable_;
+        *place = std::move(*loop);
         isManifestStale_ = true;
     }
-    mood.insert(std::ranges::upper_bound(mood, &place, byKey), &place);
-    if (!place.isEncodable) ++unencodable_;
-    if (isNew && place.isInside && text) appendToManifest(place, *text);
+    mood.insert(std::ranges::upper_bound(mood, place, byKey), place);
+    if (!place->isEncodable) ++unencodable_;
+    if (isNew && place->isInside && text) appendToManifest(*place, *text);
 }
 
 std::size_t LoopTable::remove(std::span<const LoopKey> keys) noexcept {

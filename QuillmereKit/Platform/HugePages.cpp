@@ -6,13 +6,12 @@
 
 namespace quillmere {
 
-void preferHugePages(const void* memory, std::size_t size) noexcept {
-    constexpr std::uintptr_t hugePage = std::uintptr_t{2} << 20;
-    const auto begin = reinterpret_cast<std::uintptr_t>(memory);
-    const auto first = (begin + hugePage - 1) / hugePage * hugePage;
-    const auto last = (begin + size) / hugePage * hugePage;
-    if (first >= last) return;
-    static_cast<void>(::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE));
+void preferHugePages(void* memory, std::size_t size) noexcept {
+    constexpr std::size_t hugePage = std::size_t{2} << 20;
+    const std::size_t before = (hugePage - reinterpret_cast<std::uintptr_t>(memory) % hugePage) % hugePage;
+    if (size < before + hugePage) return;
+    const std::size_t whole = (size - before) / hugePage * hugePage;
+    static_cast<void>(::madvise(static_cast<std::byte*>(memory) + before, whole, MADV_HUGEPAGE));
 }
 
 }  // namespace quillmere
