@@ -266,7 +266,6 @@ bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept
 }
 
 std::optional<JSONDocument> LoopFolder::readManifest() {
-    manifest_ = factsOf(manifestFile_);
     reasonToKeep_.reset();
     isUnread_ = false;
     try {
@@ -284,8 +283,8 @@ std::optional<JSONDocument> LoopFolder::readManifest() {
 bool LoopFolder::load(LoopTable& table) {
     // Beside the reading of a manifest that takes long. What comes into the folder meanwhile is looked for by its name.
     constexpr std::uint64_t largeSize = std::uint64_t{1} << 18;
-    const auto facts = factsOf(manifestFile_);
-    const bool isLarge = facts && facts->size >= largeSize;
+    manifest_ = factsOf(manifestFile_);
+    const bool isLarge = manifest_ && manifest_->size >= largeSize;
     auto listed = std::async(isLarge ? asyncIfPossible : std::launch::deferred, [this] {
         std::vector<FolderEntry> entries;
         ignoringFailure([&] { entries = listFolder(path()); });
