@@ -10,6 +10,7 @@
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Library/LoudnessMeter.hpp"
 #include "QuillmereKit/Platform/AudioFile.hpp"
+#include "QuillmereKit/Platform/PageAligned.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -21,7 +22,7 @@ AudioLoudness measured(const std::filesystem::path& file, const std::stop_token&
         throw FileError("measure", file, make_error_code(FileFault::fileReadCorruptFile));
     }
     constexpr std::size_t framesAtATime = 9600;
-    std::vector<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(format.channels));
+    PageAligned<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(format.channels));
     std::vector<float> scaled(samples.size());
     LoudnessMeter meter(format.channels);
     while (const auto frames = audio.read(samples)) {

@@ -17,6 +17,7 @@
 #include "QuillmereKit/Platform/AudioFile.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SHA256.hpp"
 
 namespace quillmere::app {
@@ -98,7 +99,7 @@ std::string plainWAVDigest(const std::filesystem::path& file) {
     SHA256 hash;
     const std::string header = plainHeader(static_cast<std::uint32_t>(audio.frames() * 4));
     hash.update(std::as_bytes(std::span(header)));
-    std::vector<std::int16_t> samples(std::size_t{8192} * static_cast<std::size_t>(audio.format().channels));
+    PageAligned<std::int16_t> samples(std::size_t{8192} * static_cast<std::size_t>(audio.format().channels));
     while (const std::size_t frames = audio.read(samples)) {
         hash.update(
             std::as_bytes(std::span(samples).first(frames * static_cast<std::size_t>(audio.format().channels))));

@@ -1,5 +1,6 @@
 #include "Benchmarks/SampleLibrary.hpp"
 
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -13,25 +14,43 @@
 namespace quillmere::benchmarks {
 namespace {
 
-// Folders that go with the process.
+void fillLibrary(const std::filesystem::path& folder, std::size_t count) {
+    std::vector<LoopArtifact> pieces;
+    pieces.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        pieces.push_back(samplePiece(folder, i));
+        std::ofstream(pieces.back().url.path()) << "RIFF";
+    }
+    std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
+}
+
+// Folders that go with the process, or stay for the next one in the folder that the environment names.
 class Libraries {
 public:
     Libraries() = default;
     Libraries(const Libraries&) = delete;
     Libraries& operator=(const Libraries&) = delete;
     ~Libraries() {
+        if (kept_) return;
         std::error_code ignored;
         for (const auto& [count, folder] : folders_) std::filesystem::remove_all(folder, ignored);
     }
 
     const std::filesystem::path& folder(std::size_t count) {
         auto& folder = folders_[count];
-        if (folder.empty()) folder = makeLibrary(count);
+        if (folder.empty()) folder = kept_ ? kept(count) : makeLibrary(count);
         return folder;
     }
 
 private:
+    [[nodiscard]] std::filesystem::path kept(std::size_t count) const {
+        auto folder = std::filesystem::path(kept_) / std::to_string(count);
+        if (std::filesystem::create_directories(folder)) fillLibrary(folder, count);
+        return folder;
+    }
+
     std::map<std::size_t, std::filesystem::path> folders_;
+    const char* const kept_ = std::getenv("QUILLMERE_BENCHMARK_LIBRARIES");
 };
 
 }  // namespace
@@ -63,13 +82,7 @@ LoopArtifact samplePiece(const std::filesystem::path& folder, std::size_t index)
 std::filesystem::path makeLibrary(std::size_t count) {
     const auto folder = std::filesystem::temp_directory_path() / ("quillmere-benchmark-" + UUID::random().text());
     std::filesystem::create_directories(folder);
-    std::vector<LoopArtifact> pieces;
-    pieces.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        pieces.push_back(samplePiece(folder, i));
-        std::ofstream(pieces.back().url.path()) << "RIFF";
-    }
-    std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
+    fillLibrary(folder, count);
     return folder;
 }
 

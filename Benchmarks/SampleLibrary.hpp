@@ -23,7 +23,8 @@ inline constexpr std::size_t piecesPerMood = 500;
 [[nodiscard]] std::filesystem::path makeLibrary(std::size_t count);
 
 /// A loop library of `count` pieces with a manifest and (nearly empty) audio files, made on first use among the
-/// temporary files and removed when the process ends.
+/// temporary files and removed when the process ends; or in the folder that QUILLMERE_BENCHMARK_LIBRARIES names, where
+/// the next process finds it again.
 [[nodiscard]] const std::filesystem::path& sampleLibrary(std::size_t count);
 
 /// Opens a library without any seeds; what is discarded is deleted.

@@ -13,6 +13,7 @@
 
 #include "QuillmereKit/Platform/AudioFile.hpp"
 #include "QuillmereKit/Platform/LosslessModule.hpp"
+#include "QuillmereKit/Platform/PageAligned.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 
 namespace quillmere {
@@ -36,7 +37,7 @@ void encode(AudioFile& audio, int descriptor, const std::filesystem::path& file,
     require(module.openWriter(descriptor, rate, format.channels, threads, &opened), file);
     const std::unique_ptr<LosslessWriter, void (*)(LosslessWriter*)> writer(opened, module.closeWriter);
 
-    std::vector<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(format.channels));
+    PageAligned<std::int16_t> samples(framesAtATime * static_cast<std::size_t>(format.channels));
     while (true) {
         if (stop.stop_requested()) throw CancellationError();
         const std::size_t frames = audio.read(samples);
