@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdio>
+#include <future>
 #include <map>
 
 #include "App/CommandLine.hpp"
@@ -12,6 +13,7 @@
 #include "App/Verbs.hpp"
 #include "QuillmereKit/Library/MaterialStatus.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
+#include "QuillmereKit/Platform/FileSizes.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -40,6 +42,9 @@ struct Status {
 Status statusOf(Host& host) {
     Status status;
     status.settings = host.settingsFile().settings();
+    // Asking for the size of every file takes as long as reading the manifest: beside it, if there is a thread for that.
+    auto sizes = std::async(std::launch::async | std::launch::deferred,
+                            [folder = host.libraryFolder()] { return FileSizes(folder); });
     const auto& store = *host.readingStore();
     for (const auto& [moodID, material] : store.material()) {
         status.pieces += material.pieces;
@@ -50,7 +55,7 @@ Status statusOf(Host& host) {
     }
     constexpr double mostSeconds = 1e15;  // a stranger's manifest may hold any number
     status.seconds = std::min(status.seconds, mostSeconds);
-    status.bytes = store.bytesOnDisk();
+    status.bytes = store.bytesOnDisk(sizes.get());
     status.schedule = ScheduleState::at(std::chrono::system_clock::now(), status.settings.schedule);
     status.pressure = presentMemoryPressure();
     status.mayGenerate = !status.pressure || permits(status.settings.pace, *status.pressure);

@@ -1,5 +1,7 @@
 #include "Benchmarks/SampleLibrary.hpp"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -14,14 +16,20 @@
 namespace quillmere::benchmarks {
 namespace {
 
+// The files stay that are there; what is new is on the disk.
 void fillLibrary(const std::filesystem::path& folder, std::size_t count) {
     std::vector<LoopArtifact> pieces;
     pieces.reserve(count);
+    bool isMissing = false;
     for (std::size_t i = 0; i < count; ++i) {
         pieces.push_back(samplePiece(folder, i));
-        std::ofstream(pieces.back().url.path()) << "RIFF";
+        const auto file = pieces.back().url.path();
+        if (fileExists(file)) continue;
+        std::ofstream(file) << "RIFF";
+        isMissing = true;
     }
-    std::ofstream(folder / "manifest.json") << encodeJSON(pieces, JSONWriter::Form::compact);
+    if (isMissing) ::sync();
+    writeDurably(folder / "manifest.json", encodeJSON(pieces, JSONWriter::Form::compact));
 }
 
 // Folders that go with the process, or stay for the next one in the folder that the environment names.
@@ -33,25 +41,30 @@ public:
     ~Libraries() {
         if (kept_) return;
         std::error_code ignored;
-        for (const auto& [count, folder] : folders_) std::filesystem::remove_all(folder, ignored);
+        for (const auto& [name, folder] : folders_) std::filesystem::remove_all(folder, ignored);
     }
 
-    const std::filesystem::path& folder(std::size_t count) {
-        auto& folder = folders_[count];
-        if (folder.empty()) folder = kept_ ? kept(count) : makeLibrary(count);
+    const std::filesystem::path& folder(const std::string& name, std::size_t count) {
+        auto& folder = folders_[name];
+        if (folder.empty()) folder = kept_ ? kept(name, count) : makeLibrary(count);
         return folder;
     }
 
 private:
-    [[nodiscard]] std::filesystem::path kept(std::size_t count) const {
-        auto folder = std::filesystem::path(kept_) / std::to_string(count);
+    [[nodiscard]] std::filesystem::path kept(const std::string& name, std::size_t count) const {
+        auto folder = std::filesystem::path(kept_) / name;
         if (std::filesystem::create_directories(folder)) fillLibrary(folder, count);
         return folder;
     }
 
-    std::map<std::size_t, std::filesystem::path> folders_;
+    std::map<std::string, std::filesystem::path> folders_;
     const char* const kept_ = std::getenv("QUILLMERE_BENCHMARK_LIBRARIES");
 };
+
+Libraries& libraries() {
+    static Libraries all;
+    return all;
+}
 
 }  // namespace
 
@@ -87,8 +100,13 @@ std::filesystem::path makeLibrary(std::size_t count) {
 }
 
 const std::filesystem::path& sampleLibrary(std::size_t count) {
-    static Libraries libraries;
-    return libraries.folder(count);
+    return libraries().folder(std::to_string(count), count);
+}
+
+const std::filesystem::path& changingLibrary(std::size_t count) {
+    const auto& folder = libraries().folder(std::to_string(count) + "-changing", count);
+    fillLibrary(folder, count);
+    return folder;
 }
 
 std::shared_ptr<LoopStore> openLibrary(const std::filesystem::path& folder) {

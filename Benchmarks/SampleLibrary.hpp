@@ -27,6 +27,9 @@ inline constexpr std::size_t piecesPerMood = 500;
 /// the next process finds it again.
 [[nodiscard]] const std::filesystem::path& sampleLibrary(std::size_t count);
 
+/// Another such library, for what changes it: at each call its `count` pieces are there again, on the disk.
+[[nodiscard]] const std::filesystem::path& changingLibrary(std::size_t count);
+
 /// Opens a library without any seeds; what is discarded is deleted.
 [[nodiscard]] std::shared_ptr<LoopStore> openLibrary(const std::filesystem::path& folder);
 

@@ -1,7 +1,5 @@
 #include "QuillmereKit/Library/LoopFolder.hpp"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -37,16 +35,18 @@ class RegularNames {
 public:
     explicit RegularNames(const std::vector<FolderEntry>& listing) : slots_(std::bit_ceil(2 * listing.size() + 2)) {
         for (const auto& entry : listing) {
-            if (entry.kind == FileFacts::Kind::regular) slots_[placeOf(entry.name)] = {hash(entry.name), &entry.name};
+            if (entry.kind == FileFacts::Kind::regular) slots_[placeOf(entry.name)] = {hash(entry.name), entry.name};
         }
     }
 
-    [[nodiscard]] bool contains(std::string_view name) const noexcept { return slots_[placeOf(name)].name != nullptr; }
+    [[nodiscard]] bool contains(std::string_view name) const noexcept { return !slots_[placeOf(name)].isFree(); }
 
 private:
     struct Slot {
         std::size_t hash = 0;
-        const std::string* name = nullptr;
+        std::string_view name;  // no file's is empty
+
+        [[nodiscard]] bool isFree() const noexcept { return name.empty(); }
     };
 
     static std::size_t hash(std::string_view name) noexcept { return std::hash<std::string_view>{}(name); }
@@ -56,7 +56,7 @@ private:
         const std::size_t mask = slots_.size() - 1;
         const std::size_t wanted = hash(name);
         std::size_t place = wanted & mask;
-        while (slots_[place].name && !(slots_[place].hash == wanted && *slots_[place].name == name)) {
+        while (!slots_[place].isFree() && !(slots_[place].hash == wanted && slots_[place].name == name)) {
             place = (place + 1) & mask;
         }
         return place;
@@ -164,39 +164,20 @@ std::optional<FileFacts> LoopFolder::factsOfOwn(const std::filesystem::path& fil
 
 bool LoopFolder::owns(const std::filesystem::path& file) const noexcept { return factsOfOwn(file).has_value(); }
 
-std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table) const {
-    Descriptor folder;
-    ignoringFailure([&] { folder = systemCalls::openFolder(path()); });
-    std::vector<const char*> names;
-    names.reserve(table.count());
+std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table, const FileSizes& sizes) const {
     std::uint64_t bytes = 0;
     table.forEach([&](const StoredLoop& loop) {
         if (!loop.isInside) return;
-        const auto name = folder.isOpen() ? plainName(loop.url) : std::nullopt;
-        if (!name) {
-            const auto facts = factsOfOwn(fileInside(loop));
-            if (facts) bytes += facts->size;
-        } else if (!isBookkeepingName(*name)) {
-            names.push_back(name->data());  // it ends where the URL's text does: a zero byte follows
+        // Nearly all lie directly in the folder.
+        const auto name = plainName(loop.url);
+        const auto known = name && !isBookkeepingName(*name) ? sizes.of(*name) : std::nullopt;
+        if (known) {
+            bytes += *known;
+        } else if (const auto facts = factsOfOwn(fileInside(loop))) {
+            bytes += facts->size;
         }
     });
-
-    // Nearly all lie directly in the folder: asked for there by name, they need no path made and walked. The system
-    // takes its time for each of them, so many are shared out between two threads.
-    const auto sizeOf = [&folder](std::span<const char* const> files) {
-        std::uint64_t sum = 0;
-        for (const char* name : files) {
-            struct stat status {};
-            if (systemCalls::statusAt(folder.number(), name, status) || !S_ISREG(status.st_mode)) continue;
-            sum += static_cast<std::uint64_t>(status.st_size);
-        }
-        return sum;
-    };
-    constexpr std::size_t many = 1000;
-    const auto half = std::span(names).first(names.size() / 2);
-    auto ofHalf = std::async(names.size() >= many ? asyncIfPossible : std::launch::deferred, sizeOf, half);
-    bytes += sizeOf(std::span(names).subspan(half.size()));
-    return bytes + ofHalf.get();
+    return bytes;
 }
 
 void LoopFolder::remove(std::span<const std::filesystem::path> files) const {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "QuillmereKit/Library/LoopTable.hpp"
+#include "QuillmereKit/Platform/FileSizes.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
@@ -61,8 +62,9 @@ public:
     /// Whether a standard path names the folder's own file now, and none of those that the store keeps its books in.
     [[nodiscard]] bool owns(const std::filesystem::path& file) const noexcept;
 
-    /// The bytes of the pieces' files, as far as the folder owns them.
-    [[nodiscard]] std::uint64_t sizeOfFiles(const LoopTable& table) const;
+    /// The bytes of the pieces' files, as far as the folder owns them: from `sizes`, which are the folder's, or asked for
+    /// where a file is not among them.
+    [[nodiscard]] std::uint64_t sizeOfFiles(const LoopTable& table, const FileSizes& sizes) const;
 
     /// Deletes each of the files that the folder owns at that moment. What cannot be deleted stays, without a report.
     void remove(std::span<const std::filesystem::path> files) const;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "QuillmereKit/Library/LoopArtifact.hpp"
+#include "QuillmereKit/Platform/FileSizes.hpp"
 #include "QuillmereKit/Platform/ResourceBundle.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 
@@ -177,6 +178,10 @@ public:
 
     /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks the disk for each.
     [[nodiscard]] std::int64_t bytesOnDisk() const;
+
+    /// The same for a caller who has asked the disk already, perhaps while the store was opened: `sizes` are those of the
+    /// store's folder. Asks for what is not among them.
+    [[nodiscard]] std::int64_t bytesOnDisk(const FileSizes& sizes) const;
 
     /// The pieces without a loudness measurement, by fingerprint.
     [[nodiscard]] std::vector<LoopArtifact> loudnessCandidates() const;

@@ -96,9 +96,11 @@ std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopAr
     return trashed;
 }
 
-std::int64_t LoopStore::bytesOnDisk() const {
+std::int64_t LoopStore::bytesOnDisk() const { return bytesOnDisk(FileSizes(directory())); }
+
+std::int64_t LoopStore::bytesOnDisk(const FileSizes& sizes) const {
     const std::lock_guard lock(state_->mutex);
-    return static_cast<std::int64_t>(state_->folder.sizeOfFiles(state_->table));
+    return static_cast<std::int64_t>(state_->folder.sizeOfFiles(state_->table, sizes));
 }
 
 std::vector<LoopArtifact> LoopStore::loudnessCandidates() const {

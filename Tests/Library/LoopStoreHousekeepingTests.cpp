@@ -245,6 +245,21 @@ TEST_F(LoopStoreHousekeepingTests, BytesOnDiskAreThoseOfTheStoresOwnPieces) {
     EXPECT_EQ(store.bytesOnDisk(), 4);
 }
 
+TEST_F(LoopStoreHousekeepingTests, BytesOnDiskTakesSizesThatAreKnownAndAsksForTheOthers) {
+    const auto early = added("deepcode");
+    const FileSizes sizes(store.directory());
+    added("sprint");
+    home.putFile("Loops/" + early.url.path().filename().native(), std::string(1000, 'x'));
+
+    EXPECT_EQ(store.bytesOnDisk(sizes), 8);
+}
+
+TEST_F(LoopStoreHousekeepingTests, BooksAreNoPieces) {
+    store.add(artifactAt(identity("deepcode"), FileURL::fromPath(store.directory() / "manifest.json")));
+
+    EXPECT_EQ(store.bytesOnDisk(), 0);
+}
+
 TEST_F(LoopStoreHousekeepingTests, FoldersBelowTheStoresCount) {
     store.add(artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Loops/Render-1/a.wav", "12345"))));
 
