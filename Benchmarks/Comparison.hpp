@@ -11,7 +11,7 @@ namespace quillmere::benchmarks {
 using Body = std::function<void(benchmark::State&)>;
 
 /// Registers what is measured and its peer, to be run in turn in one process. `scripts/bench` finds the two by their
-/// names, "subject/ours" and "subject/peer", and divides the medians. Real time counts.
+/// names, "subject/ours" and "subject/peer", and compares them. Real time counts.
 bool compare(const std::string& subject, Body ours, Body peer, benchmark::TimeUnit unit = benchmark::kMicrosecond);
 
 /// Registers something without a peer, "subject/ours".
