@@ -42,7 +42,8 @@ struct Status {
 Status statusOf(Host& host) {
     Status status;
     status.settings = host.settingsFile().settings();
-    // Asking for the size of every file takes as long as reading the manifest: beside it, if there is a thread for that.
+    // Asking for the size of every file takes as long as reading the manifest: beside it, if there is a thread for
+    // that.
     auto sizes = std::async(std::launch::async | std::launch::deferred,
                             [folder = host.libraryFolder()] { return FileSizes(folder); });
     const auto& store = *host.readingStore();

@@ -17,7 +17,7 @@ extern "C" {
 namespace quillmere {
 namespace {
 
-constexpr int outputBufferSize = 1 << 16;
+constexpr int outputBufferSize = 1 << 18;
 
 // In a batch. With two threads enough that they seldom wait for each other: 1 MiB of stereo. Alone, few stay in the
 // processor's cache.
@@ -52,6 +52,7 @@ void LosslessWriter::open() {
     require(avformat_alloc_output_context2(&container_, nullptr, "ipod", nullptr) >= 0, "no muxer for MPEG-4 audio");
     container_->pb = output_;
     container_->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;
+    container_->flush_packets = 0;  // whole buffers at a time, not each packet by itself
     stream_ = avformat_new_stream(container_, nullptr);
     require(stream_ != nullptr, "out of memory");
     stream_->time_base = encoder_.settings().time_base;

@@ -62,8 +62,8 @@ public:
     /// Whether a standard path names the folder's own file now, and none of those that the store keeps its books in.
     [[nodiscard]] bool owns(const std::filesystem::path& file) const noexcept;
 
-    /// The bytes of the pieces' files, as far as the folder owns them: from `sizes`, which are the folder's, or asked for
-    /// where a file is not among them.
+    /// The bytes of the pieces' files, as far as the folder owns them: from `sizes`, which are the folder's, or asked
+    /// for where a file is not among them.
     [[nodiscard]] std::uint64_t sizeOfFiles(const LoopTable& table, const FileSizes& sizes) const;
 
     /// Deletes each of the files that the folder owns at that moment. What cannot be deleted stays, without a report.

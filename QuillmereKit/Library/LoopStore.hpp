@@ -179,8 +179,8 @@ public:
     /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks the disk for each.
     [[nodiscard]] std::int64_t bytesOnDisk() const;
 
-    /// The same for a caller who has asked the disk already, perhaps while the store was opened: `sizes` are those of the
-    /// store's folder. Asks for what is not among them.
+    /// The same for a caller who has asked the disk already, perhaps while the store was opened: `sizes` are those of
+    /// the store's folder. Asks for what is not among them.
     [[nodiscard]] std::int64_t bytesOnDisk(const FileSizes& sizes) const;
 
     /// The pieces without a loudness measurement, by fingerprint.

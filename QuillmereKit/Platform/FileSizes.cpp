@@ -20,7 +20,8 @@ FileSizes::FileSizes(const std::filesystem::path& folder) {
             // By name in the open folder: no path has to be made, and walked, for each.
             struct stat status {};
             if (entry.kind != FileFacts::Kind::regular) continue;
-            if (systemCalls::statusAt(opened.number(), entry.name.c_str(), status) || !S_ISREG(status.st_mode)) continue;
+            if (systemCalls::statusAt(opened.number(), entry.name.c_str(), status) || !S_ISREG(status.st_mode))
+                continue;
             sizes_.emplace(std::move(entry.name), static_cast<std::uint64_t>(status.st_size));
         }
     } catch (const FileError&) {
