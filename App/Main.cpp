@@ -45,8 +45,9 @@ void occupyStandardStreams() {
     }
 }
 
-// A library's pieces are many small blocks. Were the memory for them got from the system 128 KiB at a time, as is
-// usual, reading a large library would take a tenth longer. Until it is used it costs nothing.
+// The system usually gives memory 128 KiB at a time; for a library of thousands of pieces, which are many small blocks,
+// that takes a tenth longer. What is not used takes no memory. Blocks of more than 128 KiB are mapped by themselves
+// then, each time anew; none is wanted often.
 void askForMemoryAtOnce() {
     constexpr int atOnce = 16 << 20;
     static_cast<void>(mallopt(M_TOP_PAD, atOnce));

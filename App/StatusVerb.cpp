@@ -45,7 +45,7 @@ Status statusOf(Host& host) {
     // Asking for the size of every file takes as long as reading the manifest: beside it, if there is a thread for
     // that.
     auto sizes = std::async(std::launch::async | std::launch::deferred,
-                            [folder = host.libraryFolder()] { return FileSizes(folder); });
+                            [folder = standardPath(host.libraryFolder())] { return FileSizes(folder); });
     const auto& store = *host.readingStore();
     for (const auto& [moodID, material] : store.material()) {
         status.pieces += material.pieces;

@@ -151,7 +151,7 @@ void handOverAfterRest(benchmark::State& state) {
 
 // The next piece is asked for from inside the event.
 void finishedToNextStart(benchmark::State& state) {
-    const auto& folder = sampleLibrary(100);
+    const auto& folder = changingLibrary(100);
     const auto store = openLibrary(folder);
     Signal over;
     const auto renderer = std::make_shared<InstantRenderer>(folder.parent_path(), false);
@@ -177,7 +177,7 @@ void finishedToNextStart(benchmark::State& state) {
 
 // A piece is stored before `finished` is told; here too, by the thread that then hands over.
 void handOverAfterAdd(benchmark::State& state) {
-    const auto& folder = sampleLibrary(100);
+    const auto& folder = changingLibrary(100);
     const auto store = openLibrary(folder);
     Listener listener;
     measureMedian(state, [&] {

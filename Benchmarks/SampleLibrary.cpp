@@ -53,7 +53,8 @@ public:
 private:
     [[nodiscard]] std::filesystem::path kept(const std::string& name, std::size_t count) const {
         auto folder = std::filesystem::path(kept_) / name;
-        if (std::filesystem::create_directories(folder)) fillLibrary(folder, count);
+        std::filesystem::create_directories(folder);
+        if (!fileExists(folder / "manifest.json")) fillLibrary(folder, count);  // which is written last
         return folder;
     }
 

@@ -44,7 +44,7 @@ public:
 private:
     struct Slot {
         std::size_t hash = 0;
-        std::string_view name;  // no file's is empty
+        std::string_view name;  // empty where the place is free: no file has an empty name
 
         [[nodiscard]] bool isFree() const noexcept { return name.empty(); }
     };

@@ -176,7 +176,8 @@ public:
     /// is kept as `lastSaveError`. In a library that another process holds nothing is moved.
     std::vector<LoopArtifact> trash(const std::function<bool(const LoopArtifact&)>& predicate);
 
-    /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks the disk for each.
+    /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks for the size of every
+    /// file directly in the folder before it takes the mutex, so that a long look at the disk holds nobody up.
     [[nodiscard]] std::int64_t bytesOnDisk() const;
 
     /// The same for a caller who has asked the disk already, perhaps while the store was opened: `sizes` are those of

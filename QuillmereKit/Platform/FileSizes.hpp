@@ -11,7 +11,7 @@
 
 namespace quillmere {
 
-/// The sizes of the regular files directly in a folder, as they were at one moment.
+/// The sizes of the regular files directly in a folder, as they were when they were asked for.
 ///
 /// For a folder of many thousand files: the system takes its time for each, so that a thread of its own does well to
 /// ask, beside whatever else is to be done. Immutable, so thread-safe.
