@@ -42,8 +42,7 @@ struct Status {
 Status statusOf(Host& host) {
     Status status;
     status.settings = host.settingsFile().settings();
-    // Asking for the size of every file takes as long as reading the manifest: beside it, if there is a thread for
-    // that.
+    // In a large library this takes nearly as long as the opening: beside it, if there is a thread to be had.
     auto sizes = std::async(std::launch::async | std::launch::deferred,
                             [folder = standardPath(host.libraryFolder())] { return FileSizes(folder); });
     const auto& store = *host.readingStore();
