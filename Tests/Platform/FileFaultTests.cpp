@@ -2,11 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -331,6 +335,56 @@ TEST(FileFaults, ALinkPutInAFilesPlaceBetweenTheLookAndTheOpeningIsNotFollowed) 
     EXPECT_TRUE(isRefused(1, [&] { static_cast<void>(readFile(file, plenty)); }));
     EXPECT_TRUE(isRefused(1, [&] { static_cast<void>(own.open(file)); }));
     EXPECT_EQ(readFile(stranger, plenty), "a stranger's");
+}
+
+TEST(FileFaults, AListingThatDoesNotTellKindsIsAsTrueAsOneThatDoes) {
+    const TemporaryFolder folder;
+    folder.putFile("Folder/file", "content");
+    folder.putFile("file", "content");
+    std::filesystem::create_symlink(folder.path() / "file", folder.path() / "link");
+    ASSERT_EQ(::mkfifo((folder.path() / "fifo").c_str(), 0600), 0);
+    const auto listed = [&] {
+        std::map<std::string, FileFacts::Kind> kinds;
+        for (const auto& entry : listFolder(folder.path())) kinds[entry.name] = entry.kind;
+        return kinds;
+    };
+    const auto told = listed();
+    const SystemCallFaults faults({.failing = 1, .call = "fstatat", .hidesKinds = true});
+
+    EXPECT_EQ(listed(), told);
+
+    EXPECT_EQ(faults.count(), 4);  // each entry was looked at
+}
+
+TEST(FileFaults, AFolderOfUntoldKindsIsRemovedWithAllItHolds) {
+    const TemporaryFolder folder;
+    folder.putFile("work/a/b/file", "");
+    folder.putFile("work/.lock", "");
+    const SystemCallFaults faults({.hidesKinds = true});
+
+    EXPECT_TRUE(removeFolder(folder.path() / "work"));
+
+    EXPECT_THAT(folder.names(), testing::IsEmpty());
+}
+
+TEST(FileFaults, WhereALinkLeadsIsAskedByCallsThatCanFail) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile("file", "content");
+    const auto link = folder.path() / "link";
+    std::filesystem::create_symlink(file, link);
+    const auto errorOf = [](const char* call, const auto& ask) {
+        const SystemCallFaults faults({.failing = 1, .error = EIO, .call = call});
+        std::error_code error;
+        ask(error);
+        return error;
+    };
+
+    EXPECT_EQ(errorOf("realpath", [&](auto& error) { static_cast<void>(std::filesystem::canonical(link, error)); }),
+              std::errc::io_error);
+    EXPECT_EQ(errorOf("readlink", [&](auto& error) { static_cast<void>(std::filesystem::read_symlink(link, error)); }),
+              std::errc::io_error);
+    EXPECT_EQ(std::filesystem::canonical(link), std::filesystem::canonical(file));
+    EXPECT_EQ(std::filesystem::read_symlink(link), file);
 }
 
 TEST(FileFaults, ALockFileReplacedBeforeItIsLockedIsLockedAnew) {

@@ -83,6 +83,8 @@ Function* real(const char* name) noexcept {
     return reinterpret_cast<Function*>(function);
 }
 
+bool hidesKinds() noexcept { return isActive && plan.hidesKinds; }
+
 bool isRecording() noexcept { return isActive && plan.record != nullptr; }
 
 /// The whole path of a name in an open folder.
@@ -90,7 +92,8 @@ std::filesystem::path wholePath(int folder, const char* name) {
     if (name[0] == '/') return name;
     const std::string link = folder == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/" + std::to_string(folder);
     std::array<char, 4096> target;
-    const auto length = ::readlink(link.c_str(), target.data(), target.size());
+    static auto* const next = real<ssize_t(const char*, char*, size_t)>("readlink");
+    const auto length = next(link.c_str(), target.data(), target.size());
     if (length < 0) return name;
     return std::filesystem::path(std::string_view(target.data(), static_cast<std::size_t>(length))) / name;
 }
@@ -286,7 +289,21 @@ DIR* fdopendir(int folder) {
 struct dirent* readdir(DIR* stream) {
     static auto* const next = faults::real<struct dirent*(DIR*)>("readdir");
     const faults::Fate fate("readdir");
-    return fate.fails ? nullptr : next(stream);
+    struct dirent* const entry = fate.fails ? nullptr : next(stream);
+    if (entry != nullptr && faults::hidesKinds()) entry->d_type = DT_UNKNOWN;
+    return entry;
+}
+
+ssize_t readlink(const char* path, char* target, size_t size) noexcept {
+    static auto* const next = faults::real<ssize_t(const char*, char*, size_t)>("readlink");
+    const faults::Fate fate("readlink");
+    return fate.fails ? -1 : next(path, target, size);
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+    static auto* const next = faults::real<char*(const char*, char*)>("realpath");
+    const faults::Fate fate("realpath");
+    return fate.fails ? nullptr : next(path, resolved);
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {

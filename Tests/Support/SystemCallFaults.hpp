@@ -28,9 +28,9 @@ struct RecordedCall {
 ///
 /// A program has it by compiling SystemCallFaults.cpp into itself, whose functions then stand before the C library's:
 /// open, openat, read, pread, write, pwrite, fsync, close, stat, lstat, fstat, fstatat, fchmod, ftruncate, fdopendir,
-/// readdir, mkdir, rename, renameat, renameat2, link, linkat, unlink, unlinkat, rmdir, and fcntl where it locks: as
-/// called by the library's own code, the C++ library and other shared ones (the C library's inner calls go their own
-/// way).
+/// readdir, mkdir, rename, renameat, renameat2, link, linkat, unlink, unlinkat, rmdir, readlink, realpath (one call,
+/// though it makes many), and fcntl where it locks: as called by the library's own code, the C++ library and other
+/// shared ones (the C library's inner calls go their own way).
 class SystemCallFaults {
 public:
     struct Plan {
@@ -41,6 +41,7 @@ public:
         bool interrupts = false;  ///< Every other read or write fails with `EINTR` first.
         bool persists = false;    ///< All counted calls fail from the struck one on.
         bool shortens = false;    ///< The struck call, if it writes or reads, moves only half the bytes.
+        bool hidesKinds = false;  ///< A folder's listing does not say what its entries are, as on some file systems.
         enum class Kill { never, before, after };
         Kill kills = Kill::never;                     ///< The process is killed at the struck call.
         std::function<void()> meanwhile = {};         ///< Done just before the struck call; its own calls do not count.
