@@ -38,6 +38,11 @@ void warnOfUnreadableManifest(const std::filesystem::path& folder) {
     }
 }
 
+// What ships with the program could not be brought in.
+void warnOfUnsavedSeeds(const LoopStore& store) {
+    if (const auto error = store.lastSaveError()) Host::warn("The library could not be saved: " + *error);
+}
+
 bool hasSeeds() {
     const auto resources = ResourceBundle::main();
     return resources.resource("seeds", "json", "Loops") || resources.resource("seeds", "json");
@@ -61,6 +66,7 @@ const std::shared_ptr<LoopStore>& Host::open(LoopStore::Access access) {
         store_ =
             std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()), access);
         if (store_->count() == 0) warnOfUnreadableManifest(store_->directory());
+        warnOfUnsavedSeeds(*store_);
     }
     return store_;
 }
@@ -73,6 +79,7 @@ const std::shared_ptr<LoopStore>& Host::readingStore() {
     const bool isFirst = !store_ && library.empty() && !fileExists(folder / "manifest.json");
     if (isFirst && hasSeeds()) {
         const LoopStore seeding(folder, ResourceBundle::main(), deleteOwn(folder), LoopStore::Access::writing);
+        warnOfUnsavedSeeds(seeding);
     }
     return open(LoopStore::Access::reading);
 }

@@ -4,15 +4,18 @@
 #include <chrono>
 #include <cmath>
 #include <map>
+#include <string_view>
 #include <unordered_set>
 
 #include "App/DigestBook.hpp"
 #include "App/ManifestFile.hpp"
 #include "App/Pieces.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
+#include "QuillmereKit/Library/LoopFolder.hpp"
 #include "QuillmereKit/Platform/AudioFile.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -32,9 +35,13 @@ Entries entriesOf(const fs::path& folder) {
 
 // Renderers' working folders with a lock file are their runs' own, or are removed when the library is next written.
 bool isWork(const fs::directory_entry& entry) {
-    const auto name = entry.path().filename().native();
-    const bool isBeingMade = name.starts_with(".Render-");
-    return isBeingMade || (name.starts_with("Render-") && fileExists(entry.path() / ".lock"));
+    const std::string file = entry.path().filename();
+    std::string_view name = file;
+    const bool isBeingMade = name.starts_with('.');
+    if (isBeingMade) name.remove_prefix(1);
+    if (!name.starts_with(LoopFolder::workPrefix)) return false;
+    name.remove_prefix(LoopFolder::workPrefix.size());
+    return UUID::fromText(name) && (isBeingMade || fileExists(entry.path() / ".lock"));
 }
 
 // Whether a file without an entry may get one any moment: the audio is there before the manifest that names it.

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -46,6 +47,30 @@ std::optional<std::filesystem::path> presentPath(const Descriptor& folder) {
     return path;
 }
 
+// Removes a folder whose lock nobody holds. Whoever made it and is only about to take the lock finds it taken, and then
+// no such folder: it is given another name before its lock file goes. Swallows failures, so that one folder that cannot
+// be removed does not keep the others.
+void removeLeftover(const Descriptor& store, const std::filesystem::path& leftover) noexcept {
+    try {
+        const auto lockFile = leftover / lockName;
+        if (FolderLock::isHeld(lockFile)) return;
+        const auto lock = FolderLock::tryAcquire(lockFile);
+        if (lock == nullptr) return;
+        const std::string doomed = std::string(makingPrefix) + UUID::random().text();
+        const auto error = systemCalls::renameWithoutReplacing(store.number(), leftover.filename().c_str(),
+                                                               store.number(), doomed.c_str());
+        if (!error) systemCalls::removeFolderAt(store.number(), doomed.c_str(), leftover);
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
+// Among the threads of one process a lock is shared, and keeps nobody out: folders are made and cleaned up in turns.
+std::mutex& making() {
+    static auto& mutex = *new std::mutex;  // never destroyed: a render may end while the process does
+    return mutex;
+}
+
 }  // namespace
 
 RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCalls::openFolder(store)) {
@@ -54,6 +79,7 @@ RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCa
         if (!spare.isOpen()) throw FileError("open folder", store, systemCalls::lastError());
     }
     // Another process may take the folder for a leftover as long as its lock is not held; then another one is made.
+    const std::lock_guard turn(making());
     constexpr int attempts = 8;
     for (int attempt = 1;; ++attempt) {
         const std::string id = UUID::random().text();
@@ -62,7 +88,8 @@ RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCa
         const auto giveUp = [&](const char* step, std::error_code error) {
             if (folder_.isOpen()) static_cast<void>(::unlinkat(folder_.number(), lockName, 0));
             static_cast<void>(::unlinkat(store_.number(), making.c_str(), AT_REMOVEDIR));
-            const bool wasTaken = error == std::errc::no_such_file_or_directory;
+            const bool wasTaken =
+                error == std::errc::no_such_file_or_directory || error == std::errc::device_or_resource_busy;
             if (!wasTaken || attempt == attempts) throw FileError(step, store / making, error);
         };
         constexpr mode_t mode = 0700;
@@ -77,8 +104,12 @@ RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCa
         }
         lock_ = FolderLock::tryAcquire(store / making / lockName);
         if (lock_ == nullptr) {
-            giveUp("lock", fileExists(store / making) ? std::make_error_code(std::errc::no_lock_available)
-                                                      : std::make_error_code(std::errc::no_such_file_or_directory));
+            auto reason = std::errc::no_such_file_or_directory;
+            if (fileExists(store / making)) {
+                reason = FolderLock::isHeld(store / making / lockName) ? std::errc::device_or_resource_busy
+                                                                       : std::errc::no_lock_available;
+            }
+            giveUp("lock", std::make_error_code(reason));
             continue;
         }
         error = systemCalls::renameWithoutReplacing(store_.number(), making.c_str(), store_.number(), name.c_str());
@@ -156,12 +187,12 @@ bool RenderFolder::moveOut(const std::string& name, const Descriptor& file, cons
 
 void RenderFolder::removeLeftovers(const std::filesystem::path& store) noexcept {
     try {
+        const std::lock_guard turn(making());
         const auto folder = systemCalls::openFolder(store);
         for (const auto& entry : systemCalls::entries(folder.number(), store)) {
             if (entry.kind != FileFacts::Kind::folder || !entry.name.starts_with(makingPrefix)) continue;
             if (!UUID::fromText(std::string_view(entry.name).substr(makingPrefix.size()))) continue;
-            if (FolderLock::isHeld(store / entry.name / lockName)) continue;
-            systemCalls::removeFolderAt(folder.number(), entry.name.c_str(), store / entry.name);
+            removeLeftover(folder, store / entry.name);
         }
     } catch (const std::exception&) {
         return;

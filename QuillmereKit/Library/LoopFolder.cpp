@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "QuillmereKit/Platform/SystemCalls.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
 
 namespace quillmere {
 namespace {
@@ -77,11 +78,8 @@ Presence presenceOf(const std::filesystem::path& file) {
     switch (status.type()) {
         case std::filesystem::file_type::regular: return Presence::regular;
         case std::filesystem::file_type::none:
-        case std::filesystem::file_type::unknown: {
-            const bool isNoFile = error == std::errc::too_many_symbolic_link_levels ||
-                                  error == std::errc::filename_too_long || error == std::errc::not_a_directory;
-            return isNoFile ? Presence::absent : Presence::unknown;
-        }
+        case std::filesystem::file_type::unknown:
+            return LoopFolder::meansNoFile(error) ? Presence::absent : Presence::unknown;
         default: return Presence::absent;  // nothing, or nothing that may be opened: a folder, a device, a fifo
     }
 }
@@ -94,6 +92,14 @@ bool isRegular(const std::filesystem::path& place) {
 // A lock file that is there and held, and one that is there and free: neither says anything without it.
 bool isHeld(const std::filesystem::path& lockFile) { return isRegular(lockFile) && FolderLock::isHeld(lockFile); }
 bool isFree(const std::filesystem::path& lockFile) { return isRegular(lockFile) && !FolderLock::isHeld(lockFile); }
+
+// A lock, or a list: the user may keep the library where their moods, recipes and settings lie, or around it.
+bool isRecordName(std::string_view name) noexcept { return name.ends_with(".lock") || name.ends_with(".json"); }
+
+// The name that a renderer gives its working folder; a person may give theirs one that begins like it.
+bool isWorkName(std::string_view name) {
+    return name.starts_with(LoopFolder::workPrefix) && UUID::fromText(name.substr(LoopFolder::workPrefix.size()));
+}
 
 // One place for what nobody could act on: a folder that cannot be made, a leftover that cannot be removed.
 template <class Action>
@@ -131,6 +137,11 @@ std::optional<std::string_view> LoopFolder::plainName(const FileURL& url) const 
     const auto isPlain = [](char c) { return plainCharacters[static_cast<unsigned char>(c)]; };
     if (name.empty() || name == "." || name == ".." || !std::ranges::all_of(name, isPlain)) return std::nullopt;
     return name;
+}
+
+bool LoopFolder::meansNoFile(const std::error_code& error) noexcept {
+    return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory ||
+           error == std::errc::too_many_symbolic_link_levels || error == std::errc::filename_too_long;
 }
 
 bool LoopFolder::isRegularFile(const FileURL& url) {
@@ -235,26 +246,31 @@ void LoopFolder::sync(const FileURL& url) const {
 // Of a file directly in the folder: the lock, the manifest, the digests and the copies of them. An entry that names one
 // of them must not cost it.
 bool LoopFolder::isBookkeepingName(std::string_view name) noexcept {
-    return name == lockName || name.starts_with("manifest.") || name.starts_with(digestsPrefix);
+    return isRecordName(name) || name.starts_with("manifest.") || name.starts_with(digestsPrefix);
 }
 
-// In folders further down, only the locks.
+// In folders further down, only what nowhere is audio.
 bool LoopFolder::isBookkeeping(const std::filesystem::path& file) const noexcept {
     const std::string_view place = file.native();
     const auto name = place.substr(place.rfind('/') + 1);
     const bool isDirect = place.size() == path().native().size() + 1 + name.size();
-    return isDirect ? isBookkeepingName(name) : name == lockName;
+    return isDirect ? isBookkeepingName(name) : isRecordName(name);
 }
 
 std::optional<JSONDocument> LoopFolder::readManifest() {
     reasonToKeep_.reset();
     isUnread_ = false;
+    refusal_.reset();
     try {
         auto text = readFileIfPresent(manifestFile_, manifestLimit);
         if (text) return JSONDocument::parseInPlace(*std::move(text));
-    } catch (const FileError&) {
+    } catch (const FileError& error) {
         reasonToKeep_ = unreadable;
         isUnread_ = true;
+        // What is no file, or too large, is so the next time too.
+        const bool isOfTheFile =
+            error.code() == FileFault::fileNotRegular || error.code() == FileFault::fileReadTooLarge;
+        if (!isOfTheFile) refusal_ = error;
     } catch (const JSONError&) {
         reasonToKeep_ = unreadable;
     }
@@ -275,15 +291,16 @@ bool LoopFolder::load(LoopTable& table) {
     auto listing = listed.get();
     const RegularNames regular(listing);
 
-    // An entry that is dropped, or that the next ordinary save leaves out, would be gone for good.
+    // An entry that is dropped would be gone for good; so would one that an ordinary save leaves out.
     bool isWhole = true;
+    listsOutside_ = false;
     const auto place = [&](const FileURL& url) -> std::optional<LoopTable::Place> {
         const auto name = plainName(url);
         if (name && regular.contains(*name)) return LoopTable::Place{.isInside = true, .isPlain = true};
         const auto file = fileOf(url);
         if (!file || presenceOf(*file) == Presence::absent) return std::nullopt;
         const bool isInside = files_.names(*file);
-        isWhole = isWhole && isInside;
+        listsOutside_ = listsOutside_ || !isInside;
         return LoopTable::Place{.isInside = isInside, .isPlain = false};
     };
     try {
@@ -297,7 +314,7 @@ bool LoopFolder::load(LoopTable& table) {
     std::erase_if(listing, [](const FolderEntry& entry) {
         const bool isMigration = entry.name.starts_with(migrationPrefix) && entry.name.ends_with(migrationSuffix);
         const bool isFile = entry.kind == FileFacts::Kind::regular && (isTemporaryFileName(entry.name) || isMigration);
-        const bool isWork = entry.kind == FileFacts::Kind::folder && entry.name.starts_with(workPrefix);
+        const bool isWork = entry.kind == FileFacts::Kind::folder && isWorkName(entry.name);
         return !isFile && !isWork;
     });
     leftovers_ = std::move(listing);
@@ -352,12 +369,13 @@ bool LoopFolder::isManifestForeign() const noexcept {
     return !isNothingAt(manifestFile_) && manifest_ != factsOf(manifestFile_);
 }
 
-void LoopFolder::save(std::string_view manifest) {
+void LoopFolder::save(std::string_view manifest, Scope scope) {
     if (manifest.size() > manifestLimit) {
         throw FileError("write", manifestFile_, std::make_error_code(std::errc::file_too_large));
     }
     // A manifest that somebody else put there since is not ours to lose.
-    if (isManifestForeign() && !reasonToKeep_) reasonToKeep_ = before;
+    const bool losesEntries = scope == Scope::inside && listsOutside_;
+    if ((isManifestForeign() || losesEntries) && !reasonToKeep_) reasonToKeep_ = before;
     if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
         try {
             keepCopyAside(manifestFile_, *reasonToKeep_,
@@ -367,6 +385,7 @@ void LoopFolder::save(std::string_view manifest) {
         }
     }
     reasonToKeep_.reset();
+    if (losesEntries) listsOutside_ = false;
     const auto noteAsOurs = [this] {
         manifest_ = factsOf(manifestFile_);
         isUnread_ = false;  // what could not be read was replaced

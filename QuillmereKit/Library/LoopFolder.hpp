@@ -7,9 +7,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "QuillmereKit/Library/LoopTable.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSizes.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
@@ -26,7 +28,7 @@ class LoopFolder {
 public:
     /// The file that a process holds locked as long as it has the store open.
     static constexpr std::string_view lockName = ".lock";
-    /// What the names of renderers' working folders begin with.
+    /// What the names of renderers' working folders begin with; an identifier follows.
     static constexpr std::string_view workPrefix = "Render-";
     /// What the names of the files that a migration writes into begin and end with.
     static constexpr std::string_view migrationPrefix = ".";
@@ -45,6 +47,9 @@ public:
 
     /// Whether a URL names a regular file that is there, inside the folder or not.
     [[nodiscard]] static bool isRegularFile(const FileURL& url);
+
+    /// Whether what the system answered to a path means that it leads to no file; otherwise it could not tell.
+    [[nodiscard]] static bool meansNoFile(const std::error_code& error) noexcept;
 
     /// The name of a file directly in the folder, where the URL is the one that this library itself would give it;
     /// nothing for any other URL, wherever it leads. Lives as long as the URL.
@@ -89,8 +94,8 @@ public:
     bool load(LoopTable& table);
 
     /// Removes what dead processes had left in the folder when it was loaded, if this one may write in it and the
-    /// manifest could be read: temporary files, those of migrations too, and working folders whose lock file is free.
-    /// Spares what an entry uses, and the files of `migrating`, which this process is working on.
+    /// manifest could be read: temporary files, those of migrations too, and renderers' working folders whose lock file
+    /// is free. Spares what an entry uses, and the files of `migrating`, which this process is working on.
     void cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating);
 
     /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
@@ -106,12 +111,20 @@ public:
     /// Whether the manifest could not be read when that was last tried, for a reason that may have passed: an input
     /// error, a missing right. One whose text is damaged was read.
     [[nodiscard]] bool isManifestUnread() const noexcept { return isUnread_; }
+    /// Why, where it was the system that refused: read again, the manifest may be there.
+    [[nodiscard]] const std::optional<FileError>& refusal() const noexcept { return refusal_; }
     /// Lets the manifest count as unread: what was read of it was lost again.
     void forgetManifest() noexcept { isUnread_ = true; }
 
+    /// Which entries a manifest's text lists.
+    enum class Scope {
+        inside,  ///< Those whose files lie inside the folder.
+        all,
+    };
+
     /// Writes the manifest durably, keeping aside what must not be lost by it. For the holder of the lock only. Throws
     /// `FileError`; the manifest is then as it was, unless the error says that it is in place.
-    void save(std::string_view manifest);
+    void save(std::string_view manifest, Scope scope);
 
 private:
     [[nodiscard]] std::filesystem::path lockFile() const { return path() / lockName; }
@@ -126,7 +139,9 @@ private:
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
+    bool listsOutside_ = false;                     // it named files elsewhere when it was loaded
     bool isUnread_ = false;
+    std::optional<FileError> refusal_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
 };
 

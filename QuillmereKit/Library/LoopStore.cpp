@@ -98,13 +98,19 @@ void UsedFiles::add(const StoredLoop& loop) {
     paths_.insert(standardPath(*file).native());
     std::error_code error;
     const auto real = std::filesystem::canonical(*file, error);
-    if (!error) paths_.insert(real.native());
+    if (!error) {
+        paths_.insert(real.native());
+    } else {
+        isUnsure_ = isUnsure_ || !LoopFolder::meansNoFile(error);
+    }
 }
 
 bool UsedFiles::contains(const std::filesystem::path& file) const {
+    if (isUnsure_) return true;
     if (file.parent_path() == folder_.path() && names_.contains(file.filename().native())) return true;
     if (paths_.contains(file.native())) return true;
-    return !realFolder_.empty() && paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
+    if (realFolder_.empty()) return !paths_.empty();
+    return paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
 }
 
 LoopStore::State::State(std::filesystem::path directory, Access access)
@@ -149,12 +155,16 @@ void LoopStore::State::requireLock() {
 }
 
 // The library as it is on disk, with what this process has stored and could not save. Also for a manifest that could
-// not be read at first: replaced unread it would be kept aside, but the user would find an empty library.
+// not be read at first: replaced unread it would be kept aside, but the user would find an empty library. One that the
+// system refuses once more is left to the next change.
 void LoopStore::State::catchUp() {
     LoopTable present;
     try {
-        // A manifest that cannot be read is kept aside before the next save; what is remembered is then all there is.
-        if (!folder.load(present)) return;
+        if (!folder.load(present)) {
+            if (folder.refusal()) throw *folder.refusal();
+            // A manifest that is damaged is kept aside before the next save; what is remembered is then all there is.
+            return;
+        }
         table.forEach([&](const StoredLoop& loop) {
             const bool isUnsaved = unsaved.contains(loop.key);
             // Where both know the piece, only what was stored here since counts more than what was written, and not if
@@ -165,7 +175,7 @@ void LoopStore::State::catchUp() {
             if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
         });
     } catch (...) {
-        folder.forgetManifest();  // memory ran out; replaced unread, it would cost what others wrote
+        folder.forgetManifest();  // replaced unread, it would cost what others wrote
         throw;
     }
     table = std::move(present);
@@ -173,14 +183,14 @@ void LoopStore::State::catchUp() {
 }
 
 template <class MakeText>
-void LoopStore::State::write(const MakeText& makeText) {
+void LoopStore::State::write(LoopFolder::Scope scope, const MakeText& makeText) {
     try {
         requireLock();
         // Audio is durable before the manifest names it.
         for (const auto key : unsaved) {
             if (const auto* loop = table.find(key)) folder.sync(loop->url);
         }
-        folder.save(makeText());
+        folder.save(makeText(), scope);
     } catch (...) {
         saveFailure = std::current_exception();
         throw;
@@ -190,11 +200,11 @@ void LoopStore::State::write(const MakeText& makeText) {
 }
 
 void LoopStore::State::save() {
-    write([&]() -> const std::string& { return table.manifest(); });
+    write(LoopFolder::Scope::inside, [&]() -> const std::string& { return table.manifest(); });
 }
 
 void LoopStore::State::savePretty() {
-    write([&] { return table.prettyManifest(); });
+    write(LoopFolder::Scope::all, [&] { return table.prettyManifest(); });
 }
 
 void LoopStore::State::saveIgnoringFailure() noexcept {
@@ -233,14 +243,29 @@ bool LoopStore::State::mayChangeFiles() noexcept {
 }
 
 void LoopStore::State::mergeSeeds(const ResourceBundle& bundle, Access access) {
-    if (folder.isManifestUnread()) catchUp();
+    std::exception_ptr unread;
+    try {
+        if (folder.isManifestUnread()) catchUp();
+    } catch (const FileError&) {
+        unread = std::current_exception();
+    }
     bool isChanged = false;
+    std::exception_ptr failure;
     for (const auto& seed : seedsOf(bundle)) {
         const auto key = LoopKey::of(seed.identity);
         bundledIDs.insert(key);
         if (access == Access::reading) continue;
+        if (unread) {
+            failure = unread;  // the library may hold the piece, and know more of it
+            continue;
+        }
         if (table.find(key) == nullptr) {
-            if (!importSeed(seed, bundle)) continue;
+            try {
+                if (!importSeed(seed, bundle)) continue;
+            } catch (const FileError&) {
+                if (!failure) failure = std::current_exception();
+                continue;
+            }
             isChanged = true;
         }
         for (const auto& fingerprint : seed.replaces.value_or(std::vector<std::string>{})) {
@@ -249,8 +274,11 @@ void LoopStore::State::mergeSeeds(const ResourceBundle& bundle, Access access) {
         }
     }
     if (isChanged) saveIgnoringFailure();
+    // What was saved without these pieces is not all that was to be saved.
+    if (failure && !saveFailure) saveFailure = failure;
 }
 
+// Whether the piece is in the table now. Throws `FileError` where its audio is there and could not be copied.
 bool LoopStore::State::importSeed(const BundledSeed& seed, const ResourceBundle& bundle) {
     if (!isPartOfFileName(seed.identity.moodID)) return false;
     const auto audio = bundled(bundle, seed.file, "m4a");
@@ -258,8 +286,11 @@ bool LoopStore::State::importSeed(const BundledSeed& seed, const ResourceBundle&
     const auto target = folder.path() / (seed.identity.filename() + ".m4a");
     try {
         if (!folder.bringIn(*audio, target)) return false;
-    } catch (const FileError&) {
-        return false;
+    } catch (const FileError& error) {
+        const bool isNoAudio = error.path() == *audio && (error.code() == std::errc::no_such_file_or_directory ||
+                                                          error.code() == FileFault::fileNotRegular);
+        if (isNoAudio) return false;
+        throw;
     }
     put({.identity = seed.identity,
          .url = FileURL::fromPath(target),

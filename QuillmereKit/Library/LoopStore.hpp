@@ -24,7 +24,8 @@ namespace quillmere {
 /// each of them, by fingerprint.
 ///
 /// What others say is not believed. A file is the store's own when it is a regular file whose path lies below the
-/// folder's without a link on the way; this is looked at again at the moment of removing it. Pieces whose files lie
+/// folder's without a link on the way, and no list or lock (".json", ".lock"), which may be the store's records or the
+/// user's; this is looked at again at the moment of removing it. Pieces whose files lie
 /// elsewhere are loaded and played, but their files are never removed, moved, overwritten or counted. A manifest that
 /// cannot be read, or of which entries were dropped, is kept beside the new one before the first save. One of more than
 /// 1 GiB is neither read nor written; a list of seeds may have 64 MiB.
@@ -70,8 +71,8 @@ public:
     [[nodiscard]] static const std::shared_ptr<LoopStore>& shared();
 
     /// Opens the store in `directory`, making it if needed (default: "Loops" in the application's data folder; a user
-    /// without one stops the process), and imports the seeds of `bundle` that it does not hold yet. `discard` defaults
-    /// to moving to the user's trash.
+    /// without one stops the process), and imports the seeds of `bundle` that it does not hold yet; that one of them
+    /// could not be copied is kept as `lastSaveError`. `discard` defaults to moving to the user's trash.
     ///
     /// Never fails: a folder that cannot be made, a missing or damaged manifest or a missing seed leaves the store with
     /// fewer pieces. An entry counts only if its file exists and is a regular file; a disk that cannot tell is given
@@ -214,8 +215,8 @@ public:
     /// what `encode` throws.
     bool migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop = {});
 
-    /// Why the last save failed, or which pieces it had to leave out, until a save succeeds with all. A sentence for
-    /// the user.
+    /// Why the last save failed, which pieces it had to leave out, or why a seed could not be brought in, until a save
+    /// succeeds with all. A sentence for the user.
     [[nodiscard]] std::optional<std::string> lastSaveError() const;
 
 private:

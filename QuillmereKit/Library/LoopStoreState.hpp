@@ -24,7 +24,8 @@ public:
 
     void add(const StoredLoop& loop);
 
-    /// Whether one of the pieces uses the folder's own file at this standard path.
+    /// Whether one of the pieces uses the folder's own file at this standard path. True where the system does not say
+    /// which file a piece uses: what may be in use is not removed.
     [[nodiscard]] bool contains(const std::filesystem::path& file) const;
 
 private:
@@ -32,6 +33,7 @@ private:
     const std::filesystem::path realFolder_;      // the folder without links; empty if it cannot be had
     std::unordered_set<std::string_view> names_;  // of plain files directly in the folder
     std::unordered_set<std::string> paths_;       // of all others, as they are spelled and where they really lie
+    bool isUnsure_ = false;                       // where one of them lies could not be found out
 };
 
 /// The files of one lossless migration.
@@ -105,7 +107,7 @@ private:
     bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);
     void catchUp();
     template <class MakeText>
-    void write(const MakeText& makeText);
+    void write(LoopFolder::Scope scope, const MakeText& makeText);
 };
 
 }  // namespace quillmere

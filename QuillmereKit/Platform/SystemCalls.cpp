@@ -202,7 +202,9 @@ std::vector<FolderEntry> entries(int folder, const std::filesystem::path& shown)
             case DT_LNK: kind = FileFacts::Kind::link; break;
             case DT_UNKNOWN: {
                 struct stat status {};
-                if (statusAt(folder, entry->d_name, status)) continue;  // gone since
+                const auto failure = statusAt(folder, entry->d_name, status);
+                if (failure == std::errc::no_such_file_or_directory) continue;  // gone since
+                if (failure) throw FileError("list", shown, failure);
                 kind = kindOf(status.st_mode);
                 break;
             }

@@ -85,11 +85,22 @@ class VerifyTests(VerifyTest):
         self.generate("--seed", 1, seconds=1)
         for name in ("manifest.unreadable-2024-05-01T10-20-30Z.json", "digests.before-2024-05-01T10-20-30Z.json"):
             (self.loops / name).write_text("x")
-        (self.loops / "Render-1").mkdir()
-        (self.loops / "Render-1" / ".lock").write_text("")
-        (self.loops / "Render-1" / "audio.wav").write_text("half")
+        for name in ("Render-01234567-89AB-4DEF-8123-456789ABCDEF", ".Render-01234567-89AB-4DEF-8123-456789ABCDEF"):
+            (self.loops / name).mkdir()
+            (self.loops / name / ".lock").write_text("")
+            (self.loops / name / "audio.wav").write_text("half")
 
         self.assertTrue(self.verify()["isSound"])
+
+    def test_a_users_folder_that_is_named_like_a_working_folder_is_none(self):
+        self.generate("--seed", 1, seconds=1)
+        for name in ("Render-holiday", ".Render-holiday"):
+            (self.loops / name).mkdir()
+            (self.loops / name / ".lock").write_text("")
+            (self.loops / name / "song.wav").write_text("mine")
+
+        self.assertEqual([file for file in self.verify()["unlisted"] if file.endswith(".wav")],
+                         [str(self.loops / name / "song.wav") for name in (".Render-holiday", "Render-holiday")])
 
     def test_changes_nothing(self):
         self.put(1, seconds=0.1)

@@ -26,6 +26,10 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
+// Names of working folders, as renderers give them.
+const std::string firstWork = "Render-01234567-89AB-4DEF-8123-456789ABCDE1";
+const std::string secondWork = "Render-01234567-89AB-4DEF-8123-456789ABCDE2";
+
 struct LoopStoreSafetyTests : test::LoopStoreFixture {};
 
 // MARK: manifests that cannot be read
@@ -147,6 +151,38 @@ TEST_F(LoopStoreSafetyTests, EntryThatTheOrdinarySaveLeavesOutKeepsTheManifestAs
     const auto kept = namesBeginning("manifest.before-");
     ASSERT_THAT(kept, SizeIs(1));
     EXPECT_EQ(home.content("Loops/" + kept.front()), before);
+}
+
+TEST_F(LoopStoreSafetyTests, EntryElsewhereCostsNoCopyAsLongAsItStaysListed) {
+    const auto elsewhere = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Elsewhere/a.wav", "RIFF")));
+    const auto gone = piece("winddown");
+    writeManifest({elsewhere, gone});
+    const auto before = manifestText();
+    std::filesystem::remove(gone.url.path());
+
+    for (std::int64_t seed = 0; seed < 5; ++seed) open().addPersistent(piece("sprint", 2, seed));
+
+    const auto kept = namesBeginning("manifest.before-");
+    ASSERT_THAT(kept, SizeIs(1)) << "only the first save lost an entry";
+    EXPECT_EQ(home.content("Loops/" + kept.front()), before) << "and its copy has not made room for others";
+    EXPECT_EQ(open().count(), 6U);
+}
+
+TEST_F(LoopStoreSafetyTests, EntryElsewhereIsKeptAsideByTheSaveThatLeavesItOut) {
+    const auto elsewhere = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Elsewhere/a.wav", "RIFF")));
+    writeManifest({elsewhere});
+    auto store = open();
+    store.addPersistent(piece("sprint"));
+    EXPECT_THAT(namesBeginning("manifest.before-"), IsEmpty());
+    const auto before = manifestText();
+
+    store.add(piece("winddown"));
+    store.add(piece("winddown", 3));
+
+    const auto kept = namesBeginning("manifest.before-");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(home.content("Loops/" + kept.front()), before);
+    EXPECT_TRUE(store.contains(elsewhere.identity));
 }
 
 TEST_F(LoopStoreSafetyTests, ManifestThatSomebodyChangedMeanwhileIsKeptAside) {
@@ -296,6 +332,28 @@ TEST_F(LoopStoreHostileTests, OnlyRegularFilesCountAsPieces) {
 
     EXPECT_EQ(store.count(), 1U);
     EXPECT_EQ(store.artifact(manifest.back().identity), manifest.back()) << "the text of the URL is kept";
+}
+
+TEST_F(LoopStoreHostileTests, EntriesThatNameTheUsersListsCostNothingWhereTheLibraryIsKeptBesideOrAroundThem) {
+    const std::vector<std::string> lists = {"Moods.json",
+                                            "saved.json",
+                                            "settings.json",
+                                            ".saved.lock",
+                                            "Moods.unreadable-2024-05-01T10-20-30Z.json",
+                                            "Quillmere/Moods.json",
+                                            "Quillmere/saved.json",
+                                            "Quillmere/.saved.lock"};
+    std::vector<LoopArtifact> manifest;
+    for (const auto& name : lists) {
+        const auto file = home.putFile("Loops/" + name, "precious");
+        manifest.push_back(artifactAt(identity("deepcode", 2, std::ssize(manifest)), FileURL::fromPath(file)));
+    }
+
+    removeAllThatCanBe(manifest);
+
+    for (const auto& name : lists) EXPECT_EQ(home.content("Loops/" + name), "precious") << name;
+    EXPECT_FALSE(open().discardUnstored(FileURL::fromPath(folder / "Moods.json")));
+    EXPECT_THAT(discarded, IsEmpty());
 }
 
 TEST_F(LoopStoreHostileTests, EntriesThatNameTheStoresOwnRecordsCostNothing) {
@@ -454,7 +512,7 @@ TEST_F(LoopStoreSharingTests, StoreOpenedForReadingMakesAndChangesNothing) {
     const auto stored = piece("deepcode");
     writeManifest({stored});
     home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
-    home.putFile("Loops/Render-1/.lock", "");
+    home.putFile("Loops/" + firstWork + "/.lock", "");
     home.putFile("App/seeds.json", "[" + seedText(identity("sprint")) + "]");
     home.putFile("App/seed.m4a", "audio");
     const auto store = openForReading();
@@ -462,7 +520,7 @@ TEST_F(LoopStoreSharingTests, StoreOpenedForReadingMakesAndChangesNothing) {
     EXPECT_EQ(store.all(), std::vector{stored});
     EXPECT_THAT(store.bundledFingerprints(), ElementsAre(identity("sprint").fingerprint()));
     EXPECT_THAT(namesBeginning(""), testing::UnorderedElementsAre("manifest.json", stored.url.path().filename(),
-                                                                  testing::StartsWith(".quillmere-"), "Render-1"));
+                                                                  testing::StartsWith(".quillmere-"), firstWork));
 }
 
 TEST_F(LoopStoreSharingTests, StoreOpenedForReadingLeavesTheLibraryToOthersUntilItChangesIt) {
@@ -483,7 +541,7 @@ TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsNotCleanedPrunedOrTra
     const auto stored = piece("deepcode");
     writeManifest({stored});
     const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
-    home.putFile("Loops/Render-1/.lock", "");
+    home.putFile("Loops/" + firstWork + "/.lock", "");
     const auto stray = home.putFile("Loops/stray.wav", "RIFF");
     const auto names = [&] {
         auto list = namesBeginning("");
@@ -505,7 +563,7 @@ TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessIsNotCleanedPrunedOrTra
 
     open();
     EXPECT_FALSE(std::filesystem::exists(temporary));
-    EXPECT_FALSE(std::filesystem::exists(folder / "Render-1"));
+    EXPECT_FALSE(std::filesystem::exists(folder / firstWork));
 }
 
 TEST_F(LoopStoreSharingTests, LibraryHeldByAnotherProcessTakesNoSeeds) {
@@ -581,9 +639,10 @@ TEST_F(LoopStoreSharingTests, PieceThatTheOtherProcessBroughtIntoTheFolderIsNotS
 TEST_F(LoopStoreSharingTests, PieceThatCouldNotBeSavedYetGuardsItsWorkingFolder) {
     auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
     auto late = open();
-    home.putFile("Loops/Render-1/.lock", "");
-    home.putFile("Loops/Render-2/.lock", "");
-    const auto mine = artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/Render-1/a.wav", "RIFF")));
+    home.putFile("Loops/" + firstWork + "/.lock", "");
+    home.putFile("Loops/" + secondWork + "/.lock", "");
+    const auto mine =
+        artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/" + firstWork + "/a.wav", "RIFF")));
     late.add(mine);
     writeManifest("[]");
     other.reset();
@@ -591,7 +650,7 @@ TEST_F(LoopStoreSharingTests, PieceThatCouldNotBeSavedYetGuardsItsWorkingFolder)
     late.add(piece("deepcode"));
 
     EXPECT_TRUE(std::filesystem::exists(mine.url.path()));
-    EXPECT_FALSE(std::filesystem::exists(folder / "Render-2"));
+    EXPECT_FALSE(std::filesystem::exists(folder / secondWork));
     EXPECT_THAT(listedURLs(), SizeIs(2));
 }
 
@@ -742,15 +801,16 @@ TEST_F(LoopStoreLeftoverTests, TemporaryFilesOfDeadProcessesAreRemovedAtOpening)
 TEST_F(LoopStoreLeftoverTests, FileThatAnEntryUsesIsNoLeftover) {
     const auto name = temporaryName();
     const auto odd = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Loops/" + name, "RIFF")));
-    const auto work = artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/Render-1/a.wav", "RIFF")));
-    home.putFile("Loops/Render-1/.lock", "");
+    const auto work =
+        artifactAt(identity("sprint"), FileURL::fromPath(home.putFile("Loops/" + firstWork + "/a.wav", "RIFF")));
+    home.putFile("Loops/" + firstWork + "/.lock", "");
     writeManifest({odd, work});
 
     const auto store = open();
 
     EXPECT_EQ(store.count(), 2U);
     EXPECT_TRUE(std::filesystem::exists(folder / name));
-    EXPECT_TRUE(std::filesystem::exists(folder / "Render-1" / "a.wav"));
+    EXPECT_TRUE(std::filesystem::exists(folder / firstWork / "a.wav"));
 }
 
 TEST_F(LoopStoreLeftoverTests, LinkOrFolderUnderATemporaryNameIsLeftAlone) {
@@ -768,46 +828,66 @@ TEST_F(LoopStoreLeftoverTests, LinkOrFolderUnderATemporaryNameIsLeftAlone) {
 }
 
 TEST_F(LoopStoreLeftoverTests, WorkingFolderIsRemovedOnlyWhenItsLockIsThereAndFree) {
-    home.putFile("Loops/Render-dead/.lock", "");
-    home.putFile("Loops/Render-dead/sub/audio.wav", "half");
-    home.putFile("Loops/Render-live/.lock", "");
-    home.putFile("Loops/Render-live/audio.wav", "half");
-    home.putFile("Loops/Render-strange/audio.wav", "another program's");
+    const auto work = [](const char* last) { return firstWork.substr(0, firstWork.size() - 1) + last; };
+    const auto dead = work("0"), live = work("1"), strange = work("2"), file = work("3"), odd = work("4"),
+               linked = work("5");
+    home.putFile("Loops/" + dead + "/.lock", "");
+    home.putFile("Loops/" + dead + "/sub/audio.wav", "half");
+    home.putFile("Loops/" + live + "/.lock", "");
+    home.putFile("Loops/" + live + "/audio.wav", "half");
+    home.putFile("Loops/" + strange + "/audio.wav", "another program's");
     home.putFile("Loops/Other/.lock", "");
-    home.putFile("Loops/Render-file", "no folder");
-    std::filesystem::create_directories(folder / "Render-odd" / ".lock");
+    home.putFile("Loops/" + file, "no folder");
+    std::filesystem::create_directories(folder / odd / ".lock");
     home.putFile("Elsewhere/.lock", "");
-    std::filesystem::create_directory_symlink(home.path() / "Elsewhere", folder / "Render-linked");
-    const test::OtherProcess renderer(folder / "Render-live" / ".lock");
+    std::filesystem::create_directory_symlink(home.path() / "Elsewhere", folder / linked);
+    const test::OtherProcess renderer(folder / live / ".lock");
 
     open();
 
-    EXPECT_THAT(namesBeginning("Render-"),
-                UnorderedElementsAre("Render-live", "Render-strange", "Render-file", "Render-odd", "Render-linked"));
-    EXPECT_TRUE(std::filesystem::exists(folder / "Render-live" / "audio.wav"));
+    EXPECT_THAT(namesBeginning("Render-"), UnorderedElementsAre(live, strange, file, odd, linked));
+    EXPECT_TRUE(std::filesystem::exists(folder / live / "audio.wav"));
     EXPECT_TRUE(std::filesystem::exists(folder / "Other" / ".lock"));
     EXPECT_TRUE(std::filesystem::exists(home.path() / "Elsewhere" / ".lock"));
 }
 
+TEST_F(LoopStoreLeftoverTests, FolderThatIsOnlyNamedLikeARenderersIsLeftAlone) {
+    const std::vector<std::string> names = {"Render-holiday",        "Render-",       "Render-1", firstWork + "x",
+                                            firstWork.substr(0, 42), "." + firstWork, "Rendering"};
+    for (const auto& name : names) {
+        home.putFile("Loops/" + name + "/.lock", "");
+        home.putFile("Loops/" + name + "/song.wav", "the user's own");
+    }
+    std::filesystem::create_directory(folder / "Render-empty");
+
+    open();
+
+    for (const auto& name : names) {
+        EXPECT_EQ(home.content("Loops/" + name + "/song.wav"), "the user's own") << name;
+        EXPECT_TRUE(std::filesystem::exists(folder / name / ".lock")) << name;
+    }
+    EXPECT_TRUE(std::filesystem::exists(folder / "Render-empty"));
+}
+
 TEST_F(LoopStoreLeftoverTests, WorkingFolderThatThisProcessHoldsIsNotDead) {
-    home.putFile("Loops/Render-live/audio.wav", "half");
-    const auto lock = FolderLock::tryAcquire(folder / "Render-live" / ".lock");
+    home.putFile("Loops/" + firstWork + "/audio.wav", "half");
+    const auto lock = FolderLock::tryAcquire(folder / firstWork / ".lock");
     ASSERT_TRUE(lock);
 
     open();
 
-    EXPECT_TRUE(std::filesystem::exists(folder / "Render-live" / "audio.wav"));
+    EXPECT_TRUE(std::filesystem::exists(folder / firstWork / "audio.wav"));
 }
 
 TEST_F(LoopStoreLeftoverTests, NothingIsCleanedWhileTheManifestCannotBeRead) {
     writeManifest("damaged");
-    home.putFile("Loops/Render-dead/.lock", "");
+    home.putFile("Loops/" + firstWork + "/.lock", "");
     const auto name = temporaryName();
     home.putFile("Loops/" + name, "half");
 
     open();
 
-    EXPECT_TRUE(std::filesystem::exists(folder / "Render-dead"));
+    EXPECT_TRUE(std::filesystem::exists(folder / firstWork));
     EXPECT_TRUE(std::filesystem::exists(folder / name));
 }
 

@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <csignal>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -426,6 +428,23 @@ TEST_F(LoopStoreTests, PersistentAddOfAPieceThatCannotBeEncodedThrowsAndSavesThe
 
 // MARK: seeds
 
+/// As long as it lives no file can be written beyond a size.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t size) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &old_);
+        const rlimit lowered{size, old_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &lowered);
+    }
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &old_); }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    rlimit old_{};
+};
+
 struct LoopStoreSeedTests : test::LoopStoreFixture {
     [[nodiscard]] static nlohmann::ordered_json seed(const LoopIdentity& identity, std::string_view file) {
         return {{"file", file},
@@ -548,6 +567,43 @@ TEST_F(LoopStoreSeedTests, UnchangedLibraryIsNotWrittenAgain) {
     open();
 
     EXPECT_EQ(std::filesystem::last_write_time(folder / "manifest.json"), before);
+}
+
+TEST_F(LoopStoreSeedTests, SeedThatCannotBeCopiedIsToldAndBroughtInWhenItCan) {
+    const auto small = identity("deepcode");
+    const auto large = identity("sprint");
+    ship({seed(large, "large"), seed(small, "small")});
+    shipAudio("large", std::string(100'000, 'x'));
+    shipAudio("small");
+    {
+        const FullDisk disk(50'000);
+        auto store = open();
+        EXPECT_THAT(listedURLs(), SizeIs(1)) << "the others are saved";
+        EXPECT_TRUE(store.contains(small));
+        ASSERT_TRUE(store.lastSaveError());
+        EXPECT_THAT(*store.lastSaveError(), HasSubstr(large.filename()));
+
+        store.add(piece("winddown"));
+        EXPECT_EQ(store.lastSaveError(), std::nullopt) << "a save has succeeded since";
+    }
+
+    const auto store = open();
+
+    EXPECT_TRUE(store.contains(large));
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+}
+
+TEST_F(LoopStoreSeedTests, SeedsThatCannotBeBroughtInSilentlyStaySo) {
+    const auto blocked = identity("sprint");
+    std::filesystem::create_directories(folder / (blocked.filename() + ".m4a"));
+    std::filesystem::create_directories(home.path() / "App/Loops/folder.m4a");
+    shipAudio("one");
+    ship({seed(identity("deepcode"), "missing"), seed(identity("winddown"), "folder"), seed(blocked, "one")});
+
+    const auto store = open();
+
+    EXPECT_EQ(store.count(), 0U);
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
 }
 
 TEST_F(LoopStoreSeedTests, DamagedListImportsNothing) {

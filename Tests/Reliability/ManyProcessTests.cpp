@@ -24,6 +24,7 @@
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/UUID.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Reliability/Tree.hpp"
@@ -80,7 +81,7 @@ struct ManyProcesses : testing::Test {
         const auto index = diary->pieces++;
         if (index >= mostPieces) ::_exit(2);
         const auto making = folder / (".making-" + std::to_string(index));
-        const auto work = folder / ("Render-" + std::to_string(index));
+        const auto work = folder / ("Render-" + UUID::random().text());
         const auto made = work / "audio.wav";
         createFolders(making);
         const auto lock = FolderLock::tryAcquire(making / ".lock");

@@ -92,6 +92,7 @@ const LoopIdentity second = identity("rain", 2);
 const LoopIdentity recorded = LoopStoreFixture::recording("rain", 3);
 const LoopIdentity fresh = identity("rain", 4);
 const LoopIdentity extra = identity("snow", 5);
+const LoopIdentity theirs = identity("snow", 6);
 
 std::string inLoops(const LoopIdentity& identity, const char* extension = ".wav") {
     return "Loops/" + identity.filename() + extension;
@@ -121,11 +122,15 @@ class LoopSession : public Session {
 public:
     using Act = std::function<bool(LoopStore& store, const path& home)>;
 
-    LoopSession(path home, Act act) : home_(std::move(home)), act_(std::move(act)) { open(); }
+    LoopSession(path home, Act act, LoopStore::Access access = LoopStore::Access::writing)
+        : home_(std::move(home)), act_(std::move(act)), access_(access) {
+        open();
+    }
 
     /// One that opens the store only when it acts.
     struct Later {};
-    LoopSession(path home, Act act, Later) : home_(std::move(home)), act_(std::move(act)) {}
+    LoopSession(path home, Act act, Later, LoopStore::Access access = LoopStore::Access::writing)
+        : home_(std::move(home)), act_(std::move(act)), access_(access) {}
 
     void act() override {
         if (!store_) open();
@@ -140,10 +145,13 @@ public:
     }
 
 private:
-    void open() { store_ = std::make_unique<LoopStore>(home_ / "Loops", ResourceBundle(home_ / "App"), discard); }
+    void open() {
+        store_ = std::make_unique<LoopStore>(home_ / "Loops", ResourceBundle(home_ / "App"), discard, access_);
+    }
 
     path home_;
     Act act_;
+    LoopStore::Access access_;
     std::unique_ptr<LoopStore> store_;
     bool isDone_ = false;
 };
@@ -154,10 +162,10 @@ Operation onLoops(std::string name, LoopSession::Act act) {
             }};
 }
 
-Operation onOpening(std::string name, LoopSession::Act act) {
+Operation onOpening(std::string name, LoopSession::Act act, LoopStore::Access access = LoopStore::Access::writing) {
     auto operation = onLoops(std::move(name), {});
-    operation.begin = [act](const path& home) {
-        return std::make_unique<LoopSession>(home, act, LoopSession::Later{});
+    operation.begin = [act, access](const path& home) {
+        return std::make_unique<LoopSession>(home, act, LoopSession::Later{}, access);
     };
     operation.isOpening = true;
     return operation;
@@ -180,6 +188,35 @@ Operation addPersistent() {
         return true;
     });
     operation.isUnsynced = {inLoops(fresh)};
+    return operation;
+}
+
+Operation addSeveral() {
+    static const std::vector<LoopIdentity> several = {fresh, identity("snow", 8), identity("snow", 9)};
+    auto operation = onLoops("AddSeveral", [](LoopStore& store, const path& home) {
+        std::vector<LoopArtifact> pieces;
+        for (const auto& each : several) pieces.push_back(piece(home, each));
+        store.add(std::move(pieces));
+        return true;
+    });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        for (const auto& each : several) put(fileOf(home, each), audio(each));
+    };
+    for (const auto& each : several) operation.isUnsynced.insert(inLoops(each));
+    return operation;
+}
+
+/// Its manifest is long enough to be read beside the listing of the folder; it is mostly blanks.
+Operation openLargeLibrary() {
+    auto operation = onOpening("OpenALargeLibrary", [](LoopStore& store, const path&) { return store.count() == 3; });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        auto manifest = readFile(home / "Loops/manifest.json", 1 << 20);
+        manifest.insert(1, std::string(std::size_t{300} << 10, ' '));
+        put(home / "Loops/manifest.json", manifest);
+    };
+    operation.isDoneByAnyStart = true;
     return operation;
 }
 
@@ -221,6 +258,78 @@ Operation prune() {
     auto operation =
         onLoops("Prune", [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; });
     operation.mayGo = {inLoops(second)};
+    return operation;
+}
+
+/// What another process has written since a store was opened: a piece came, and one went.
+void writeAsAnother(const path& home) {
+    std::vector<LoopArtifact> listed = {piece(home, first), piece(home, recorded), piece(home, theirs)};
+    put(fileOf(home, theirs), audio(theirs));
+    std::filesystem::remove(fileOf(home, second));
+    std::ranges::sort(listed, {}, &LoopArtifact::id);
+    put(home / "Loops/manifest.json", encodeJSON(listed, JSONWriter::Form::compact));
+}
+
+/// A store that was opened to be read changes the library.
+Operation addLate() {
+    auto operation = addPersistent();
+    operation.name = "AddOverWhatAnotherProcessWrote";
+    operation.begin = [](const path& home) {
+        auto session = std::make_unique<LoopSession>(
+            home,
+            [](LoopStore& store, const path& folder) {
+                store.addPersistent(piece(folder, fresh));
+                return true;
+            },
+            LoopStore::Access::reading);
+        writeAsAnother(home);
+        return session;
+    };
+    operation.isOpening = true;  // what the other one wrote is not in memory yet
+    return operation;
+}
+
+Operation pruneLate() {
+    auto operation = prune();
+    operation.name = "PruneWhatAnotherProcessWrote";
+    operation.begin = [](const path& home) {
+        auto session = std::make_unique<LoopSession>(
+            home, [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; },
+            LoopStore::Access::reading);
+        writeAsAnother(home);
+        return session;
+    };
+    operation.mayGo = {inLoops(theirs)};
+    operation.isOpening = true;
+    return operation;
+}
+
+Operation openToRead() {
+    auto operation = onOpening(
+        "OpenToRead", [](LoopStore& store, const path&) { return store.count() == 3; }, LoopStore::Access::reading);
+    operation.isDoneByAnyStart = true;
+    return operation;
+}
+
+/// One piece's file is another's too, by a link: the second goes from the list, and the file stays.
+Operation pruneLinked() {
+    static const LoopIdentity linked = identity("rain", 11);
+    static const std::string place = "Loops/linked.wav";
+    auto operation = onLoops("PruneAPieceWhoseFileIsReachedThroughALinkAsWell", [](LoopStore& store, const path&) {
+        return store.prune({first.fingerprint(), linked.fingerprint()}) == 1;
+    });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / place, audio(second));
+        auto list = json::parse(readFile(home / "Loops/manifest.json", 1 << 20));
+        list.push_back(json::parse(lineOf(LoopStoreFixture::artifactAt(linked, FileURL::fromPath(home / place)))));
+        put(home / "Loops/manifest.json", list.dump());
+    };
+    operation.begin = [begin = operation.begin](const path& home) {
+        std::filesystem::remove(home / place);
+        std::filesystem::create_symlink(fileOf(home, second).filename(), home / place);
+        return begin(home);
+    };
     return operation;
 }
 
@@ -271,16 +380,21 @@ Operation importSeeds() {
 
 const std::string deadTemporary = "Loops/.quillmere-01234567-89AB-4DEF-8123-456789ABCDEF.tmp";
 
+const std::string deadWork = "Loops/Render-01234567-89AB-4DEF-8123-456789ABCDE2/";
+
 Operation cleanLeftovers() {
     auto operation = onOpening("CleanLeftovers", [](LoopStore& store, const path&) { return store.count() == 3; });
     operation.prepare = [](const path& home) {
         prepareLoops(home);
         put(home / deadTemporary, "[half of a");
-        put(home / "Loops/Render-2/.lock", "");
-        put(home / "Loops/Render-2/audio.wav", "half a piece");
-        put(home / "Loops/Render-3/audio.wav", "without a lock file it may be another program's");
+        put(home / (deadWork + ".lock"), "");
+        put(home / (deadWork + "audio.wav"), "half a piece");
+        put(home / "Loops/Render-01234567-89AB-4DEF-8123-456789ABCDE3/audio.wav",
+            "without a lock file it may be another program's");
+        put(home / "Loops/Render-holiday/.lock", "");
+        put(home / "Loops/Render-holiday/song.wav", "a person's, whatever the folder is called");
     };
-    operation.mayGo = {deadTemporary, "Loops/Render-2/audio.wav", "Loops/Render-2/"};
+    operation.mayGo = {deadTemporary, deadWork + "audio.wav", deadWork};
     operation.isDoneByAnyStart = true;
     return operation;
 }
@@ -555,6 +669,12 @@ const std::vector<Operation>& operations() {
     static const std::vector<Operation> all = {
         add(),
         addPersistent(),
+        addSeveral(),
+        openLargeLibrary(),
+        addLate(),
+        pruneLate(),
+        openToRead(),
+        pruneLinked(),
         addInNewFolder(),
         replacePiece(),
         setLoudness(),
