@@ -26,7 +26,12 @@ const std::string& shortAudio() {
     return bytes;
 }
 
-bool isRecord(std::string_view name) { return name == ".lock" || name.starts_with("manifest."); }
+bool isRecord(std::string_view name) { return name.ends_with(".lock") || name.ends_with(".json"); }
+
+// As a renderer names it that died.
+constexpr const char* deadWork = "Render-01234567-89AB-4DEF-8123-456789ABCDEF";
+constexpr const char* workWithFifo = "Render-01234567-89AB-4DEF-8123-456789ABCDE0";
+constexpr const char* workWithLink = "Render-01234567-89AB-4DEF-8123-456789ABCDE1";
 
 }  // namespace
 
@@ -40,6 +45,7 @@ const Tree& HostileLibrary::outside() const {
         }
         write(home() / "Loops-old" / "piece.wav", "not the library's");
         write(home() / "Loops.wav", "not the library's");
+        write(outside / "empty", "");
         return treeOf(home());
     }();
     return tree;
@@ -52,9 +58,13 @@ HostileLibrary::HostileLibrary(std::string_view manifest) : manifest_(placed(man
         write(folder() / name, shortAudio());
     }
     for (const auto* name : {"done.m4a", "damaged.wav", "Render-dead/.lock", "Render-dead/audio.wav", "digests.json",
-                             "manifest.before-2024-05-01T10-20-30Z.json"}) {
+                             "Moods.json", "saved.json", ".saved.lock", "manifest.before-2024-05-01T10-20-30Z.json"}) {
         write(folder() / name, name);
     }
+    for (const auto* name : {".lock", "audio.wav"}) write(folder() / deadWork / name, "");
+    for (const auto& name : {workWithFifo, workWithLink}) write(folder() / name / "audio.wav", name);
+    require(::mkfifo((folder() / workWithFifo / ".lock").c_str(), 0600) == 0, "a fifo can be made");
+    fs::create_symlink("../../Outside/empty", folder() / workWithLink / ".lock");
     fs::create_directories(folder() / "folder.wav");
     fs::create_symlink("../Outside/sentinel.wav", folder() / "link.wav");
     fs::create_symlink("../Outside/sentinel.wav", folder() / "piece.m4a");
@@ -70,6 +80,24 @@ HostileLibrary::HostileLibrary(std::string_view manifest) : manifest_(placed(man
 
     inside_ = treeOf(folder());
     noteNamed();
+}
+
+void HostileLibrary::spoilLock(std::string_view word) {
+    const auto lock = folder() / ".lock";
+    if (isLockSpoiled_) return;
+    if (word == "fifo") {
+        require(::mkfifo(lock.c_str(), 0600) == 0, "a fifo can be made");
+    } else if (word == "link") {
+        fs::create_symlink("../Outside/empty", lock);
+    } else if (word == "notes") {
+        write(lock, "a person's own notes");
+    } else if (word == "twin") {
+        fs::create_hard_link(home() / "Outside" / "empty", lock);
+    } else {
+        return;
+    }
+    isLockSpoiled_ = true;
+    inside_ = treeOf(folder());
 }
 
 std::string HostileLibrary::placed(std::string_view text) const {
@@ -139,7 +167,7 @@ bool HostileLibrary::discard(const FileURL& url) {
     require(fs::is_regular_file(status) || fs::is_directory(status), "a file or a working folder is discarded");
     require(fs::is_regular_file(status) || file.filename().native().starts_with("Render-"),
             "no folder but a working folder is discarded");
-    require(!isRecord(file.filename().native()) || file.parent_path() != folder(), "no record is discarded");
+    require(!isRecord(file.filename().native()), "no record is discarded");
     if (fails_) throw std::runtime_error("refused");
     const bool isGone = !refuses_ && fs::remove_all(file) > 0;
     if (swaps_) swap();
@@ -193,11 +221,12 @@ void HostileLibrary::apply(LoopStore& store, std::string_view word) {
     if (word == "swap") swaps_ = true;
     if (word == "add") {
         store.add(pieceAt(FileURL::fromPath(folder() / "damaged.wav"), 1001));
-        require(!store.lastSaveError(), "a change is saved");
+        require(store.lastSaveError().has_value() == isLockSpoiled_, "a change is saved, or it is told");
         named_.insert(folder() / "damaged.wav");
     }
     if (word == "persist") {
-        store.addPersistent(pieceAt(FileURL::fromPath(folder() / "damaged.wav"), 1002));
+        const auto piece = pieceAt(FileURL::fromPath(folder() / "damaged.wav"), 1002);
+        isLockSpoiled_ ? ignoringFailure([&] { store.addPersistent(piece); }) : store.addPersistent(piece);
         named_.insert(folder() / "damaged.wav");
     }
     if (word == "loudness") {
@@ -241,15 +270,16 @@ void HostileLibrary::requireUntouched() const {
         return true;
     });
     require(around == outside(), "nothing outside the library's folder changes");
+    if (isLockSpoiled_) return require(now == inside_, "nothing changes in a library that cannot be locked");
     if (isSwapped_) return;
     for (const auto& [name, what] : inside_) {
-        const bool isDead = name.starts_with("Render-dead");
+        const bool isDead = name.starts_with(deadWork);
         const bool isManifest = name == "manifest.json";
         if (isDead || isManifest) continue;
         const auto found = now.find(name);
         if (!what.starts_with("file ")) {
             require(found != now.end() && found->second == what, "links, folders and special files stay");
-        } else if (isRecord(name) || name == "digests.json" || !named_.contains(folder() / name)) {
+        } else if (isRecord(name) || !named_.contains(folder() / name)) {
             require(found != now.end() && found->second == what, "a file that the manifest does not name stays");
         } else {
             require(found == now.end() || found->second == what, "a file is not changed");

@@ -16,7 +16,9 @@ namespace quillmere::fuzz {
 ///     Loops/            piece.wav, second.wav, "a b.wav", sub/piece.wav: its own; done.wav with a damaged done.m4a
 ///                       link.wav, linked/, sub/link.wav, piece.m4a, Render-linked/: links that lead outside
 ///                       dangling.wav, loop.wav, device.wav, fifo.wav, folder.wav/: no files at all
-///                       Render-dead/: a dead run's; manifest.before-….json, digests.json: records
+///                       Render-UUID/: a dead run's, and two whose lock files are none
+///                       Render-dead/: a person's, in spite of its name
+///                       manifest.before-….json, digests.json, Moods.json, saved.json, .saved.lock: records
 ///     Loops-old/, Loops.wav, Outside/: not its own, whatever a manifest says
 class HostileLibrary {
 public:
@@ -26,6 +28,11 @@ public:
 
     [[nodiscard]] std::filesystem::path home() const { return sandbox() / "library"; }
     [[nodiscard]] std::filesystem::path folder() const { return home() / "Loops"; }
+
+    /// Puts something in the lock file's place that nobody can lock: "fifo", "link", "notes" (a person's own) or "twin"
+    /// (a second name of a file outside). Nothing in the folder may change then. Any other word does nothing.
+    void spoilLock(std::string_view word);
+    [[nodiscard]] bool isLockSpoiled() const noexcept { return isLockSpoiled_; }
 
     /// The text with the folders in their places.
     [[nodiscard]] std::string placed(std::string_view text) const;
@@ -59,6 +66,7 @@ private:
     std::string manifest_;
     Tree inside_;
     std::set<std::string> named_;  // files that the manifest names, in the forms that a migration gives them too
+    bool isLockSpoiled_ = false;
     bool refuses_ = false;
     bool fails_ = false;
     bool swaps_ = false;

@@ -6,7 +6,7 @@
 #include "QuillmereKit/Platform/OwnFolder.hpp"
 
 // A manifest from anywhere, in a library among files that are not its own, and everything that a store can be asked to
-// do. A first line "#add trash …" says what, and in which order; without it, all of it.
+// do. A first line "#add trash …" says what, and in which order, and what the lock file is; without it, all of it.
 
 namespace {
 
@@ -50,6 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     fuzz::HostileLibrary library(text);
+    library.spoilLock(words.substr(0, words.find(' ')));
     const fuzz::OpenWatch watch(library.folder());
     std::vector<LoopArtifact> before;
     {
@@ -60,10 +61,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             words.remove_prefix(std::min(end + 1, words.size()));
         }
         store.add(fuzz::HostileLibrary::pieceAt(FileURL::fromPath(library.folder() / "digests.json"), 1003));
-        require(!store.lastSaveError(), "a change is saved");
+        require(store.lastSaveError().has_value() == library.isLockSpoiled(), "a change is saved, or it is told");
         before = store.all();
     }
     library.requireUntouched();
+    if (library.isLockSpoiled()) return 0;
     require(isReadable(library.manifest()) || isKept(library.folder(), library.manifest()),
             "a manifest that cannot be read is kept");
 

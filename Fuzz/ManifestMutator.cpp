@@ -51,6 +51,7 @@ private:
     std::string words() {
         if (below(2) == 0) return {};
         std::string text = "#";
+        if (below(8) == 0) text += std::string(one(locks)) + " ";
         for (std::size_t count = 1 + below(6); count > 0; --count) text += std::string(one(operations)) + " ";
         text.back() = '\n';
         return text;
@@ -72,7 +73,7 @@ private:
     static constexpr std::array<std::string_view, 8> bases = {"$LOOPS", "$LOOPS", "$LOOPS",     "$LOOPS/sub",
                                                               "$HOME",  "/",      "$LOOPS-old", "$HOME/Outside"};
     static constexpr std::array<std::string_view, 7> separators = {"/", "/", "%2F", "//", "/./", "/../", "/%2e%2E/"};
-    static constexpr std::array<std::string_view, 33> names = {"piece.wav",
+    static constexpr std::array<std::string_view, 37> names = {"piece.wav",
                                                                "piece.wav",
                                                                "second.wav",
                                                                "a%20b.wav",
@@ -98,6 +99,10 @@ private:
                                                                "manifest.json",
                                                                "manifest.before-2024-05-01T10-20-30Z.json",
                                                                "digests.json",
+                                                               "Moods.json",
+                                                               "saved.json",
+                                                               ".saved.lock",
+                                                               "Render-01234567-89AB-4DEF-8123-456789ABCDEF",
                                                                "damaged.wav",
                                                                "Loops",
                                                                "Loops-old",
@@ -107,6 +112,7 @@ private:
                                                                "pi%65ce.wav?a#b"};
     static constexpr std::array<std::string_view, 10> operations = {
         "add", "discard", "loudness", "migrate", "persist", "trash", "prune", "refuse", "fail", "swap"};
+    static constexpr std::array<std::string_view, 4> locks = {"fifo", "link", "notes", "twin"};
     static constexpr std::array<std::string_view, 3> models = {"sa3_medium_mlx_v2", "sa3_medium_mlx_v2", "unknown"};
 
     std::mt19937 random_;

@@ -37,6 +37,28 @@ class ListTests(LibraryTest):
         self.library("prune", "--keep", "0", "--yes")
         self.assertEqual(self.marks(), [mark])
 
+    def test_a_piece_that_ships_with_the_program_and_finds_no_room_is_told(self):
+        shipped = self.place / "shipped" / "Loops"
+        shipped.mkdir(parents=True)
+        (shipped / "small.m4a").write_bytes(b"music")
+        (shipped / "large.m4a").write_bytes(b"music" * 10_000)
+        (shipped / "seeds.json").write_text(json.dumps(
+            [{"file": file, "identity": identity(seed=seed), "seconds": 120}
+             for seed, file in enumerate(("large", "small"))]))
+        self.environment["QUILLMERE_RESOURCES"] = str(shipped.parent)
+        self.loops.rmdir()
+
+        first = self.run_without_space("library", "list", size=20_000)
+        writing = self.run_without_space("library", "prune", "--keep", "0", "--yes", size=20_000)
+        with_space = self.library("prune", "--keep", "0", "--yes")
+
+        for done in (first, writing):
+            self.assertEqual(done.returncode, 0, done.stderr)
+            self.assertIn("could not be saved", done.stderr)
+            self.assertIn(fingerprint(identity(seed=0)), done.stderr)
+        self.assertEqual(with_space.err, "")
+        self.assertEqual(len(self.library_json("list")), 2)
+
     def test_a_list_that_cannot_be_read_does_not_look_like_an_empty_library(self):
         self.put(1)
         for damage in ("[{", "{}", "\x00"):

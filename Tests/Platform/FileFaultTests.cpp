@@ -356,6 +356,18 @@ TEST(FileFaults, AListingThatDoesNotTellKindsIsAsTrueAsOneThatDoes) {
     EXPECT_EQ(faults.count(), 4);  // each entry was looked at
 }
 
+TEST(FileFaults, AListingLeavesOutWhatIsGoneSinceAndNotWhatCannotBeLookedAt) {
+    const TemporaryFolder folder;
+    folder.putFile("precious", "content");
+    const auto listedAfter = [&](int error) {
+        const SystemCallFaults faults({.failing = 1, .error = error, .call = "fstatat", .hidesKinds = true});
+        return listFolder(folder.path());
+    };
+
+    EXPECT_THAT(listedAfter(ENOENT), testing::IsEmpty());
+    for (const int error : {EIO, EACCES, ENOMEM}) EXPECT_THROW(listedAfter(error), FileError) << error;
+}
+
 TEST(FileFaults, AFolderOfUntoldKindsIsRemovedWithAllItHolds) {
     const TemporaryFolder folder;
     folder.putFile("work/a/b/file", "");
