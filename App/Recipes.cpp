@@ -99,10 +99,10 @@ std::string plainWAVDigest(const std::filesystem::path& file) {
     SHA256 hash;
     const std::string header = plainHeader(static_cast<std::uint32_t>(audio.frames() * 4));
     hash.update(std::as_bytes(std::span(header)));
-    PageAligned<std::int16_t> samples(std::size_t{8192} * static_cast<std::size_t>(audio.format().channels));
+    const auto channels = static_cast<std::size_t>(audio.format().channels);
+    PageAligned<std::int16_t> samples(audio.framesAtATime() * channels);
     while (const std::size_t frames = audio.read(samples)) {
-        hash.update(
-            std::as_bytes(std::span(samples).first(frames * static_cast<std::size_t>(audio.format().channels))));
+        hash.update(std::as_bytes(std::span(samples).first(frames * channels)));
     }
     return hexadecimal(hash.finish());
 }

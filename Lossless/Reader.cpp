@@ -72,6 +72,7 @@ void LosslessReader::open(LosslessInfo& info) {
     const bool isSeen = ::fstat(descriptor_, &facts) == 0;
     require(isSeen, isSeen ? 0 : errno, "the file cannot be looked at");
     size_ = facts.st_size;
+    filter_ = std::make_unique<const MovieFilter>(descriptor_, static_cast<std::uint64_t>(size_));
 
     auto* const buffer = static_cast<std::uint8_t*>(av_malloc(inputBufferSize));
     require(buffer != nullptr, "out of memory");
@@ -83,6 +84,7 @@ void LosslessReader::open(LosslessInfo& info) {
     require(container_ != nullptr, "out of memory");
     container_->pb = input_;
     container_->io_open = refuseToOpen;
+    container_->max_streams = 1;
     // Only this container, and nothing that it points at: what it names elsewhere is never opened.
     const AVInputFormat* const format = av_find_input_format("mov");
     require(format != nullptr, "no demuxer for MPEG-4");
@@ -167,6 +169,8 @@ bool LosslessReader::decodeNext() {
         }
         const bool isWhole = demuxed >= 0 && (packet_->flags & AV_PKT_FLAG_CORRUPT) == 0;
         require(isWhole, systemError_, "the file cannot be read");
+        packetBytes_ += packet_->size;
+        require(packetBytes_ <= size_, "the file's packets lie over each other");
         const bool isOurs = packet_->stream_index == stream_;
         const int sent = isOurs ? avcodec_send_packet(decoder_, packet_) : 0;
         av_packet_unref(packet_);
@@ -184,6 +188,7 @@ int LosslessReader::readBytes(void* self, std::uint8_t* buffer, int size) {
             return AVERROR(errno);
         }
         if (count == 0) return AVERROR_EOF;
+        reader.filter_->hide(static_cast<std::uint64_t>(reader.position_), {buffer, static_cast<std::size_t>(count)});
         reader.position_ += count;
         return static_cast<int>(count);
     }

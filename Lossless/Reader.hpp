@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
+#include "Lossless/MovieFilter.hpp"
 #include "QuillmereKit/Platform/LosslessModule.hpp"
 
 struct AVCodecContext;
@@ -13,8 +15,8 @@ struct AVPacket;
 namespace quillmere {
 
 /// Decodes the first audio stream of an MPEG-4 file, read through a descriptor at positions of its own: no other file
-/// is ever opened, whatever the container refers to. Throws `std::system_error` where the system failed, and
-/// `std::runtime_error`.
+/// is ever opened, whatever the container refers to. Memory and work are bounded by the file's size. Throws
+/// `std::system_error` where the system failed, and `std::runtime_error`.
 struct LosslessReader {
     LosslessReader(int descriptor, LosslessInfo& info);
     ~LosslessReader();
@@ -33,7 +35,9 @@ private:
     const int descriptor_;
     std::int64_t size_ = 0;
     std::int64_t position_ = 0;
-    int systemError_ = 0;  // of the last read that failed
+    std::unique_ptr<const MovieFilter> filter_;
+    std::int64_t packetBytes_ = 0;  // of all packets so far
+    int systemError_ = 0;           // of the last read that failed
     AVIOContext* input_ = nullptr;
     AVFormatContext* container_ = nullptr;
     AVCodecContext* decoder_ = nullptr;

@@ -15,9 +15,8 @@ std::string digest(const FileURL& url, const std::stop_token& stop) {
 }
 
 std::string digest(AudioFile& file, const std::stop_token& stop) {
-    constexpr std::size_t framesAtATime = 8192;
     const auto channels = static_cast<std::size_t>(file.format().channels);
-    PageAligned<std::int16_t> samples(framesAtATime * channels);
+    PageAligned<std::int16_t> samples(file.framesAtATime() * channels);
     SHA256 hash;
     while (true) {
         if (stop.stop_requested()) throw CancellationError();

@@ -13,8 +13,8 @@ namespace quillmere {
 namespace AudioPCM {
 
 /// SHA-256 of the interleaved 16-bit samples, least significant byte first, as 64 lower-case hexadecimal digits. Reads
-/// the file in buffers of 8,192 frames. Throws `FileError` if it cannot be opened or decoded whole, `CancellationError`
-/// when `stop` asks.
+/// the file in buffers of 8,192 frames, or fewer where there are more than eight channels. Throws `FileError` if it
+/// cannot be opened or decoded whole, `CancellationError` when `stop` asks.
 [[nodiscard]] std::string digest(const FileURL& url, const std::stop_token& stop = {});
 
 /// The same for an opened file, from where it stands to its end.

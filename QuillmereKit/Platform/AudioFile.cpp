@@ -118,6 +118,13 @@ AudioFile::~AudioFile() = default;
 
 const AudioFormat& AudioFile::format() const noexcept { return source_->format(); }
 std::int64_t AudioFile::frames() const noexcept { return source_->frames(); }
+
+std::size_t AudioFile::framesAtATime() const noexcept {
+    constexpr std::size_t most = 8192;
+    constexpr std::size_t mostSamples = most * 8;
+    return std::clamp<std::size_t>(mostSamples / static_cast<std::size_t>(format().channels), 1, most);
+}
+
 std::size_t AudioFile::read(std::span<std::int16_t> samples) { return source_->read(samples); }
 
 }  // namespace quillmere

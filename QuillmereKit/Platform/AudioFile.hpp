@@ -33,6 +33,10 @@ public:
     /// Length in frames.
     [[nodiscard]] std::int64_t frames() const noexcept;
 
+    /// How many frames to read at a time: 8,192, and fewer of more than eight channels, at least 1. So a buffer for
+    /// them takes no more than 128 KiB, however many channels a file claims to have.
+    [[nodiscard]] std::size_t framesAtATime() const noexcept;
+
     /// Reads whole frames of interleaved 16-bit samples, as many as fit; returns the frames read, 0 at the end. Throws
     /// `FileError`, with `fileReadCorruptFile` if the samples are not stored with 16 bits, or cannot be decoded, or the
     /// file does not end where its frames do.
