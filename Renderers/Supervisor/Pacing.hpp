@@ -1,25 +1,23 @@
 #pragma once
 
 #include <chrono>
-#include <optional>
+
+#include "Renderers/Supervisor/WorkAccount.hpp"
 
 namespace quillmere::supervisor {
 
-/// Keeps a family that does not rest by itself to its share of the time: stops it when it has worked too long, and lets
-/// it go on when it has rested enough.
-///
-/// An account: wall time pays in `share` of itself, up to `burst`; processor time is taken out, at most as much as wall
-/// time went by, for several processors at once are one stretch of work. Below zero the family is stopped, and
-/// continued when the account is level again. A family that rests by itself never gets there. Not thread-safe.
+/// Keeps a family that does not rest by itself to its share of the time: stops it when its account of work is
+/// overdrawn, and lets it go on when the account is level again. A family that rests by itself never gets there. Not
+/// thread-safe.
 class Pacing {
 public:
     /// How often `look` wants to be called.
     static constexpr std::chrono::milliseconds interval{500};
 
     /// `share`: more than 0; 1 or more never stops anything. `burst`: the work that is free at the beginning.
-    Pacing(double share, std::chrono::nanoseconds burst) noexcept : share_(share), burst_(burst), account_(burst) {}
+    Pacing(double share, std::chrono::nanoseconds burst) noexcept : isNeeded_(share < 1), account_(share, burst) {}
 
-    [[nodiscard]] bool isNeeded() const noexcept { return share_ < 1; }
+    [[nodiscard]] bool isNeeded() const noexcept { return isNeeded_; }
 
     /// Looks at the family's processor time and stops or continues it.
     void look();
@@ -28,12 +26,8 @@ public:
     [[nodiscard]] bool isStopped() const noexcept { return isStopped_; }
 
 private:
-    using Clock = std::chrono::steady_clock;
-    const double share_;
-    const std::chrono::nanoseconds burst_;
-    std::chrono::nanoseconds account_;
-    std::chrono::nanoseconds work_{0};
-    std::optional<Clock::time_point> last_;
+    const bool isNeeded_;
+    WorkAccount account_;
     bool isStopped_ = false;
 };
 

@@ -193,6 +193,16 @@ class GenerateTests(HostTest):
         for file in self.loops.iterdir():
             self.assertNotIn(b"designflow_b1", file.read_bytes() if file.name == ".lock" else b"")
 
+    def test_closed_standard_streams_stay_nobodys_files(self):
+        engine = self.script("engine", """#!/bin/sh
+read request
+host=$(sed -n 's/^PPid:\t//p' /proc/$PPID/status)
+(cat /proc/$host/comm; readlink /proc/$host/fd/0 /proc/$host/fd/1 /proc/$host/fd/2) > "$TMPDIR/seen"
+""")
+        words = [QUILLMERE, "generate", "--mood", "designflow", "--engine", str(engine), "--home", str(self.home)]
+        subprocess.run(words, env=self.environment, preexec_fn=lambda: [os.close(number) for number in range(3)])
+        self.assertEqual((self.place / "seen").read_text().split(), ["quillmere", *["/dev/null"] * 3])
+
     def test_help_has_an_example_for_every_verb(self):
         done = self.run_host("--help", home=False)
         self.assertIn("Exit status", done.out)

@@ -62,6 +62,8 @@ class RecoverTests(LibraryTest):
                 ("an entry of another form", "[" + ",".join([*parts[:5], '{"identity": 5}']) + "]", marks[:5]),
                 ("a quote missing", "[" + ",".join([parts[0], parts[1].replace('"url"', 'url"', 1), *parts[2:]]) + "]",
                  [marks[0], *marks[2:]]),
+                ("a text with a quote and braces in it, then a cut",
+                 "[" + parts[0].replace("{", r'{"note": "say \"}{\"", ', 1) + "," + parts[1][:-30], marks[:1]),
                 ("no array at all", parts[0], marks[:1])):
             with self.subTest(name):
                 (self.loops / "manifest.json").write_text(text)

@@ -97,6 +97,13 @@ class SyncOrderTests(HostTest):
         print(f"generate: {renames} names given, {manifests} manifests, "
               f"{sum(1 for name, _ in calls if name == 'fsync')} syncs", file=sys.stderr)
 
+    def test_the_audio_of_an_engine_that_syncs_nothing_is_synced(self):
+        engine = pathlib.Path(__file__).resolve().parents[2] / "Examples" / "engine.py"
+
+        calls = self.traced("generate", "--mood", "designflow", "--seconds", "1", "--engine", f"python3 {engine}")
+
+        self.assert_order(calls)
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -347,6 +347,7 @@ TEST_F(ProcessRendererEndTests, CancellingWhileTheResultIsCheckedLeavesNothing) 
     };
 
     EXPECT_THROW(render({"well"}), CancellationError);
+    EXPECT_THROW(render({"says-seconds", "1"}), CancellationError);  // nobody waits for what is wrong with it
 
     EXPECT_THAT(library(), IsEmpty());
 }
