@@ -1,6 +1,8 @@
 #include "App/Host.hpp"
 
+#include <algorithm>
 #include <cstdio>
+#include <system_error>
 
 #include "App/CommandLine.hpp"
 #include "App/ManifestFile.hpp"
@@ -55,7 +57,15 @@ void Host::prepare() const {
 }
 
 std::filesystem::path Host::libraryFolder() const {
-    if (!library.empty()) return std::filesystem::absolute(library).lexically_normal();
+    if (!library.empty()) {
+        const auto named = std::filesystem::absolute(library);
+        if (std::ranges::find(named, "..") == named.end()) return named.lexically_normal();
+        // "link/.." is not where the link lies, but leads from where it ends.
+        std::error_code error;
+        auto place = std::filesystem::weakly_canonical(named, error);
+        if (error) throw FileError("look at", named, error);
+        return place;
+    }
     const auto data = UserFolders::applicationData();
     if (!data) throw Error("There is no home folder. Name a place with --home.");
     return *data / "Loops";

@@ -5,7 +5,9 @@
 #include <cmath>
 #include <map>
 #include <string_view>
+#include <system_error>
 #include <unordered_set>
+#include <utility>
 
 #include "App/DigestBook.hpp"
 #include "App/ManifestFile.hpp"
@@ -51,25 +53,43 @@ bool isOnItsWay(const fs::path& file) {
     return facts && std::chrono::system_clock::now() - facts->modified < patience;
 }
 
-// Every file in the folder that is none of the library's records, links and others that are no folder included.
-std::vector<fs::path> filesIn(const fs::path& folder) {
+struct FolderContent {
     std::vector<fs::path> files;
-    std::error_code error;
-    fs::recursive_directory_iterator place(folder, error);
-    for (; !error && place != fs::recursive_directory_iterator(); place.increment(error)) {
-        const auto& entry = *place;
-        std::error_code ignored;
-        const bool isTop = place.depth() == 0;
-        if (entry.symlink_status(ignored).type() == fs::file_type::directory) {
-            if (isTop && isWork(entry)) place.disable_recursion_pending();
-            continue;
+    std::vector<std::string> unreadable;  // a sentence for each folder
+};
+
+// Every file in the folder that is none of the library's records, links and others that are no folder included. What
+// cannot be looked at is said, and the rest is looked at all the same.
+FolderContent contentOf(const fs::path& top) {
+    FolderContent content;
+    std::vector<fs::path> folders{top};
+    const auto fail = [&](const fs::path& place, const std::error_code& error) {
+        if (!error || error == std::errc::no_such_file_or_directory) return;  // gone by now
+        content.unreadable.push_back("\"" + place.string() + "\" cannot be looked at: " + error.message() + ".");
+    };
+    while (!folders.empty()) {
+        const fs::path folder = std::move(folders.back());
+        folders.pop_back();
+        const bool isTop = folder == top;
+        std::error_code error;
+        fs::directory_iterator place(folder, error);
+        for (; !error && place != fs::directory_iterator(); place.increment(error)) {
+            const auto& entry = *place;
+            std::error_code unseen;
+            const auto type = entry.symlink_status(unseen).type();
+            if (type == fs::file_type::none) {
+                fail(entry.path(), unseen);
+            } else if (type == fs::file_type::directory) {
+                if (!isTop || !isWork(entry)) folders.push_back(entry.path());
+            } else if (!isTop || !isLibraryRecord(entry.path().filename().native())) {
+                content.files.push_back(entry.path());
+            }
         }
-        const auto name = entry.path().filename().native();
-        if (isTop && isLibraryRecord(name)) continue;
-        files.push_back(entry.path());
+        fail(folder, error);
     }
-    std::ranges::sort(files);
-    return files;
+    std::ranges::sort(content.files);
+    std::ranges::sort(content.unreadable);
+    return content;
 }
 
 class UsedPaths {
@@ -140,7 +160,8 @@ LibraryCheck LibraryCheck::make(
     const fs::path& folder, const std::stop_token& stop,
     const std::function<void(std::size_t index, std::size_t count, const std::string& fingerprint)>& onPiece) {
     LibraryCheck result;
-    const auto files = filesIn(folder);
+    auto [files, unreadable] = contentOf(folder);
+    result.unreadable = std::move(unreadable);
     Entries entries;
     try {
         entries = entriesOf(folder);

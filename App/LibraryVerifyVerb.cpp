@@ -63,7 +63,7 @@ void addLibraryVerifyVerb(Verb library, Host& host) {
     Verb verb = library.addVerb("verify", "Prove that the pieces are what they were when they were made");
     verb.footer(
         "Decodes every piece and compares its samples with the digest that was kept. Changes nothing.\n"
-        "Ends with 3 if anything is damaged, missing or unlisted.\n\n"
+        "Ends with 3 if anything is damaged, missing, unlisted or cannot be looked at.\n\n"
         "Example: quillmere library verify --json");
     addLibraryOptions(verb, host);
     addJSONOption(verb, host);

@@ -18,7 +18,7 @@ std::string pathText(const std::filesystem::path& path) {
 }
 
 OutputFile::OutputFile(const std::filesystem::path& file, bool mayReplace)
-    : file_(std::filesystem::absolute(file).lexically_normal()),
+    : file_(std::filesystem::absolute(file)),  // as it was named: "link/.." is not where the link lies
       temporary_(file_.parent_path() / (".quillmere-" + UUID::random().text() + ".part")),
       mayReplace_(mayReplace) {
     if (!file_.has_filename()) throw Error("\"" + file.string() + "\" is a folder. Name a file.");

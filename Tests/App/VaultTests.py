@@ -57,6 +57,25 @@ class VaultTests(HostTest):
         there_now = json.loads(self.run_host("vault", "--json", *there, home=False).out)
         self.assertEqual(there_now, self.run_json("vault"))
 
+    def test_a_vault_is_exported_to_the_file_that_the_path_leads_to(self):
+        (self.place / "far" / "folder").mkdir(parents=True)
+        (self.place / "near").mkdir()
+        (self.place / "near" / "link").symlink_to(self.place / "far" / "folder")
+        for name in ("near", "far"):
+            (self.place / name / "x.json").write_text("mine")
+
+        self.run_host("vault", "export", "--force", "--output", f"{self.place}/near/link/../x.json")
+
+        self.assertEqual((self.place / "near" / "x.json").read_text(), "mine")
+        self.assertEqual(json.loads((self.place / "far" / "x.json").read_text())["recipes"], [])
+
+    def test_an_export_names_a_file(self):
+        (self.place / "folder").mkdir()
+        for name in ("folder", "folder/", "folder/.", "folder/..", "folder/./"):
+            done = self.run_host("vault", "export", "--force", "--output", f"{self.place}/{name}", expect=1)
+            self.assertRegex(done.err, "Name a file|nothing is written there")
+        self.assertEqual(list((self.place / "folder").iterdir()), [])
+
     def test_an_empty_vault_lists_and_exports_nothing(self):
         self.assertEqual(self.run_host("vault").out, "")
         self.assertEqual(self.run_json("vault"), [])

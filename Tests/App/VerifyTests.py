@@ -81,6 +81,63 @@ class VerifyTests(VerifyTest):
         self.assertEqual(found["unlisted"], [str(self.loops / name) for name in
                                              ("below/notes.txt", "link.wav", "mine.wav")])
 
+    def test_a_folder_that_cannot_be_looked_at_is_told_and_the_others_are_looked_through(self):
+        self.generate("--seed", 1, seconds=1)
+        (self.loops / "after").mkdir()
+        (self.loops / "after" / "mine.wav").write_text("x")
+        below = self.loops / "deep"
+        folder = os.open(self.loops, os.O_RDONLY)
+        for name in ["deep"] + ["x" * 255] * 20:  # longer than a path can be
+            os.mkdir(name, dir_fd=folder)
+            inner = os.open(name, os.O_RDONLY, dir_fd=folder)
+            os.close(folder)
+            folder = inner
+        os.close(folder)
+
+        found = self.verify(expect=3)
+
+        self.assertEqual(len(found["unreadable"]), 1)
+        self.assertIn(str(below), found["unreadable"][0])
+        self.assertIn("File name too long", found["unreadable"][0])
+        self.assertEqual(found["unlisted"], [str(self.loops / "after" / "mine.wav")])
+        self.assertIn("unreadable", self.library("verify", expect=3).out)
+
+    def test_a_folder_that_its_reader_may_not_open_is_told(self):
+        mark = self.put(1, seconds=0.1)
+        (self.loops / "closed").mkdir(mode=0)
+        (self.loops / "listed").mkdir()
+        (self.loops / "listed" / "mine.wav").write_text("x")
+        (self.loops / "listed").chmod(0o444)
+        # The rights do not bind who runs everything.
+        user = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
+        self.place.chmod(0o755)
+        (self.place / "run").mkdir(mode=0o777)
+        (self.place / "run").chmod(0o777)
+
+        found = self.run_host("library", "verify", "--json", expect=3, **user,
+                              environment={"TMPDIR": str(self.place / "run")})
+        (self.loops / "listed").chmod(0o755)
+        (self.loops / "closed").chmod(0o755)
+
+        unreadable = json.loads(found.out)["unreadable"]
+        self.assertEqual(len(unreadable), 2, unreadable)
+        self.assertIn(str(self.loops / "closed"), unreadable[0])
+        self.assertIn(str(self.loops / "listed" / "mine.wav"), unreadable[1])
+        self.assertEqual(json.loads(found.out)["damaged"], [], mark)
+
+    def test_a_place_behind_a_link_and_back_is_where_the_link_ends(self):
+        (self.place / "far" / "folder").mkdir(parents=True)
+        (self.place / "near").mkdir()
+        (self.place / "near" / "link").symlink_to(self.place / "far" / "folder")
+        (self.place / "near" / "Loops").mkdir()
+        (self.place / "far" / "Loops").mkdir()
+        (self.place / "far" / "Loops" / "mine.wav").write_text("x")
+        place = f"{self.place}/near/link/../Loops"
+
+        found = json.loads(self.library("verify", "--json", "--library", place, expect=3).out)
+
+        self.assertEqual(found["unlisted"], [str(self.place / "far" / "Loops" / "mine.wav")])
+
     def test_the_librarys_own_records_and_working_folders_are_no_strays(self):
         self.generate("--seed", 1, seconds=1)
         for name in ("manifest.unreadable-2024-05-01T10-20-30Z.json", "digests.before-2024-05-01T10-20-30Z.json"):
