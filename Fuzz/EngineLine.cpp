@@ -5,11 +5,13 @@
 
 #include "Fuzz/Sandbox.hpp"
 #include "QuillmereKit/Generation/GenerationStage.hpp"
+#include "QuillmereKit/Platform/Text.hpp"
 #include "Renderers/EngineProtocol.hpp"
 #include "Renderers/LineSplitter.hpp"
 #include "Renderers/TextTail.hpp"
 
-// What an engine writes to its standard output, from the bytes to what each line means.
+// What an engine writes: to its standard output, from the bytes to what each line means, and to its standard error,
+// whose end is shown when it fails.
 
 namespace {
 
@@ -17,6 +19,7 @@ using namespace quillmere;
 using fuzz::require;
 
 constexpr std::size_t lineLimit = 256;
+constexpr std::size_t tailLimit = 32;
 
 std::vector<std::string> linesOf(std::string_view bytes, std::size_t chunk) {
     std::vector<std::string> lines;
@@ -73,6 +76,26 @@ struct Line {
     std::string operator()(GenerationStage::Processing) const { return {}; }
 };
 
+std::string tailOf(std::string_view bytes, std::size_t chunk) {
+    TextTail tail(tailLimit);
+    for (std::size_t start = 0; start < bytes.size(); start += chunk) tail.append(bytes.substr(start, chunk));
+    return tail.text();
+}
+
+void checkTail(std::string_view bytes) {
+    const auto text = tailOf(bytes, 1);
+    for (const std::size_t chunk : {std::size_t{7}, std::size_t{40}, std::max<std::size_t>(bytes.size(), 1)}) {
+        require(tailOf(bytes, chunk) == text, "a tail is the same however it arrives");
+    }
+    require(isValidUTF8(text) && trimmed(text) == text, "a tail can stand in a message");
+    for (const char character : text) {
+        const auto code = static_cast<unsigned char>(character);
+        require(character == '\n' || (code >= 0x20 && code != 0x7F), "a tail steers no terminal");
+    }
+    const bool isPlain = std::ranges::all_of(bytes, [](char character) { return character > ' ' && character < 0x7F; });
+    require(!isPlain || text == bytes.substr(bytes.size() - std::min(bytes.size(), tailLimit)), "a tail is the end");
+}
+
 void check(std::string_view line) {
     const auto stage = GenerationStage::fromEngineLine(line);
     const auto report = engineProtocol::report(line);
@@ -93,5 +116,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     for (const auto& line : lines) check(line);
     check(bytes);
+    checkTail(bytes);
     return 0;
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,13 +14,14 @@
 #include "QuillmereKit/Moods/MoodFamily.hpp"
 #include "QuillmereKit/Moods/MoodSpec.hpp"
 #include "QuillmereKit/Moods/Persona.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 #include "QuillmereKit/Playback/PickerMode.hpp"
 #include "QuillmereKit/Playback/RadioSet.hpp"
 
 // Every type with a JSON form, each on the whole text; and what reads plain text: numbers, identifiers, restored
-// settings of older versions.
+// settings of older versions, the name in a lock file.
 
 namespace {
 
@@ -60,6 +62,18 @@ void readAsEverything(std::string_view text) {
     roundTripOrError<TagCategory>(value);
 }
 
+void readAsLockFile(std::string_view text) {
+    using fuzz::require;
+    const auto file = fuzz::sandbox() / "lock";
+    fuzz::write(file, text);
+    const auto holder = FolderLock::holder(file);
+    require(!holder.empty() && isValidUTF8(holder) && trimmed(holder) == holder, "a holder can stand in a message");
+    require(std::ranges::none_of(holder, [](char c) { return (c >= 0 && c < ' ') || c == 0x7F; }),
+            "a holder steers no terminal");
+    constexpr std::size_t longest = 512;
+    require(holder.size() <= longest && (text.size() <= longest || holder != trimmed(text)), "a holder is short");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -67,6 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto text = fuzz::text(data, size);
 
     readAsEverything(text);
+    readAsLockFile(text);
     if (const auto horizon = Horizon::fromRawValue(text)) {
         require(Horizon::fromRawValue(horizon->rawValue()) == horizon, "a horizon is its raw value");
     }

@@ -30,6 +30,7 @@ bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0
 }  // namespace
 
 void TextTail::append(std::string_view bytes) {
+    isCut_ = isCut_ || bytes_.size() + bytes.size() > limit_;
     if (bytes.size() > limit_) bytes.remove_prefix(bytes.size() - limit_);
     bytes_ += bytes;
     if (bytes_.size() > 2 * limit_) bytes_.erase(0, bytes_.size() - limit_);
@@ -37,7 +38,7 @@ void TextTail::append(std::string_view bytes) {
 
 std::string TextTail::text() const {
     std::string_view rest = bytes_;
-    if (rest.size() > limit_) {
+    if (isCut_) {
         rest.remove_prefix(rest.size() - limit_);
         // The cut may have gone through a character.
         for (int count = 0; count < 3 && !rest.empty() && isContinuation(rest.front()); ++count) rest.remove_prefix(1);

@@ -19,7 +19,8 @@ public:
 
 private:
     const std::size_t limit_;
-    std::string bytes_;  // at most twice the limit
+    std::string bytes_;   // at most twice the limit
+    bool isCut_ = false;  // whether more than the limit came; then the limit at least is there
 };
 
 }  // namespace quillmere

@@ -41,9 +41,12 @@ TEST(TextTailTests, ReplacesWhatIsNotUTF8) {
 }
 
 TEST(TextTailTests, DoesNotBeginInTheMiddleOfACharacter) {
-    EXPECT_EQ(tail("xx\u20ACabc", 5), "abc");
-    EXPECT_EQ(tail("xx\u20ACabc", 4), "abc");
-    EXPECT_EQ(tail("xx\u20ACabc", 6), "\u20ACabc");
+    for (const std::size_t piece : {1U, 2U, 5U, 7U, 100U}) {
+        SCOPED_TRACE(piece);
+        EXPECT_EQ(tail("xx\u20ACabc", 5, piece), "abc");
+        EXPECT_EQ(tail("xx\u20ACabc", 4, piece), "abc");
+        EXPECT_EQ(tail("xx\u20ACabc", 6, piece), "\u20ACabc");
+    }
 }
 
 TEST(TextTailTests, IsAlwaysUTF8) {
