@@ -38,7 +38,10 @@ Descriptor lockAsAnother(const path& file) {
     return isLocked ? std::move(opened) : Descriptor();
 }
 
-TEST(RenderFolderTests, RunThatBeginsWhileOthersAreCleanedUpKeepsItsWork) {
+class RunThatBegins : public testing::TestWithParam<bool> {};
+
+TEST_P(RunThatBegins, WhileOthersAreCleanedUpKeepsItsWork) {
+    const bool isNamedAtOnce = GetParam();
     int kept = 0;
     for (int call = 1;; ++call) {
         SCOPED_TRACE("at call " + std::to_string(call));
@@ -48,11 +51,14 @@ TEST(RenderFolderTests, RunThatBeginsWhileOthersAreCleanedUpKeepsItsWork) {
         const path work = store.path() / id;
         std::filesystem::create_directory(making);
         Descriptor lock;
-        const auto beginAsAnother = [&] {
-            lock = lockAsAnother(making / ".lock");
-            if (!lock.isOpen()) return;  // whoever cleans up came first; another folder is made
+        const auto giveName = [&] {
             std::filesystem::rename(making, work);
             store.putFile(id + "/audio.wav", "half a piece");
+        };
+        const auto beginAsAnother = [&] {
+            lock = lockAsAnother(making / ".lock");
+            // Where it is taken, whoever cleans up came first, and another folder is made.
+            if (lock.isOpen() && isNamedAtOnce) giveName();
         };
 
         bool isOver = false;
@@ -64,6 +70,9 @@ TEST(RenderFolderTests, RunThatBeginsWhileOthersAreCleanedUpKeepsItsWork) {
 
         if (lock.isOpen()) {
             ++kept;
+            if (!isNamedAtOnce) {
+                ASSERT_NO_THROW(giveName());
+            }
             EXPECT_EQ(store.content(id + "/audio.wav"), "half a piece");
             EXPECT_TRUE(std::filesystem::exists(work / ".lock"));
         } else {
@@ -73,6 +82,9 @@ TEST(RenderFolderTests, RunThatBeginsWhileOthersAreCleanedUpKeepsItsWork) {
     }
     EXPECT_GT(kept, 2);
 }
+
+INSTANTIATE_TEST_SUITE_P(RenderFolderTests, RunThatBegins, testing::Bool(),
+                         [](const auto& instance) { return instance.param ? "NamedAtOnce" : "NamedLater"; });
 
 TEST(RenderFolderTests, FolderThatIsTakenForALeftoverWhileItIsMadeIsReplacedByAnother) {
     int replaced = 0;
