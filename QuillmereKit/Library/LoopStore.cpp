@@ -139,10 +139,20 @@ std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::
 }
 
 void LoopStore::State::put(LoopArtifact artifact) {
-    const auto key = LoopKey::of(artifact.identity);
-    const auto place = folder.placeOf(artifact.url);
-    unsaved.insert(key);
-    table.put({std::move(artifact), place});
+    std::vector<LoopArtifact> artifacts;
+    artifacts.push_back(std::move(artifact));
+    putAll(std::move(artifacts));
+}
+
+void LoopStore::State::putAll(std::vector<LoopArtifact> artifacts) {
+    std::vector<LoopTable::Item> items;
+    items.reserve(artifacts.size());
+    for (auto& artifact : artifacts) {
+        const auto place = folder.placeOf(artifact.url);
+        unsaved.insert(LoopKey::of(artifact.identity));
+        items.push_back({std::move(artifact), place});
+    }
+    table.putAll(std::move(items));
 }
 
 void LoopStore::State::requireLock() {
@@ -384,7 +394,7 @@ void LoopStore::add(LoopArtifact artifact) {
 
 void LoopStore::add(std::vector<LoopArtifact> artifacts) {
     const std::lock_guard lock(state_->mutex);
-    for (auto& artifact : artifacts) state_->put(std::move(artifact));
+    state_->putAll(std::move(artifacts));
     state_->saveIgnoringFailure();
 }
 

@@ -115,7 +115,7 @@ public:
     /// piece stays stored in memory, and the next save tries again.
     void add(LoopArtifact artifact);
 
-    /// The same for many pieces, with one save.
+    /// The same for many pieces, with one save. If memory runs out none of them is stored.
     void add(std::vector<LoopArtifact> artifacts);
 
     /// The same for the caller who has to know: when this returns, the manifest on disk lists the piece and would

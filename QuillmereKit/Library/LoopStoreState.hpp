@@ -56,6 +56,9 @@ struct LoopStore::State {
     /// Stores a piece in memory.
     void put(LoopArtifact artifact);
 
+    /// The same for many: all of them, or none if memory runs out.
+    void putAll(std::vector<LoopArtifact> artifacts);
+
     /// Writes the manifest in its ordinary form; throws what `LoopFolder::save` throws, and notes it.
     void save();
 

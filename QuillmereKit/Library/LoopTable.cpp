@@ -82,18 +82,40 @@ bool LoopTable::fill(const JSONValue& manifest, const std::function<std::optiona
 }
 
 void LoopTable::put(Item item) {
-    const auto text = encoded(item.artifact);
-    const auto key = LoopKey::of(item.artifact.identity);
-    auto loop = std::make_unique<StoredLoop>(key, std::move(item.artifact), texts_);
-    loop->isInside = item.place.isInside;
-    loop->isPlain = item.place.isPlain;
-    loop->isEncodable = text.has_value();
+    std::vector<Item> items;
+    items.push_back(std::move(item));
+    putAll(std::move(items));
+}
 
-    auto& mood = moods_[*loop->moodID];
-    if (mood.size() == mood.capacity()) mood.reserve(2 * mood.size() + 1);
-    loops_.reserve(count() + 1);
-    // From here on nothing can throw: the table and the mood's list have room, and a piece is moved without allocating.
-    auto* place = loops_.find(key);
+void LoopTable::putAll(std::vector<Item> items) {
+    struct Ready {
+        std::unique_ptr<StoredLoop> loop;
+        std::optional<std::string> text;
+    };
+    std::vector<Ready> ready;
+    ready.reserve(items.size());
+    for (auto& item : items) {
+        auto text = encoded(item.artifact);
+        const auto key = LoopKey::of(item.artifact.identity);
+        auto loop = std::make_unique<StoredLoop>(key, std::move(item.artifact), texts_);
+        loop->isInside = item.place.isInside;
+        loop->isPlain = item.place.isPlain;
+        loop->isEncodable = text.has_value();
+
+        auto& mood = moods_[*loop->moodID];
+        const std::size_t needed = mood.size() + items.size();
+        if (needed > mood.capacity()) mood.reserve(std::max(needed, 2 * mood.size() + 1));
+        ready.push_back({std::move(loop), std::move(text)});
+    }
+    loops_.reserve(count() + items.size());
+    // From here on nothing can throw: the table and the moods' lists have room, and a piece is moved without
+    // allocating.
+    for (auto& [loop, text] : ready) take(std::move(loop), text);
+}
+
+void LoopTable::take(std::unique_ptr<StoredLoop> loop, const std::optional<std::string>& text) noexcept {
+    auto& mood = moods_.find(*loop->moodID)->second;
+    auto* place = loops_.find(loop->key);
     const bool isNew = place == nullptr;
     if (isNew) {
         place = &loops_.insert(std::move(loop));

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -58,6 +59,9 @@ public:
     /// Stores a piece, replacing the one with its fingerprint.
     void put(Item item);
 
+    /// The same for many pieces: all of them, or none if it throws.
+    void putAll(std::vector<Item> items);
+
     /// Removes pieces; how many of them were there.
     std::size_t remove(std::span<const LoopKey> keys) noexcept;
 
@@ -73,6 +77,7 @@ public:
     [[nodiscard]] std::optional<std::string> unencodableText() const;
 
 private:
+    void take(std::unique_ptr<StoredLoop> loop, const std::optional<std::string>& text) noexcept;
     void appendToManifest(StoredLoop& loop, std::string_view text);
     void rebuildManifest();
 
