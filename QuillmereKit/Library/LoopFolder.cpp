@@ -225,12 +225,50 @@ bool LoopFolder::isNothingAt(const std::filesystem::path& place) noexcept {
     return std::filesystem::symlink_status(place, error).type() == std::filesystem::file_type::not_found;
 }
 
-void LoopFolder::sync(const FileURL& url) const {
+// Made before it is needed: memory may have run out by then.
+LoopFolder::Doubt LoopFolder::doubtOf(const std::filesystem::path& file) const {
+    Doubt doubt{{file}, {path()}};
+    for (auto folder = file.parent_path(); files_.names(folder); folder = folder.parent_path()) {
+        doubt.folders.insert(folder);
+    }
+    return doubt;
+}
+
+bool LoopFolder::isDoubtful(const std::filesystem::path& file) const {
+    const std::lock_guard lock(doubtMutex_);
+    return doubtful_.files.contains(file) || doubtful_.folders.contains(file.parent_path());
+}
+
+void LoopFolder::remember(Doubt doubt, const FileError& failure) noexcept {
+    const std::lock_guard lock(doubtMutex_);
+    doubtful_.files.merge(doubt.files);
+    if (failure.step() == "sync folder") doubtful_.folders.merge(doubt.folders);
+}
+
+void LoopFolder::sync(const FileURL& url) {
     const auto file = fileOf(url);
     if (!file || !files_.names(*file)) return;
     const auto place = standardPath(*file);
+    auto doubt = doubtOf(place);
+    const auto syncFolders = [&] {
+        for (auto folder = place.parent_path(); folder != path(); folder = folder.parent_path()) syncFolder(folder);
+        syncFolder(path());
+    };
     try {
-        systemCalls::sync(files_.open(place).number(), place);
+        if (!isDoubtful(place)) {
+            try {
+                systemCalls::sync(files_.open(place).number(), place);
+                syncFolders();
+                return;
+            } catch (const FileError& error) {
+                if (error.step() != "fsync" && error.step() != "sync folder") throw;
+                remember(std::move(doubt), error);
+            }
+        }
+        files_.rewrite(place);
+        syncFolders();
+        const std::lock_guard lock(doubtMutex_);
+        doubtful_.files.erase(place);
     } catch (const FileError& error) {
         // Not its own. But a file that only could not be looked at must not pass for one that is safe.
         const bool isNotOwn = error.code() == std::errc::operation_not_permitted ||
@@ -239,8 +277,16 @@ void LoopFolder::sync(const FileURL& url) const {
         if (error.step() == "open" && isNotOwn) return;
         throw;
     }
-    for (auto folder = place.parent_path(); folder != path(); folder = folder.parent_path()) syncFolder(folder);
-    syncFolder(path());
+}
+
+void LoopFolder::move(const std::filesystem::path& from, const std::filesystem::path& to) {
+    auto doubt = doubtOf(to);
+    try {
+        files_.move(from, to);
+    } catch (const FileError& error) {
+        if (error.isInPlace()) remember(std::move(doubt), error);
+        throw;
+    }
 }
 
 // Of a file directly in the folder: the lock, the manifest, the digests and the copies of them. An entry that names one
@@ -397,6 +443,8 @@ void LoopFolder::save(std::string_view manifest, Scope scope) {
         throw;
     }
     noteAsOurs();
+    const std::lock_guard lock(doubtMutex_);
+    doubtful_.folders.clear();  // what the manifest lists by now was written anew
 }
 
 }  // namespace quillmere

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -22,8 +23,8 @@ namespace quillmere {
 
 /// A loop store's folder on disk: who may write in it, which files are its own, and its manifest.
 ///
-/// Not thread-safe: the store's lock guards it, but for what only asks about a file, which never changes. Blocks on
-/// disk.
+/// Not thread-safe: the store's lock guards it, but for `sync` and what only asks about a file, which never changes.
+/// Blocks on disk.
 class LoopFolder {
 public:
     /// The file that a process holds locked as long as it has the store open.
@@ -85,8 +86,14 @@ public:
     /// Whether nothing at all stands at a path. False where that cannot be told.
     [[nodiscard]] static bool isNothingAt(const std::filesystem::path& place) noexcept;
 
-    /// Flushes a piece's file and its name to the disk if the folder owns it. Throws `FileError`.
-    void sync(const FileURL& url) const;
+    /// Flushes a piece's file and its name to the disk if the folder owns it. A file of which that failed, now or
+    /// before, is written anew, because syncing it again would prove nothing. Throws `FileError`; that it failed is
+    /// remembered. Thread-safe.
+    void sync(const FileURL& url);
+
+    /// Gives the folder's own file `from` the free name `to` in the folder, durably. Throws what `OwnFolder::move`
+    /// throws; that a sync failed is remembered for `sync`.
+    void move(const std::filesystem::path& from, const std::filesystem::path& to);
 
     /// Fills an empty table with the entries of the manifest whose files exist as regular files. Returns whether the
     /// manifest could be read; a missing one is an empty one. A manifest that cannot be read, or not be kept whole, is
@@ -132,6 +139,15 @@ private:
     [[nodiscard]] static bool isBookkeepingName(std::string_view name) noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] std::optional<JSONDocument> readManifest();
+    // What a later sync does not make safe: files of which a sync failed, and all those in folders of which one failed
+    // since the last save, for their names may be lost.
+    struct Doubt {
+        std::set<std::filesystem::path> files;
+        std::set<std::filesystem::path> folders;
+    };
+    [[nodiscard]] Doubt doubtOf(const std::filesystem::path& file) const;
+    [[nodiscard]] bool isDoubtful(const std::filesystem::path& file) const;
+    void remember(Doubt doubt, const FileError& failure) noexcept;
 
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;
@@ -143,6 +159,8 @@ private:
     bool isUnread_ = false;
     std::optional<FileError> refusal_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
+    mutable std::mutex doubtMutex_;
+    Doubt doubtful_;  // guarded by doubtMutex_
 };
 
 }  // namespace quillmere

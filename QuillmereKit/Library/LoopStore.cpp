@@ -228,7 +228,7 @@ void LoopStore::State::saveIgnoringFailure() noexcept {
 bool LoopStore::State::tryDiscard(const Discard& discard, const FileURL& url) noexcept {
     try {
         return discard(url);
-    } catch (const std::exception&) {
+    } catch (...) {
         return false;
     }
 }
@@ -237,7 +237,7 @@ bool LoopStore::State::tryDiscard(const Discard& discard, const std::filesystem:
                                   const FileURL& url) noexcept {
     try {
         return discard(url.path() == file ? url : FileURL::fromPath(file));
-    } catch (const std::exception&) {
+    } catch (...) {
         return false;
     }
 }

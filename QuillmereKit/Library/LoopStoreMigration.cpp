@@ -84,6 +84,16 @@ FileFacts verifyLossless(const OwnFolder& own, const path& file, const Proof& pr
     return opened.facts;
 }
 
+// One place for what nobody could act on: the failure that it follows is the one that is told.
+template <class Action>
+void ignoringFailure(const Action& action) {
+    try {
+        action();
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
 // Calls a function when the scope is left.
 template <class Function>
 struct AtEnd {
@@ -116,14 +126,55 @@ void LoopStore::State::discardOwn(const Discard& discard, const path& file) cons
     if (!folder.owns(file)) return;
     try {
         static_cast<void>(discard(FileURL::fromPath(file)));
-    } catch (const std::exception&) {
+    } catch (...) {
         // It stays; the next migration of the piece, or the next start, tries again.
     }
 }
 
-void LoopStore::State::encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files,
+// Whether the manifest holds the piece as it was.
+bool LoopStore::State::takeBack(const LoopArtifact& before) {
+    put(before);
+    try {
+        save();
+        return true;
+    } catch (const FileError& error) {
+        return error.isInPlace();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void LoopStore::State::record(const LoopArtifact& changed, const LoopArtifact& before) {
+    try {
+        put(changed);
+        save();
+        // A piece that no manifest can hold is left out of it, and then the manifest names no file of it.
+        if (table.find(LoopKey::of(changed.identity))->isEncodable) return;
+        throw EncodingError("The manifest cannot hold this piece.");
+    } catch (const FileError& error) {
+        if (takeBack(before) || !error.isInPlace()) throw error.notInPlace();
+        put(changed);  // memory follows the file
+        throw;
+    } catch (const std::exception&) {
+        takeBack(before);
+        throw;
+    }
+}
+
+bool LoopStore::State::fallBackToSource(LoopArtifact& piece, const MigrationFiles& files) {
+    const StoredLoop* const loop = table.find(LoopKey::of(piece.identity));
+    if (loop == nullptr || !loop->isInside || folder.fileInside(*loop) != files.target) return true;
+    if (loop->artifact() != piece || !canMigrate(*loop)) return false;
+    auto changed = piece.withURL(FileURL::fromPath(files.source));
+    record(changed, piece);
+    piece = std::move(changed);
+    return true;
+}
+
+bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piece, const MigrationFiles& files,
                                       const Encode& encode, const std::function<void()>& verify,
                                       const std::stop_token& stop) {
+    const auto key = LoopKey::of(piece.identity);
     {
         const std::lock_guard lock(mutex);
         UsedFiles used(folder);
@@ -150,26 +201,28 @@ void LoopStore::State::encodeLossless(const Discard& discard, LoopKey key, const
         table.forEach([&](const StoredLoop& loop) {
             if (loop.key != key) usedByOthers.add(loop);
         });
-        if (!usedByOthers.contains(files.target)) discardOwn(discard, files.target);
         try {
-            OwnFolder(folder.path()).move(files.temporary, files.target);
+            if (!usedByOthers.contains(files.target)) {
+                // Were the process to end between the old file's going and the new one's coming, a manifest that names
+                // the target would name nothing, and the piece be lost at the next start.
+                if (!fallBackToSource(piece, files)) {
+                    discardOwn(discard, files.temporary);
+                    return false;
+                }
+                discardOwn(discard, files.target);
+            }
+            folder.move(files.temporary, files.target);
         } catch (const FileError& failure) {
-            throw failure.notInPlace();  // the copy is, the record of it is not
+            throw failure.notInPlace();  // the copy may be, the record of it is not
         }
+        return true;
     } catch (...) {
         const std::lock_guard lock(mutex);
         discardOwn(discard, files.temporary);
-        fallBackToSource(key, files);
+        // One whose lossless file is gone altogether need not wait for the next encoding to be heard.
+        if (LoopFolder::isNothingAt(files.target)) ignoringFailure([&] { fallBackToSource(piece, files); });
         throw;
     }
-}
-
-void LoopStore::State::fallBackToSource(LoopKey key, const MigrationFiles& files) {
-    const StoredLoop* const loop = table.find(key);
-    if (loop == nullptr || !loop->isInside || folder.fileInside(*loop) != files.target) return;
-    if (!LoopFolder::isNothingAt(files.target) || !folder.owns(files.source)) return;
-    put(loop->artifact().withURL(FileURL::fromPath(files.source)));
-    saveIgnoringFailure();
 }
 
 std::vector<LoopArtifact> LoopStore::losslessMigrationCandidates() const {
@@ -183,12 +236,13 @@ std::vector<LoopArtifact> LoopStore::losslessMigrationCandidates() const {
 
 bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop) {
     const auto key = LoopKey::of(artifact.identity);
+    LoopArtifact piece = artifact;
     State& state = *state_;
     const OwnFolder own(directory());
     // Under the lock: whether the piece is still the one that was given, and may be migrated.
     const auto isStillThere = [&] {
         const StoredLoop* const loop = state.table.find(key);
-        return loop != nullptr && loop->artifact() == artifact && state.canMigrate(*loop);
+        return loop != nullptr && loop->artifact() == piece && state.canMigrate(*loop);
     };
 
     MigrationFiles files;
@@ -219,28 +273,28 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     }
     if (!verified) {
         const auto verify = [&] { verified = verifyLossless(own, files.temporary, proof, stop); };
-        state.encodeLossless(discard_, key, files, encode, verify, stop);
+        if (!state.encodeLossless(discard_, piece, files, encode, verify, stop)) return false;
     }
     if (stop.stop_requested()) throw CancellationError();
 
     const std::lock_guard lock(state.mutex);
     if (!isStillThere()) return false;
     if (!isSameFile(own.facts(files.target), *verified)) failAsCorrupt(files.target);
-    state.put(artifact.withURL(target));
+    const FileError unrecorded("record", files.target, make_error_code(FileFault::fileWriteUnknown));
     try {
-        state.save();
-        // A piece that no manifest can hold is left out of it, and then the manifest names neither file.
-        if (!state.table.find(key)->isEncodable) throw EncodingError("The manifest cannot hold this piece.");
+        state.record(piece.withURL(target), piece);
+    } catch (const FileError& error) {
+        throw error.isInPlace() ? unrecorded.inPlace() : unrecorded;
     } catch (const std::exception&) {
-        state.put(artifact);
-        state.saveIgnoringFailure();
-        throw FileError("record", files.target, make_error_code(FileFault::fileWriteUnknown));
+        throw unrecorded;
     }
 
-    // A source that is no longer what was proved stays: whatever it holds now, nothing else holds it.
+    // A source that is no longer what was proved stays: whatever it holds now, nothing else holds it. So does one whose
+    // twin had to be written anew to be safe: that is proved by the next migration.
     UsedFiles used(state.folder);
     state.table.forEach([&](const StoredLoop& loop) { used.add(loop); });
-    if (!used.contains(files.source) && isSameFile(own.facts(files.source), proof.source)) {
+    const bool isProved = isSameFile(own.facts(files.target), *verified);
+    if (isProved && !used.contains(files.source) && isSameFile(own.facts(files.source), proof.source)) {
         state.discardOwn(discard_, files.source);
     }
     return true;

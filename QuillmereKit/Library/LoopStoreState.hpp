@@ -82,13 +82,21 @@ struct LoopStore::State {
     /// file, or a lossless one that a migration left its WAV file beside.
     [[nodiscard]] bool canMigrate(const StoredLoop& loop) const;
 
+    /// Stores a piece and saves. What cannot be saved is taken back: the piece is `before` again, in memory and, as far
+    /// as it had come, on disk. Throws what `save` throws, or `EncodingError` for a piece that no manifest can hold.
+    /// Only where the taking back failed too is the change in place; the error says so, and memory keeps it.
+    void record(const LoopArtifact& changed, const LoopArtifact& before);
+
     /// Encodes into the temporary file, calls `verify`, and gives the file the target's name. Takes the lock where it
-    /// needs it, but neither while encoding nor while verifying. On failure the temporary file is gone.
-    void encodeLossless(const Discard& discard, LoopKey key, const MigrationFiles& files, const Encode& encode,
+    /// needs it, but neither while encoding nor while verifying. A piece that names the target names the source before
+    /// the target goes, and `piece` is changed with it. False if that one must not be changed any more. On failure the
+    /// temporary file is gone.
+    bool encodeLossless(const Discard& discard, LoopArtifact& piece, const MigrationFiles& files, const Encode& encode,
                         const std::function<void()>& verify, const std::stop_token& stop);
 
-    /// A piece whose lossless file was found damaged and removed, but not replaced, plays its WAV file again.
-    void fallBackToSource(LoopKey key, const MigrationFiles& files);
+    /// Records that a piece that names the target plays from the source. False, with nothing done, if it is not the one
+    /// given any more, or may not be migrated. Throws what `record` throws.
+    bool fallBackToSource(LoopArtifact& piece, const MigrationFiles& files);
 
     /// Makes sure that this process may change the folder. Where it could not until now, it first takes in what others
     /// have written meanwhile: the table may be another one afterwards. Throws `LibraryInUse` or `FileError`.
@@ -108,6 +116,7 @@ struct LoopStore::State {
 
 private:
     bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);
+    bool takeBack(const LoopArtifact& before);
     void catchUp();
     template <class MakeText>
     void write(LoopFolder::Scope scope, const MakeText& makeText);

@@ -282,10 +282,7 @@ void copyFile(const std::filesystem::path& from, const std::filesystem::path& to
         throw FileError("create", to, std::make_error_code(std::errc::file_exists));
     }
     systemCalls::TemporaryFile temporary(folder.number(), newFileMode, to);
-    std::string buffer(std::size_t{256} * 1024, '\0');
-    while (const auto count = systemCalls::readUpTo(source.number(), buffer, from)) {
-        systemCalls::writeAll(temporary.number(), std::string_view(buffer).substr(0, count), to);
-    }
+    systemCalls::copyAll(source.number(), from, temporary.number(), to);
     temporary.finish();
     temporary.place(target.name);
     afterTheFact([&] { systemCalls::syncFolder(folder.number(), target.folder); });

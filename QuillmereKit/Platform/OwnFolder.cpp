@@ -156,6 +156,27 @@ void OwnFolder::move(const std::filesystem::path& from, const std::filesystem::p
     syncAfterTheFact(source.folder, from.parent_path());
 }
 
+void OwnFolder::rewrite(const std::filesystem::path& file) const {
+    const auto location = located(file, "open");
+    const Descriptor source = systemCalls::openRegularAt(location.folder.number(), location.name.c_str(), file);
+    struct stat before {};
+    if (::fstat(source.number(), &before) != 0) throw FileError("look at", file, systemCalls::lastError());
+
+    systemCalls::TemporaryFile temporary(location.folder.number(), 0600, file);
+    temporary.setPermissions(before.st_mode & 07777);
+    systemCalls::copyAll(source.number(), file, temporary.number(), file);
+    temporary.finish();
+
+    struct stat now {};
+    const auto error = systemCalls::statusAt(location.folder.number(), location.name.c_str(), now);
+    if (error) throw FileError("look at", file, error);
+    if (systemCalls::factsFrom(now) != systemCalls::factsFrom(before)) {
+        throw FileError("replace", file, std::make_error_code(std::errc::resource_unavailable_try_again));
+    }
+    temporary.replace(location.name);
+    syncAfterTheFact(location.folder, file.parent_path());
+}
+
 bool OwnFolder::removeFolder(const std::filesystem::path& folder) const {
     std::error_code error;
     const auto location = locate(folder, "remove", error);

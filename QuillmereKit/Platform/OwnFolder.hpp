@@ -53,6 +53,13 @@ public:
     /// `fileNotRegular` where `open` does. If only a sync failed, the error's `isInPlace()` is true.
     void move(const std::filesystem::path& from, const std::filesystem::path& to) const;
 
+    /// Writes the folder's own `file` anew: what it holds goes into a fresh file beside it, which is synced and takes
+    /// its place, and the folder is synced. For a file of which a sync failed: what the system could not write it may
+    /// have dropped, and a later sync of the same file succeeds without it. Keeps the permission bits. Throws
+    /// `FileError`, the file being as it was: where `open` does, and with `std::errc::resource_unavailable_try_again`
+    /// if it changed meanwhile. If only the last sync failed, the error's `isInPlace()` is true.
+    void rewrite(const std::filesystem::path& file) const;
+
     /// Removes a folder below this one with all it holds, following no link. Returns whether it was removed; false,
     /// with nothing touched, if it is not a folder below this one, a link lies on the way, or it is not there. Throws
     /// `FileError` if removing failed on the way.

@@ -157,6 +157,13 @@ std::size_t readUpToAt(int file, std::span<std::byte> bytes, std::uint64_t offse
     return filled;
 }
 
+void copyAll(int from, const std::filesystem::path& shownFrom, int to, const std::filesystem::path& shownTo) {
+    std::string buffer(std::size_t{256} * 1024, '\0');
+    while (const auto count = readUpTo(from, buffer, shownFrom)) {
+        writeAll(to, std::string_view(buffer).substr(0, count), shownTo);
+    }
+}
+
 void sync(int file, const std::filesystem::path& shown) {
     if (::fsync(file) != 0) throw FileError("fsync", shown, lastError());
 }

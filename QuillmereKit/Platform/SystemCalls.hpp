@@ -62,6 +62,9 @@ void writeAllAt(int file, std::span<const std::byte> bytes, std::uint64_t offset
 [[nodiscard]] std::size_t readUpToAt(int file, std::span<std::byte> bytes, std::uint64_t offset,
                                      const std::filesystem::path& shown);
 
+/// Writes the rest of one file to the end of another.
+void copyAll(int from, const std::filesystem::path& shownFrom, int to, const std::filesystem::path& shownTo);
+
 /// Flushes a file to the disk, once: after a failed sync the system may have dropped what it could not write.
 void sync(int file, const std::filesystem::path& shown);
 

@@ -254,6 +254,74 @@ TEST_F(LoopStoreMigrationTests, ADamagedLosslessFileIsMadeAnewFromTheWAVFileBesi
     expectMigrated(store);
 }
 
+TEST_F(LoopStoreMigrationTests, ThePieceNamesItsWAVFileOnDiskBeforeItsDamagedLosslessFileGoes) {
+    home.putFile("Loops/" + m4a().filename().string(), "damaged");
+    const auto migrated = track.withURL(FileURL::fromPath(m4a()));
+    writeManifest(std::vector{migrated});
+    std::vector<std::string> listed;
+    LoopStore store(folder, ResourceBundle(home.path() / "App"), [&](const FileURL& url) {
+        if (url.path() == m4a()) listed = listedURLs();
+        return std::filesystem::remove(url.path());
+    });
+
+    EXPECT_TRUE(store.migrateToLossless(migrated, encode));
+
+    EXPECT_EQ(listed, std::vector{track.url.text()});
+    expectMigrated(store);
+}
+
+TEST_F(LoopStoreMigrationTests, ADamagedLosslessFileThatCannotBeDiscardedLeavesThePieceItsWAVFile) {
+    home.putFile("Loops/" + m4a().filename().string(), "damaged");
+    const auto migrated = track.withURL(FileURL::fromPath(m4a()));
+    writeManifest(std::vector{migrated});
+    LoopStore store(folder, ResourceBundle(home.path() / "App"),
+                    [&](const FileURL& url) { return url.path() != m4a() && std::filesystem::remove(url.path()); });
+
+    EXPECT_EQ(failureOf(store, encode, migrated), std::errc::file_exists);
+
+    expectUntouched(store);
+    EXPECT_EQ(home.content("Loops/" + m4a().filename().string()), "damaged");
+}
+
+TEST_F(LoopStoreMigrationTests, APieceProtectedWhileItsDamagedLosslessFileIsMadeAnewKeepsIt) {
+    home.putFile("Loops/" + m4a().filename().string(), "damaged");
+    const auto migrated = track.withURL(FileURL::fromPath(m4a()));
+    writeManifest(std::vector{migrated});
+    auto store = open();
+
+    EXPECT_FALSE(store.migrateToLossless(migrated, [&](const FileURL& source, const FileURL& destination) {
+        encodeALAC(source, destination);
+        store.protectFromMigration({migrated.id()}, player);
+    }));
+
+    EXPECT_EQ(store.artifact(track.identity), migrated);
+    EXPECT_EQ(listedURLs(), std::vector{migrated.url.text()});
+    EXPECT_EQ(home.content("Loops/" + m4a().filename().string()), "damaged");
+    EXPECT_FALSE(std::filesystem::exists(temporary()));
+}
+
+TEST_F(LoopStoreMigrationTests, APieceWhoseLosslessFileIsGonePlaysItsWAVFileWhenEncodingFails) {
+    writeALAC(m4a(), samples);
+    const auto migrated = track.withURL(FileURL::fromPath(m4a()));
+    writeManifest(std::vector{migrated});
+    auto store = open();
+    std::filesystem::remove(m4a());
+
+    EXPECT_EQ(failureOf(store, writing(tones(5, 2, 1000)), migrated), unconfirmed);
+
+    expectUntouched(store);
+}
+
+TEST_F(LoopStoreMigrationTests, ADiscardThatThrowsWhatIsNoExceptionLeavesTheWAVFile) {
+    writeManifest(std::vector{track});
+    LoopStore store(folder, ResourceBundle(home.path() / "App"), [](const FileURL&) -> bool { throw 42; });
+
+    EXPECT_TRUE(store.migrateToLossless(track, encode));
+
+    EXPECT_EQ(store.artifact(track.identity), track.withURL(FileURL::fromPath(m4a())));
+    EXPECT_TRUE(std::filesystem::exists(wav()));
+}
+
 TEST_F(LoopStoreMigrationTests, AWAVFileThatCannotBeDiscardedStaysAndIsRemovedTheNextTime) {
     auto store = opened();
     discards = false;

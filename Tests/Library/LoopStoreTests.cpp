@@ -701,6 +701,19 @@ TEST_F(LoopStoreDiscardTests, ThrowingDiscardCountsAsNotRemoved) {
     EXPECT_FALSE(store.discardUnstored(stray("cancelled.wav")));
 }
 
+TEST_F(LoopStoreDiscardTests, ADiscardThatThrowsWhatIsNoExceptionCountsAsNotRemoved) {
+    const auto stray = home.putFile("Loops/Render-1/stray.wav", "RIFF");
+    const auto kept = piece("kept");
+    writeManifest(std::vector{kept});
+    LoopStore store(folder, ResourceBundle(home.path() / "App"), [](const FileURL&) -> bool { throw 42; });
+
+    EXPECT_FALSE(store.discardUnstored(FileURL::fromPath(stray)));
+    EXPECT_THAT(store.trash([](const LoopArtifact&) { return true; }), testing::IsEmpty());
+
+    EXPECT_TRUE(std::filesystem::exists(stray));
+    EXPECT_EQ(store.artifact(kept.identity), kept);
+}
+
 TEST_F(LoopStoreDiscardTests, FileOfAPieceIsRefusedHoweverItIsSpelled) {
     auto store = open();
     const auto rain = piece("deepcode");

@@ -1,11 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <random>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
@@ -102,6 +104,38 @@ TEST_F(LosslessFaultTests, WhateverFailsWhileADamagedLosslessPieceIsMadeAnewItSt
         EXPECT_EQ(AudioPCM::digest(isDamaged ? track.url : stored->url), digest);
         if (call.empty()) break;
     }
+}
+
+TEST_F(LosslessFaultTests, TheWAVFileStaysWhereItsTwinWasWrittenAnewAfterTheProof) {
+    bool wasWrittenAnew = false;
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE(failing);
+        renew();
+        std::vector<RecordedCall> calls;
+        std::string struck;
+        bool isMigrated = false;
+        auto store = open();
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync", .record = &calls});
+            try {
+                isMigrated = store.migrateToLossless(track, encode);
+            } catch (const FileError&) {
+                EXPECT_FALSE(isMigrated);
+            }
+            struck = faults.struck();
+        }
+        if (struck.empty()) break;
+        const auto namings = std::ranges::count(calls, m4a(), &RecordedCall::to);
+        if (!isMigrated || namings < 2) continue;
+        wasWrittenAnew = true;
+        const auto migrated = track.withURL(FileURL::fromPath(m4a()));
+        EXPECT_EQ(store.artifact(track.identity), migrated);
+        EXPECT_EQ(AudioPCM::digest(track.url), digest);
+
+        EXPECT_TRUE(store.migrateToLossless(migrated, encode));
+        expectMigrated(store);
+    }
+    EXPECT_TRUE(wasWrittenAnew);
 }
 
 TEST_F(LosslessFaultTests, ShortAndInterruptedReadsAndWritesChangeNothing) {

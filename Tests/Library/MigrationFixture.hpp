@@ -44,9 +44,10 @@ struct MigrationFixture : LoopStoreFixture {
     }
 
     /// The code of the error with which the migration fails; an empty one, and a failed test, if it does not.
-    std::error_code failureOf(LoopStore& store, const LoopStore::Encode& with, const std::stop_token& stop = {}) {
+    std::error_code failureOf(LoopStore& store, const LoopStore::Encode& with) { return failureOf(store, with, track); }
+    static std::error_code failureOf(LoopStore& store, const LoopStore::Encode& with, const LoopArtifact& piece) {
         try {
-            store.migrateToLossless(track, with, stop);
+            store.migrateToLossless(piece, with);
         } catch (const FileError& error) {
             return error.code();
         }

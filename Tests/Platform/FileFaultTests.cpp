@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -240,6 +241,46 @@ TEST(FileFaults, AnOwnFileIsMovedOrStillThere) {
             const bool isMoved = !outcome.error || outcome.error->isInPlace();
             EXPECT_EQ(folder.content(isMoved ? "piece.wav" : "Render-1/audio.wav"), "content");
         });
+}
+
+TEST(FileFaults, AnOwnFileWrittenAnewHoldsWhatItHeldAndAnErrorTells) {
+    std::optional<FileFacts> before;
+    std::set<std::string> told;
+    forEachFailingCall(
+        [&](const TemporaryFolder& folder) { before = factsOf(folder.putFile("sub/file", "content")); },
+        [](const TemporaryFolder& folder) { OwnFolder(folder.path()).rewrite(folder.path() / "sub" / "file"); },
+        [&](const TemporaryFolder& folder, const Outcome& outcome) {
+            const bool isNew = !outcome.error || outcome.error->isInPlace();
+            EXPECT_EQ(factsOf(folder.path() / "sub" / "file")->inode != before->inode, isNew);
+            EXPECT_EQ(folder.content("sub/file"), "content");
+            EXPECT_EQ(listFolder(folder.path() / "sub").size(), 1U);
+            if (outcome.error) told.insert(outcome.struck);
+        });
+    EXPECT_THAT(told, testing::IsSupersetOf({"openat", "read", "write", "fsync", "close", "renameat", "fstatat"}));
+}
+
+TEST(FileFaults, AnOwnFileThatChangesWhileItIsWrittenAnewKeepsTheChange) {
+    for (const bool isReplaced : {false, true}) {
+        SCOPED_TRACE(isReplaced);
+        const TemporaryFolder folder;
+        folder.putFile("file", "content");
+        folder.putFile("other", "another");
+        const auto file = folder.path() / "file";
+        std::error_code code;
+        {
+            const SystemCallFaults faults({.failing = 1, .call = "fsync", .meanwhile = [&] {
+                                               if (isReplaced) std::filesystem::rename(folder.path() / "other", file);
+                                               if (!isReplaced) folder.putFile("file", "more content");
+                                           }});
+            try {
+                OwnFolder(folder.path()).rewrite(file);
+            } catch (const FileError& error) {
+                code = error.code();
+            }
+        }
+        EXPECT_EQ(code, std::errc::resource_unavailable_try_again);
+        EXPECT_EQ(folder.content("file"), isReplaced ? "another" : "more content");
+    }
 }
 
 TEST(FileFaults, AWAVFileIsFinishedOrAnErrorTells) {

@@ -190,6 +190,28 @@ TEST_F(OwnFolderTests, MovesItsOwnFilesWithinItself) {
     EXPECT_FALSE(fileExists(deep));
 }
 
+TEST_F(OwnFolderTests, WritesItsOwnFilesAnewUnderTheSameName) {
+    const std::string content(1'000'001, 'x');
+    folder.putFile("Loops/Render-1/sub/audio.wav", content);
+    std::filesystem::permissions(deep, std::filesystem::perms(0640));
+    const auto before = factsOf(deep);
+
+    own.rewrite(deep);
+
+    EXPECT_EQ(folder.content("Loops/Render-1/sub/audio.wav"), content);
+    EXPECT_NE(factsOf(deep)->inode, before->inode);
+    EXPECT_EQ(std::filesystem::status(deep).permissions(), std::filesystem::perms(0640));
+    EXPECT_EQ(listFolder(deep.parent_path()).size(), 1U);
+}
+
+TEST_F(OwnFolderTests, WritesNothingAnewThatIsNotItsOwn) {
+    for (const auto& stranger : strangers()) {
+        SCOPED_TRACE(stranger);
+        EXPECT_THROW(own.rewrite(stranger), FileError);
+    }
+    expectNothingIsLost();
+}
+
 TEST_F(OwnFolderTests, NeverMovesOverAnything) {
     for (const auto& taken : {file, loops / "link.wav", loops / "fifo", loops / "Render-1"}) {
         SCOPED_TRACE(taken);

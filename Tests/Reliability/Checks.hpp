@@ -52,6 +52,10 @@ public:
     /// audio that it lists.
     void checkIsSafe(const std::vector<RecordedCall>& calls) const;
 
+    /// After some calls of the operation and of later ones, of which some failed: what is listed now, with its audio,
+    /// would survive a power cut.
+    void checkListedIsSafe(const std::vector<RecordedCall>& calls) const;
+
     /// After the process or the machine stopped during the operation (or, if it `wasDone`, after it): the files, what
     /// the next start finds, and that it goes on working.
     void checkAfterStop(bool wasDone, bool lostPower) const;
@@ -70,6 +74,7 @@ private:
     Tree before_;
     Tree after_;
     Lines linesBefore_;
+    Lines linesMidway_;  // those before, where there is nothing between
     Lines linesAfter_;
 };
 

@@ -56,19 +56,25 @@ void Disk::name(std::vector<Naming> changes) {
     pendingNames_.push_back({order_++, std::move(changes)});
 }
 
+void Disk::put(std::string& content, const PendingWrite& change) {
+    if (change.truncates) {
+        content.resize(change.offset, '\0');
+    } else {
+        overwrite(content, change.offset, change.bytes);
+    }
+}
+
 void Disk::write(PendingWrite change) {
     change.order = order_++;
-    if (change.truncates) {
-        change.node->now.resize(change.offset, '\0');
-    } else {
-        overwrite(change.node->now, change.offset, change.bytes);
-    }
+    put(change.node->now, change);
     pendingWrites_.push_back(std::move(change));
 }
 
 void Disk::sync(const NodePtr& node, const std::string& path) {
     if (!node->isFolder) {
-        node->safe = node->now;
+        for (const auto& write : pendingWrites_) {
+            if (write.node == node) put(node->safe, write);
+        }
         std::erase_if(pendingWrites_, [&](const PendingWrite& write) { return write.node == node; });
         return;
     }
@@ -90,11 +96,25 @@ void Disk::sync(const NodePtr& node, const std::string& path) {
                   [](const PendingName& pending) { return std::ranges::all_of(pending.changes, &Naming::isSafe); });
 }
 
+void Disk::drop(const NodePtr& node, const std::string& path) {
+    if (!node->isFolder) {
+        std::erase_if(pendingWrites_, [&](const PendingWrite& write) { return write.node == node; });
+        return;
+    }
+    std::erase_if(pendingNames_, [&](const PendingName& pending) {
+        return std::ranges::any_of(pending.changes, [&](const Naming& change) {
+            const bool isFolder = change.node && change.node->isFolder;
+            return !change.isSafe && !isFolder && folderOf(change.path) == path;
+        });
+    });
+}
+
 bool Disk::areBytesSafe(const std::filesystem::path& path) const {
     const auto name = inside(path);
     const auto found = name ? now_.find(*name) : now_.end();
     if (found == now_.end()) return true;
-    return std::ranges::none_of(pendingWrites_, [&](const auto& write) { return write.node == found->second; });
+    return found->second->safe == found->second->now &&
+           std::ranges::none_of(pendingWrites_, [&](const auto& write) { return write.node == found->second; });
 }
 
 void Disk::apply(const RecordedCall& call) {
@@ -128,6 +148,9 @@ void Disk::apply(const RecordedCall& call) {
             return;
         case Kind::sync:
             if (opened != open_.end()) sync(opened->second.node, opened->second.path);
+            return;
+        case Kind::failedSync:
+            if (opened != open_.end()) drop(opened->second.node, opened->second.path);
             return;
         case Kind::close: open_.erase(call.descriptor); return;
         case Kind::rename: {
@@ -185,13 +208,7 @@ Tree Disk::afterPowerCut(const std::function<Fate(std::size_t index, bool isName
         const std::string_view bytes = pending.bytes;
         switch (fateOf(pending.order, false)) {
             case Fate::lost: break;
-            case Fate::kept:
-                if (pending.truncates) {
-                    content.resize(pending.offset, '\0');
-                } else {
-                    overwrite(content, pending.offset, bytes);
-                }
-                break;
+            case Fate::kept: put(content, pending); break;
             case Fate::torn:
                 if (!pending.truncates) overwrite(content, pending.offset, bytes.substr(0, bytes.size() / 2));
                 break;

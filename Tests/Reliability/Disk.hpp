@@ -20,8 +20,9 @@ namespace quillmere::test {
 /// It is as unkind as POSIX lets it be. A file's bytes are safe after its fsync, and a folder's names after the
 /// folder's, not before, and neither brings the other. What is not safe may be there after the power cut or not, each
 /// name and each write for itself, in whatever order they were asked for; a write may also be there in part, or as
-/// zeros of its length. Two kindnesses, which all file systems in use give: a rename within a folder happens whole or
-/// not at all, and one from folder to folder never loses the file.
+/// zeros of its length. A sync that fails drops what it should have kept: it can still be read, but no later sync
+/// brings it back. Three kindnesses: a rename within a folder happens whole or not at all, and one from folder to
+/// folder never loses the file, which holds for all file systems in use; and no folder itself is dropped.
 class Disk {
 public:
     /// Everything in `tree`, seen from `root`, is safe, but for what stands in `unsynced`.
@@ -77,8 +78,10 @@ private:
 
     [[nodiscard]] std::optional<std::string> inside(const std::filesystem::path& path) const;
     void name(std::vector<Naming> changes);
+    static void put(std::string& content, const PendingWrite& change);
     void write(PendingWrite change);
     void sync(const NodePtr& node, const std::string& path);
+    void drop(const NodePtr& node, const std::string& path);
 
     std::filesystem::path root_;
     Names safe_;

@@ -23,6 +23,7 @@ struct DiskTests : testing::Test {
     void write(int descriptor, const char* bytes) {
         disk.apply({.kind = Kind::write, .descriptor = descriptor, .bytes = bytes});
     }
+    void failToSync(int descriptor) { disk.apply({.kind = Kind::failedSync, .descriptor = descriptor}); }
     void sync(int descriptor) { disk.apply({.kind = Kind::sync, .descriptor = descriptor}); }
     void rename(const char* from, const char* to) { disk.apply({.kind = Kind::rename, .path = from, .to = to}); }
 
@@ -101,6 +102,42 @@ TEST_F(DiskTests, ARemovedNameMayComeBackUntilItsFolderIsSynced) {
     open(4, "/home/");
     sync(4);
     EXPECT_THAT(disk.safeTree(), IsEmpty());
+}
+
+TEST_F(DiskTests, BytesThatAFailedSyncDroppedNoLaterOneBringsBack) {
+    open(3, "/home/list");
+    write(3, "newer");
+    failToSync(3);
+    EXPECT_FALSE(disk.areBytesSafe("/home/list"));
+
+    open(4, "/home/list");
+    sync(4);
+
+    EXPECT_THAT(all(Fate::kept), ElementsAre(Pair("list", "old")));
+    EXPECT_FALSE(disk.areBytesSafe("/home/list"));
+}
+
+TEST_F(DiskTests, WhatIsWrittenAfterAFailedSyncIsSafeAfterTheNext) {
+    open(3, "/home/list");
+    write(3, "new");
+    failToSync(3);
+    write(3, "again");
+    sync(3);
+
+    EXPECT_THAT(disk.safeTree(), ElementsAre(Pair("list", "again")));
+}
+
+TEST_F(DiskTests, NamesThatAFailedSyncDroppedNoLaterOneBringsBack) {
+    open(3, "/home/new");
+    disk.apply({.kind = Kind::makeFolder, .path = "/home/sub"});
+    open(4, "/home");
+    failToSync(4);
+    sync(4);
+    EXPECT_THAT(disk.safeTree(), ElementsAre(Pair("list", "old"), Pair("sub/", "")));
+
+    rename("/home/new", "/home/list");
+    sync(4);
+    EXPECT_THAT(disk.safeTree(), ElementsAre(Pair("list", ""), Pair("sub/", "")));
 }
 
 TEST_F(DiskTests, WhatIsInAFolderGoesWithIt) {

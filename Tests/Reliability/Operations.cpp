@@ -98,17 +98,22 @@ std::string inLoops(const LoopIdentity& identity, const char* extension = ".wav"
     return "Loops/" + identity.filename() + extension;
 }
 
+std::vector<LoopArtifact> listedPieces(const path& home) {
+    std::vector<LoopArtifact> listed;
+    for (const auto& each : {first, second, recorded}) listed.push_back(piece(home, each));
+    std::ranges::sort(listed, {}, &LoopArtifact::id);
+    return listed;
+}
+
+void putManifest(const path& home, const std::vector<LoopArtifact>& listed) {
+    put(home / "Loops" / "manifest.json", encodeJSON(listed, JSONWriter::Form::compact));
+}
+
 /// Three pieces, a new one's audio, and a file that is nobody's.
 void prepareLoops(const path& home) {
-    std::vector<LoopArtifact> listed;
-    for (const auto& each : {first, second, recorded}) {
-        put(fileOf(home, each), audio(each));
-        listed.push_back(piece(home, each));
-    }
-    put(fileOf(home, fresh), audio(fresh));
+    for (const auto& each : {first, second, recorded, fresh}) put(fileOf(home, each), audio(each));
     put(home / "Loops" / "stranger.wav", "a stranger's");
-    std::ranges::sort(listed, {}, &LoopArtifact::id);
-    put(home / "Loops" / "manifest.json", encodeJSON(listed, JSONWriter::Form::compact));
+    putManifest(home, listedPieces(home));
 }
 
 bool discard(const FileURL& url) {
@@ -140,7 +145,8 @@ public:
     [[nodiscard]] bool isOpen() const override { return store_ != nullptr; }
     [[nodiscard]] Lines memory() const override { return linesOf(store_->all()); }
     void change() override {
-        put(fileOf(home_, extra), audio(extra));
+        createFolders(home_ / "Loops");
+        if (!std::filesystem::exists(fileOf(home_, extra))) writeUnsynced(fileOf(home_, extra), audio(extra));
         store_->addPersistent(piece(home_, extra));
     }
 
@@ -476,7 +482,7 @@ Operation migrate() {
     };
     operation.mayGo = {inLoops(first)};
     operation.mayCome = {inLoops(first, ".m4a")};
-    operation.isExact = false;  // it may say that the copy could not be recorded when the record could not be undone
+    operation.keepsAudio = true;
     return operation;
 }
 
@@ -504,6 +510,18 @@ Operation migrateOntoOldCopy() {
     return operation;
 }
 
+/// The first piece names `copy`, its lossless file, and the WAV file is still there.
+void prepareMigrated(const path& home, std::string_view copy) {
+    prepareLoops(home);
+    putMusic(fileOf(home, first));
+    put(home / inLoops(first, ".m4a"), copy);
+    auto listed = listedPieces(home);
+    for (auto& each : listed) {
+        if (each.identity == first) each = each.withURL(FileURL::fromPath(home / inLoops(first, ".m4a")));
+    }
+    putManifest(home, listed);
+}
+
 Operation adoptLossless() {
     auto operation = migrate();
     operation.name = "MigrateAdoptingACopy";
@@ -514,6 +532,25 @@ Operation adoptLossless() {
     };
     operation.mayCome = {};
     operation.isUnsynced = {inLoops(first, ".m4a")};
+    return operation;
+}
+
+/// A migration that stopped between its record and the removal of the WAV file.
+Operation completeMigration() {
+    auto operation = migrate();
+    operation.name = "MigrateAPieceThatNamesItsCopy";
+    operation.prepare = [](const path& home) { prepareMigrated(home, lossless()); };
+    operation.mayCome = {};
+    return operation;
+}
+
+/// The same, but what the manifest names is no proof of anything.
+Operation mendMigration() {
+    auto operation = migrate();
+    operation.name = "MigrateAPieceThatNamesADamagedCopy";
+    operation.prepare = [](const path& home) { prepareMigrated(home, lossless().substr(0, 300)); };
+    operation.mayGo = {inLoops(first), inLoops(first, ".m4a")};
+    operation.midway = [](const path& home) { return linesOf(listedPieces(home)); };
     return operation;
 }
 #endif
@@ -691,6 +728,8 @@ const std::vector<Operation>& operations() {
         migrateForReal(),
         migrateOntoOldCopy(),
         adoptLossless(),
+        completeMigration(),
+        mendMigration(),
 #endif
         onMoods("SaveAMood", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
         onMoods("ReplaceAMood", [](CustomMoodStore& store) { store.save(mood("my-1", "Uno")); }),

@@ -46,6 +46,10 @@ struct Operation {
     bool isOpening = false;                 ///< It opens the store, so that what cannot be read is not in memory.
     bool isDoneByAnyStart = false;          ///< So that it is done after the next start, whatever became of it.
     bool isExact = true;  ///< An exception that does not say "in place" says that nothing was written.
+    /// Where the change takes two steps, what the store's file may hold between them, whatever ends it there.
+    std::function<Lines(const std::filesystem::path& home)> midway = {};
+    /// What is listed has its audio at every moment, and after an exception memory holds what the file does.
+    bool keepsAudio = false;
 };
 
 /// All of them.

@@ -211,8 +211,8 @@ int fsync(int file) {
     const faults::Fate fate("fsync");
     int result = -1;
     if (!fate.fails) result = faults::isSyncingNothing ? 0 : next(file);
-    if (result == 0 && faults::isRecording()) {
-        faults::record({.kind = faults::Kind::sync, .descriptor = file});
+    if (faults::isRecording()) {
+        faults::record({.kind = result == 0 ? faults::Kind::sync : faults::Kind::failedSync, .descriptor = file});
     }
     return result;
 }

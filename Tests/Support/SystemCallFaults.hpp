@@ -11,9 +11,9 @@
 
 namespace quillmere::test {
 
-/// One system call that changed files, or synced them, and succeeded.
+/// One system call that changed files, or synced them, and succeeded; or a sync that failed.
 struct RecordedCall {
-    enum class Kind { open, write, truncate, sync, close, rename, link, remove, makeFolder };
+    enum class Kind { open, write, truncate, sync, failedSync, close, rename, link, remove, makeFolder };
     Kind kind = Kind::open;
     int descriptor = -1;              ///< The open file, where the call has one; that of the new one for `open`.
     std::filesystem::path path = {};  ///< The whole path of the name it opens, makes, renames or removes.
