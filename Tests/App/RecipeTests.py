@@ -399,6 +399,10 @@ class RecipeTests(HostTest):
         large = self.write(json.dumps(self.recipe()).encode() + b" " * 64 * 1024 * 1024, "large.json")
         for file in (fifo, large, self.place, self.place / "none.json", "/dev/zero"):
             self.run_host("recipe", "show", file, expect=1)
+        for size, status in ((16 * 1024 * 1024, 0), (16 * 1024 * 1024 + 1, 1)):
+            text = json.dumps(self.recipe()).encode().ljust(size)
+            for part in ("show", "check"):
+                self.run_host("recipe", part, self.write(text, "large.json"), expect=status)
 
     @unittest.skipIf("QUILLMERE_IS_SANITIZED" in os.environ, "the sanitizer reserves more than the bound")
     def test_a_large_file_needs_a_bounded_memory(self):

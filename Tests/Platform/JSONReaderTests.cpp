@@ -508,6 +508,26 @@ TEST(JSONReaderTests, DeepNestingIsReadTo512LevelsAndRefusedWhenAbsurd) {
     EXPECT_FALSE(isAccepted(repeated("\"", absurd + 1)));
 }
 
+// An empty object or array at the bottom is one that the parser does not go into.
+TEST(JSONReaderTests, NestingIsReadTo1023LevelsAndAnEmptyOneBelowThem) {
+    constexpr std::size_t most = 1023;
+    for (const auto& [open, empty, close] : {std::tuple("[", "[]", "]"), {"{\"a\":", "{}", "}"}}) {
+        SCOPED_TRACE(open);
+        const auto nested = [&, open = std::string(open), close = std::string(close)](std::size_t depth,
+                                                                                      const std::string& bottom) {
+            return repeated(open, depth) + bottom + repeated(close, depth);
+        };
+        EXPECT_TRUE(isAccepted(nested(most, "1")));
+        EXPECT_FALSE(isAccepted(nested(most + 1, "1")));
+        EXPECT_TRUE(isAccepted(nested(most, empty)));
+        EXPECT_FALSE(isAccepted(nested(most + 1, empty)));
+        const std::string blanks(std::size_t{73} << 20, ' ');  // what is long is looked at before
+        EXPECT_TRUE(isAccepted(nested(most, empty) + blanks));
+        EXPECT_FALSE(isAccepted(nested(most + 1, "1") + blanks));
+        EXPECT_FALSE(isAccepted(nested(most + 1, empty) + blanks));
+    }
+}
+
 // Of a text of many megabytes the nesting is looked at before anything else.
 TEST(JSONReaderTests, NestingOfALongTextIsJudgedAsThatOfAShortOne) {
     constexpr std::size_t length = std::size_t{73} << 20;

@@ -181,6 +181,16 @@ TEST_F(WAVFileTests, NoBeginningOfAFilePassesAsTheFile) {
     EXPECT_EQ(errorOf(whole), std::error_code());
 }
 
+TEST_F(WAVFileTests, TheAudioIsLookedForIn1024Chunks) {
+    const auto withOthers = [](int others) {
+        std::string chunks;
+        for (int index = 0; index < others; ++index) chunks += chunk("junk", "");
+        return riff(chunks + plainFormat + chunk("data", fourFrames) + chunks);
+    };
+    EXPECT_EQ(errorOf(withOthers(1022)), std::error_code());
+    EXPECT_EQ(errorOf(withOthers(1023)), make_error_code(FileFault::fileReadCorruptFile));
+}
+
 TEST_F(WAVFileTests, WhatIsNoWholeWAVFileIsCorrupt) {
     const auto data = chunk("data", fourFrames);
     const auto withFormat = [&](const std::string& content) { return riff(chunk("fmt ", content) + data); };

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "Renderers/ProcessRenderer.hpp"
+
 namespace quillmere::test {
 namespace {
 
@@ -31,6 +33,14 @@ TEST(LineSplitterTests, CutsLinesHoweverTheyArrive) {
         EXPECT_THAT(lines("one\n", 10, piece), ElementsAre("one"));
         EXPECT_THAT(lines("", 10, piece), IsEmpty());
     }
+}
+
+TEST(LineSplitterTests, ALineOfAnEngineIsTakenUpTo64KiB) {
+    const auto limit = ProcessRendererOptions().lineLimit;
+    const std::string longest(65'536, 'x');
+
+    EXPECT_THAT(lines(longest + "\n" + longest + "x\nlast", limit, 4096), ElementsAre(longest, "last"));
+    EXPECT_EQ(ProcessRendererOptions().outputLimit, 268'435'456U) << "256 MiB of output in all";
 }
 
 TEST(LineSplitterTests, SkipsALongLineToItsEnd) {
