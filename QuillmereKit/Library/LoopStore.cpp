@@ -171,7 +171,7 @@ void LoopStore::State::catchUp() {
     LoopTable present;
     try {
         if (!folder.load(present)) {
-            if (folder.refusal()) throw *folder.refusal();
+            if (folder.refusal()) throw FileError(*folder.refusal());
             // A manifest that is damaged is kept aside before the next save; what is remembered is then all there is.
             return;
         }

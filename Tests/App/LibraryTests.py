@@ -282,6 +282,21 @@ class PruneTests(LibraryTest):
 
         self.assertEqual(self.marks(), [seed])
 
+    def test_costs_the_user_no_list_where_the_library_is_the_home_folder(self):
+        names = ("Moods.json", "saved.json", "settings.json")
+        lists = {"Moods.json": {"version": 1, "moods": []}, "settings.json": {"pace": "gentle"},
+                 "saved.json": {"schema": "quillmere.recipes/1", "recipes": []}}
+        for name in names:
+            (self.home / name).write_text(json.dumps(lists[name]))
+        (self.home / "manifest.json").write_text(json.dumps(
+            [{"identity": identity(seed=seed), "url": "file://" + quote(str(self.home / name)), "seconds": 1}
+             for seed, name in enumerate(names)]))
+
+        self.prune("--keep", 0, "--yes", "--library", self.home)
+
+        for name in names:
+            self.assertEqual(json.loads((self.home / name).read_text()), lists[name])
+
     def test_forgets_the_digests_of_what_is_gone(self):
         gone, kept = self.put(1, age=2), self.put(2, age=1)
         (self.loops / "digests.json").write_text(json.dumps(
