@@ -99,8 +99,7 @@ const std::shared_ptr<LoopStore>& Host::writableStore() {
         const auto folder = libraryFolder();
         createFolders(folder);
         // Shared with the store, which takes the same lock when it opens.
-        lock_ = FolderLock::tryAcquire(folder / ".lock");
-        if (!lock_) throw LibraryInUse(folder, FolderLock::holder(folder / ".lock"));
+        lock_ = FolderLock::acquire(folder / ".lock");
     }
     return store();
 }
@@ -117,9 +116,7 @@ std::shared_ptr<FolderLock> Host::lockData() {
     const auto data = UserFolders::applicationData();
     if (!data) throw Error("There is no home folder. Name a place with --home.");
     createFolders(*data);
-    auto lock = FolderLock::tryAcquire(*data / ".lock");
-    if (!lock) throw LibraryInUse(*data, FolderLock::holder(*data / ".lock"));
-    return lock;
+    return FolderLock::acquire(*data / ".lock");
 }
 
 void Host::fail(ExitCode code, std::string_view message) {

@@ -89,8 +89,7 @@ bool isRegular(const std::filesystem::path& place) {
     return facts && facts->kind == FileFacts::Kind::regular;
 }
 
-// A lock file that is there and held, and one that is there and free: neither says anything without it.
-bool isHeld(const std::filesystem::path& lockFile) { return isRegular(lockFile) && FolderLock::isHeld(lockFile); }
+// Only a lock file that is there says anything.
 bool isFree(const std::filesystem::path& lockFile) { return isRegular(lockFile) && !FolderLock::isHeld(lockFile); }
 
 // A lock, or a list: the user may keep the library where their moods, recipes and settings lie, or around it.
@@ -401,14 +400,7 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
 void LoopFolder::takeLock() {
     createFolders(path());
     lock_.reset();
-    // Who held it may have let go before it could be asked who that is.
-    constexpr int attempts = 8;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        lock_ = FolderLock::tryAcquire(lockFile());
-        if (lock_) return;
-        if (isHeld(lockFile())) throw LibraryInUse(path(), FolderLock::holder(lockFile()));
-    }
-    throw FileError("lock", lockFile(), std::make_error_code(std::errc::permission_denied));
+    lock_ = FolderLock::acquire(lockFile());
 }
 
 bool LoopFolder::isManifestForeign() const noexcept {

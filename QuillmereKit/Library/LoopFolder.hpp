@@ -108,8 +108,8 @@ public:
     /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
     [[nodiscard]] bool hasLock() const noexcept { return lock_ && lock_->isInForce(); }
 
-    /// Takes the lock, anew if the folder was replaced under the running program. Throws `LibraryInUse`, or `FileError`
-    /// if the lock file cannot be made.
+    /// Takes the lock, anew if the folder was replaced under the running program. Throws as `FolderLock::acquire` does,
+    /// and `FileError` if the folder cannot be made.
     void takeLock();
 
     /// Whether the manifest is there and another than this process last read or wrote.

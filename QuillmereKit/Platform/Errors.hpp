@@ -26,6 +26,7 @@ enum class FileFault {
     fileWriteUnknown,         ///< What was written could not be proved or recorded.
     fileReadTooLarge,         ///< The file is larger than the reader's limit.
     fileNotRegular,           ///< Not a regular file: a folder, a link, a device, a fifo.
+    fileNotOwn,               ///< Somebody else's file where one of the library's own should be.
 };
 
 /// `FileFault` as a standard error code.

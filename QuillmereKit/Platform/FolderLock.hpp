@@ -33,15 +33,23 @@ private:
 /// removing it could take it away from under the next owner. Thread-safe; blocks on disk, but never on another's lock.
 class FolderLock {
 public:
-    /// Takes the lock on `lockFile` (made if missing), or shares this process's own. Returns nothing if another process
-    /// holds it or the file cannot be made; never waits. Anything but a regular file is refused, links too.
+    /// Takes the lock on `lockFile` (made if missing), or shares this process's own; never waits.
+    ///
+    /// Throws `LibraryInUse` if another process holds it, and `FileError` for every other cause: the file cannot be
+    /// made or opened, the file system has no locks, or what stands there is no lock file. That is anything but a
+    /// regular file, links too (`fileNotRegular`), and a file that holds something else than a lock file's line or has
+    /// a second name (`fileNotOwn`): it is left as it is, and only regular files are ever opened.
+    [[nodiscard]] static std::shared_ptr<FolderLock> acquire(const std::filesystem::path& lockFile);
+
+    /// The same, or nothing where that throws one of these.
     [[nodiscard]] static std::shared_ptr<FolderLock> tryAcquire(const std::filesystem::path& lockFile);
 
     /// Whether any process, this one included, holds the lock now. False if there is no lock file; true where that
-    /// cannot be told, because "free" is what others act on.
+    /// cannot be told, or what stands there is no lock file, because "free" is what others act on.
     [[nodiscard]] static bool isHeld(const std::filesystem::path& lockFile) noexcept;
 
-    /// Who holds it, from the lock file's text; "another process" where that cannot be told.
+    /// Who holds it, from the lock file's text ("quillmere, process 4711"); "another process" where that cannot be
+    /// told.
     [[nodiscard]] static std::string holder(const std::filesystem::path& lockFile);
 
     /// Whether the file at the path is still the one that is locked. Somebody may have removed or replaced it since;

@@ -15,14 +15,6 @@
 namespace quillmere::systemCalls {
 namespace {
 
-/// Repeats a system call that answers -1 as long as a signal interrupts it.
-template <typename Call>
-auto uninterrupted(Call call) noexcept {
-    auto result = call();
-    while (result < 0 && errno == EINTR) result = call();
-    return result;
-}
-
 FileFacts::Kind kindOf(mode_t mode) noexcept {
     if (S_ISREG(mode)) return FileFacts::Kind::regular;
     if (S_ISDIR(mode)) return FileFacts::Kind::folder;

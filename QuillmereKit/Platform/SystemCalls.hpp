@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -24,6 +25,14 @@ namespace quillmere::systemCalls {
 inline constexpr std::string_view temporaryPrefix = ".quillmere-";
 inline constexpr std::string_view temporarySuffix = ".tmp";
 [[nodiscard]] std::string freshTemporaryName();
+
+/// Repeats a system call that answers -1 as long as a signal interrupts it.
+template <typename Call>
+auto uninterrupted(Call call) noexcept {
+    auto result = call();
+    while (result < 0 && errno == EINTR) result = call();
+    return result;
+}
 
 /// The calling thread's `errno` as an error code.
 [[nodiscard]] std::error_code lastError() noexcept;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -452,6 +453,88 @@ TEST(FileFaults, ALockFileReplacedBeforeItIsLockedIsLockedAnew) {
 
     ASSERT_NE(lock, nullptr);
     EXPECT_TRUE(lock->isInForce());
+}
+
+TEST(FileFaults, ALockThatCannotBeHadForAnyOtherCauseIsNotCalledInUse) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile(".lock", "quillmere, process 4711\n");  // who is dead
+    struct Fault {
+        const char* call;
+        int error;
+    };
+    for (const auto fault : {Fault{"open", EROFS}, Fault{"open", ENOSPC}, Fault{"open", EACCES}, Fault{"open", ENFILE},
+                             Fault{"fstatat", EIO}, Fault{"fstat", EIO}, Fault{"fcntl", ENOLCK}, Fault{"fcntl", EIO},
+                             Fault{"pread", EIO}}) {
+        SCOPED_TRACE(std::string(fault.call) + ": " + std::strerror(fault.error));
+        const SystemCallFaults faults({.failing = 1, .error = fault.error, .call = fault.call});
+        try {
+            static_cast<void>(FolderLock::acquire(file));
+            ADD_FAILURE() << "taken";
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.code(), std::error_code(fault.error, std::system_category()));
+            EXPECT_EQ(error.path(), file);
+        }
+    }
+    EXPECT_FALSE(FolderLock::isHeld(file));
+    EXPECT_EQ(folder.content(".lock"), "quillmere, process 4711\n");
+}
+
+TEST(FileFaults, ALockThatItsHolderLetsGoJustNowIsTaken) {
+    const TemporaryFolder folder;
+    for (const int error : {EAGAIN, EACCES}) {
+        const SystemCallFaults faults({.failing = 1, .error = error, .call = "fcntl"});
+
+        EXPECT_NE(FolderLock::acquire(folder.path() / ".lock"), nullptr);
+    }
+}
+
+TEST(FileFaults, ALockThatIsNeverToBeHadIsInUse) {
+    const TemporaryFolder folder;
+    const SystemCallFaults faults({.failing = 1, .error = EAGAIN, .call = "fcntl", .persists = true});
+
+    EXPECT_THROW(static_cast<void>(FolderLock::acquire(folder.path() / ".lock")), Error);
+}
+
+TEST(FileFaults, NothingButARegularFileIsOpenedForALock) {
+    const TemporaryFolder folder;
+    folder.putFile("file", "content");
+    const auto fifo = folder.path() / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    std::filesystem::create_directory(folder.path() / "folder");
+    std::filesystem::create_symlink("file", folder.path() / "link");
+    std::filesystem::create_symlink("fifo", folder.path() / "link to a fifo");
+    std::filesystem::create_symlink("away", folder.path() / "dangling");
+    for (const char* name : {"fifo", "folder", "link", "link to a fifo", "dangling"}) {
+        SCOPED_TRACE(name);
+        std::vector<RecordedCall> calls;
+        {
+            const SystemCallFaults recording({.record = &calls});
+            EXPECT_EQ(FolderLock::tryAcquire(folder.path() / name), nullptr);
+            EXPECT_TRUE(FolderLock::isHeld(folder.path() / name));
+            EXPECT_EQ(FolderLock::holder(folder.path() / name), "another process");
+        }
+        for (const auto& call : calls) EXPECT_NE(call.kind, RecordedCall::Kind::open) << call.path;
+    }
+    EXPECT_FALSE(fileExists(folder.path() / "away"));
+}
+
+TEST(FileFaults, AHolderWhoseNameCannotBeWrittenNamesNobodyElse) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile(".lock", "quillmere, process 4711\n");
+    const std::vector<SystemCallFaults::Plan> plans = {
+        {.failing = 1, .error = ENOSPC, .call = "pwrite"},
+        {.failing = 3, .error = ENOSPC, .call = "pwrite", .mostBytes = 5},
+    };
+    for (const auto& plan : plans) {
+        std::shared_ptr<FolderLock> lock;
+        {
+            const SystemCallFaults faults(plan);
+            lock = FolderLock::acquire(file);
+        }
+        EXPECT_TRUE(FolderLock::isHeld(file));
+        EXPECT_EQ(folder.content(".lock"), "");
+        EXPECT_EQ(FolderLock::holder(file), "another process");
+    }
 }
 
 }  // namespace

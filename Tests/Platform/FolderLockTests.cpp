@@ -89,6 +89,18 @@ private:
 struct FolderLockTests : testing::Test {
     TemporaryFolder folder;
     path file = folder.path() / ".lock";
+
+    /// Why the lock cannot be had, where nobody holds it; no error if it can.
+    static std::error_code reasonOfRefusal(const path& lockFile) {
+        try {
+            static_cast<void>(FolderLock::acquire(lockFile));
+            return {};
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.step(), "lock");
+            EXPECT_EQ(error.path(), lockFile);
+            return error.code();
+        }
+    }
 };
 
 TEST_F(FolderLockTests, IsSharedInOneProcessAndFreeWhenTheLastHandleGoes) {
@@ -123,6 +135,13 @@ TEST_F(FolderLockTests, IsRefusedWhileAnotherProcessHoldsItAndSaysWho) {
     EXPECT_EQ(FolderLock::tryAcquire(file), nullptr);
     EXPECT_TRUE(FolderLock::isHeld(file));
     EXPECT_EQ(FolderLock::holder(file), "FolderLockHolder, process " + std::to_string(other.id()));
+    try {
+        static_cast<void>(FolderLock::acquire(file));
+        FAIL() << "taken";
+    } catch (const LibraryInUse& error) {
+        EXPECT_EQ(error.folder(), folder.path());
+        EXPECT_EQ(error.holder(), FolderLock::holder(file));
+    }
 }
 
 TEST_F(FolderLockTests, IsFreeWhenItsHolderEndsOrDies) {
@@ -169,18 +188,76 @@ TEST_F(FolderLockTests, WhatIsNoLockFileIsRefusedAndNotCalledFree) {
     for (const char* name : {"folder", "link", "fifo"}) {
         SCOPED_TRACE(name);
         EXPECT_EQ(FolderLock::tryAcquire(folder.path() / name), nullptr);
+        EXPECT_EQ(reasonOfRefusal(folder.path() / name), FileFault::fileNotRegular);
         EXPECT_TRUE(FolderLock::isHeld(folder.path() / name));
         EXPECT_EQ(FolderLock::holder(folder.path() / name), "another process");
     }
     EXPECT_EQ(folder.content("file"), "content");
 }
 
+TEST_F(FolderLockTests, AStrangersFileIsRefusedAndStaysAsItIs) {
+    for (const std::string& text :
+         {std::string("my precious notes"), std::string("my precious notes\n"), std::string("\n"),
+          std::string("notes\nmine, process 4\n"), std::string(", process 4\n"), std::string("FileTests, process 4x\n"),
+          std::string("FileTests, process 4\n\n"), std::string("bell\a, process 4\n"), std::string("\xFF, process 4\n"),
+          std::string(3, '\0') + "notes", std::string(10'000, '\0'), std::string(10'000, 'x')}) {
+        SCOPED_TRACE(text.substr(0, 50));
+        folder.putFile(".lock", text);
+
+        EXPECT_EQ(FolderLock::tryAcquire(file), nullptr);
+        EXPECT_EQ(reasonOfRefusal(file), FileFault::fileNotOwn);
+        EXPECT_TRUE(FolderLock::isHeld(file));
+        EXPECT_EQ(FolderLock::holder(file), "another process");
+        EXPECT_EQ(folder.content(".lock"), text);
+    }
+}
+
+TEST_F(FolderLockTests, AFileThatHasASecondNameIsRefusedAndStaysAsItIs) {
+    const TemporaryFolder elsewhere;
+    for (const char* text : {"my precious notes", "quillmere, process 4711\n", ""}) {
+        SCOPED_TRACE(text);
+        const auto outside = elsewhere.putFile("outside", text);
+        std::filesystem::create_hard_link(outside, file);
+
+        EXPECT_EQ(reasonOfRefusal(file), FileFault::fileNotOwn);
+        EXPECT_TRUE(FolderLock::isHeld(file));
+        EXPECT_EQ(elsewhere.content("outside"), text);
+        std::filesystem::remove(file);
+    }
+}
+
+TEST_F(FolderLockTests, WhatAKillOrAPowerCutLeavesInTheFileIsNoObstacle) {
+    for (const std::string& text :
+         {std::string(), std::string("quillmere, process 4711\n"), std::string("a program, of others, process 1\n"),
+          std::string("quillmere, process 47"), std::string("quillmere, process "), std::string("FileTests, proc"),
+          std::string("F"), std::string(24, '\0'), "FileTests, proc" + std::string(9, '\0')}) {
+        SCOPED_TRACE(text);
+        folder.putFile(".lock", text);
+
+        EXPECT_FALSE(FolderLock::isHeld(file));
+        EXPECT_NE(FolderLock::acquire(file), nullptr);
+        EXPECT_EQ(folder.content(".lock"), "");
+    }
+}
+
+TEST_F(FolderLockTests, WhatSomebodyWroteIntoTheFileMeanwhileOutlivesTheLock) {
+    auto lock = FolderLock::acquire(file);
+    folder.putFile(".lock", "my precious notes\n");
+
+    lock.reset();
+
+    EXPECT_EQ(folder.content(".lock"), "my precious notes\n");
+}
+
 TEST_F(FolderLockTests, CannotBeTakenWhereItsFileCannotBeMade) {
     const auto blocker = folder.putFile("file", "content");
 
-    EXPECT_EQ(FolderLock::tryAcquire(folder.path() / "missing" / ".lock"), nullptr);
-    EXPECT_EQ(FolderLock::tryAcquire(blocker / ".lock"), nullptr);
-    EXPECT_EQ(FolderLock::tryAcquire(path(file.native() + std::string("\0x", 2))), nullptr);
+    const auto zero = path(file.native() + std::string("\0x", 2));
+    EXPECT_EQ(FolderLock::tryAcquire(zero), nullptr);
+    EXPECT_EQ(reasonOfRefusal(zero), std::errc::invalid_argument);
+    EXPECT_EQ(reasonOfRefusal(folder.path() / "missing" / ".lock"), std::errc::no_such_file_or_directory);
+    EXPECT_EQ(reasonOfRefusal(blocker / ".lock"), std::errc::not_a_directory);
+    EXPECT_FALSE(FolderLock::isHeld(blocker / ".lock"));
 }
 
 TEST_F(FolderLockTests, NoticesThatItsFileWasReplaced) {
@@ -204,8 +281,9 @@ TEST_F(FolderLockTests, NoticesThatItsFileWasReplaced) {
 
 TEST_F(FolderLockTests, ItsTextIsShownOnlyIfItIsALineOfText) {
     EXPECT_EQ(FolderLock::holder(file), "another process");
-    for (const std::string& text : {std::string(), std::string("\n"), std::string("two\nlines"), std::string("bell\a"),
-                                    std::string("zero\0byte", 9), std::string("\xFF"), std::string(10'000, 'x')}) {
+    for (const std::string& text :
+         {std::string(), std::string("\n"), std::string("notes"), std::string("two\nlines, process 1"),
+          std::string("bell\a"), std::string("zero\0byte", 9), std::string("\xFF"), std::string(10'000, 'x')}) {
         folder.putFile(".lock", text);
         EXPECT_EQ(FolderLock::holder(file), "another process");
     }
