@@ -4,13 +4,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
 
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere {
@@ -49,13 +52,26 @@ std::vector<MoodSpec> decodeFile(std::string_view text) {
     return document.root().member<std::vector<MoodSpec>>("moods");
 }
 
-/// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
-void keepAside(const std::filesystem::path& file, Date now) {
+/// The moods of a file; nothing where it is gone, or holds no list of moods, which `isDamaged` tells apart. Throws
+/// `FileError` where it cannot be read now.
+std::optional<std::vector<MoodSpec>> readMoods(const std::filesystem::path& file, bool& isDamaged) {
     try {
-        keepCopyAside(file, "unreadable", now);
+        const auto text = readFileIfPresent(file, CustomMoodStore::mostBytes);
+        if (text) return decodeFile(*text);
+        return std::nullopt;
     } catch (const FileError& error) {
-        if (error.code() != std::errc::no_such_file_or_directory) throw;
+        if (!replacedFile::isForGood(error)) throw;
+    } catch (const Error&) {
+        // Damaged, and so it will stay.
     }
+    isDamaged = true;
+    return std::nullopt;
+}
+
+/// The right to replace the file, among all processes: a lock on a file beside it, named after it.
+std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
+    constexpr std::size_t longestName = 200;  // the name of a file has at most 255 bytes
+    return FolderLock::acquire(file.parent_path() / ("." + file.stem().native().substr(0, longestName) + ".lock"));
 }
 
 }  // namespace
@@ -66,31 +82,44 @@ CustomMoodStore& CustomMoodStore::shared() {
 }
 
 CustomMoodStore::CustomMoodStore(std::optional<std::filesystem::path> file, std::function<Date()> now)
-    : file_(file ? wholePath(*file) : defaultFile()), now_(std::move(now)), place_(file_) {
+    : file_(file ? wholePath(*file) : defaultFile()), now_(std::move(now)) {
     load();
 }
 
 void CustomMoodStore::load() {
     if (file_.empty()) return;
-    const auto facts = factsOf(file_);
-    const bool isLink = facts && facts->kind == FileFacts::Kind::link;
-    std::error_code isBroken;
-    auto place = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
-    if (isBroken) return;
-    removeOldTemporaries(place.parent_path());
     try {
-        known_ = factsOf(place);
-        if (const auto text = readFileIfPresent(place, mostBytes)) specs_ = decodeFile(*text);
-        place_ = std::move(place);
-        return;
-    } catch (const Error&) {
-        // Nobody could act on it here; the file is kept instead.
-    }
-    if (isLink) return;  // the user put it there; as long as it stands, no update replaces it
-    try {
-        moveAside(file_, "unreadable", now_());
+        find();
     } catch (const FileError&) {
-        isUnreadableInPlace_ = true;
+        return;  // the disk could not answer; the first change asks again
+    }
+    removeOldTemporaries(place_->parent_path());
+}
+
+// Finds out where the file is, and reads it.
+void CustomMoodStore::find() {
+    const auto place = replacedFile::behindLink(file_);
+    const bool isLink = place != file_;
+    const auto facts = place ? replacedFile::lookAt(*place) : std::nullopt;
+    const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
+    bool isDamaged = false;
+    auto specs = isFile ? readMoods(*place, isDamaged) : std::nullopt;
+    if (isDamaged && !isLink) moveDamagedAside(*facts);
+    // A link that names no mood file is the user's; as long as it stands, no update replaces it.
+    place_ = isLink && !specs ? file_ : *place;
+    if (!specs) return;
+    known_ = facts;
+    specs_ = *std::move(specs);
+}
+
+// Where it cannot be moved, a copy is kept before the first update replaces it.
+void CustomMoodStore::moveDamagedAside(const FileFacts& facts) const {
+    try {
+        const auto lock = lockFor(file_);
+        // Another process may have written a new one by now.
+        if (replacedFile::lookAt(file_) == facts) moveAside(file_, "unreadable", now_());
+    } catch (const Error&) {
+        return;
     }
 }
 
@@ -123,44 +152,44 @@ void CustomMoodStore::remove(std::string_view id) {
     });
 }
 
-// Only where another process wrote the file since: its list is the one to change.
-void CustomMoodStore::takeInWhatOthersWrote() {
-    const auto present = factsOf(place_);
-    if (!present || present->kind != FileFacts::Kind::regular || isUnreadableInPlace_) return;
-    if (known_ && known_->inode == present->inode && known_->modified == present->modified) return;
-    try {
-        if (const auto text = readFileIfPresent(place_, mostBytes)) specs_ = decodeFile(*text);
-    } catch (const Error&) {
-        isUnreadableInPlace_ = true;
-    }
-}
-
 void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& change) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard guard(mutex_);
     if (file_.empty()) {
         throw FileError("find the user's data folder", file_, make_error_code(std::errc::no_such_file_or_directory));
     }
-    takeInWhatOthersWrote();
-    auto next = specs_;
-    change(next);
-
-    const std::string text = encodeFile(next);
-    if (text.size() > mostBytes) throw FileError("write", place_, make_error_code(std::errc::file_too_large));
+    std::shared_ptr<FolderLock> lock;
     try {
-        createFolders(place_.parent_path());
-        if (isUnreadableInPlace_) keepAside(place_, now_());
+        if (!place_) find();
+        createFolders(place_->parent_path());
+        lock = lockFor(*place_);
     } catch (const FileError& error) {
         throw error.notInPlace();  // whatever is in place here, the list is not
     }
-    isUnreadableInPlace_ = false;
+
+    // Where another process wrote the file since, its list is the one to change.
+    auto next = specs_;
+    bool isDamaged = false;
+    const auto present = replacedFile::lookAt(*place_);
+    if (present && present->kind == FileFacts::Kind::regular && present != known_) {
+        if (auto theirs = readMoods(*place_, isDamaged)) next = *std::move(theirs);
+    }
+    change(next);
+
+    const std::string text = encodeFile(next);
+    if (text.size() > mostBytes) throw FileError("write", *place_, make_error_code(std::errc::file_too_large));
     try {
-        writeDurably(place_, text);
+        if (isDamaged) replacedFile::keepUnreadable(*place_, now_());
+    } catch (const FileError& error) {
+        throw error.notInPlace();
+    }
+    try {
+        writeDurably(*place_, text);
     } catch (const FileError& error) {
         known_.reset();
         if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
         throw;
     }
-    known_ = factsOf(place_);
+    known_ = factsOf(*place_);
     specs_ = std::move(next);
 }
 

@@ -22,7 +22,8 @@ namespace quillmere {
 /// what is not on disk.
 ///
 /// Where another process wrote the file since, an update changes what that one wrote; until then the list is what this
-/// process last read or wrote. Two updates in the very same moment are not kept apart: the later one holds.
+/// process last read or wrote. A lock on a file beside it (".Moods.lock" for "Moods.json") keeps the updates of two
+/// processes apart: one that finds it held is refused. Within a process one store should serve each file.
 ///
 /// Thread-safe: yes; one plain mutex, held for the whole of an update. Blocks on disk: only where a member says so.
 class CustomMoodStore {
@@ -35,12 +36,15 @@ public:
     [[nodiscard]] static CustomMoodStore& shared();
 
     /// Loads the list at `file`, or at "Moods.json" in the application's data folder. Never fails: a missing file is an
-    /// empty list, and one that cannot be read is moved aside, never overwritten. Blocks on disk.
+    /// empty list, and a damaged one is moved aside, never overwritten. Blocks on disk.
+    ///
+    /// Where the disk cannot answer, the list is empty and the file stays; the first update reads it again, and fails
+    /// if it still cannot be read. What is no regular file is left alone: the list is empty, and every update fails.
     ///
     /// A link in the file's place is followed where it names a mood file, which updates then replace. Any other link is
     /// left alone, for what it names may only be away: the list is empty, and every update fails.
     ///
-    /// `now` dates the name under which an unreadable file is kept.
+    /// `now` dates the name under which a damaged file is kept.
     explicit CustomMoodStore(std::optional<std::filesystem::path> file = std::nullopt,
                              std::function<Date()> now = &std::chrono::system_clock::now);
 
@@ -56,8 +60,9 @@ public:
     /// Replaces the specification with the same id, or puts a new one first. Returns once that would survive a power
     /// cut. Blocks on disk.
     ///
-    /// Throws `FileError`, or `EncodingError` for a specification that JSON cannot hold; file and list are then as they
-    /// were. Only where the error's `isInPlace()` is true, both hold the change, which a power cut may still undo.
+    /// Throws `FileError`, `LibraryInUse` while another process writes the file, or `EncodingError` for a specification
+    /// that JSON cannot hold; file and list are then as they were. Only where a `FileError`'s `isInPlace()` is true,
+    /// both hold the change, which a power cut may still undo.
     void save(MoodSpec spec);
 
     /// Removes every specification with this id; the file is written again even if there is none. Blocks on disk;
@@ -66,16 +71,18 @@ public:
 
 private:
     void load();
-    void takeInWhatOthersWrote();
+    void find();
+    void moveDamagedAside(const FileFacts& facts) const;
     void update(const std::function<void(std::vector<MoodSpec>&)>& change);
 
     const std::filesystem::path file_;
     const std::function<Date()> now_;
-    std::filesystem::path place_;  // of the file itself, behind a link; set by the constructor only
     mutable std::mutex mutex_;
-    std::vector<MoodSpec> specs_;       // guarded by mutex_
-    std::optional<FileFacts> known_;    // guarded by mutex_; the file as last read or written
-    bool isUnreadableInPlace_ = false;  // guarded by mutex_; the file must be kept aside before it is replaced
+
+    // Guarded by mutex_.
+    std::vector<MoodSpec> specs_;
+    std::optional<std::filesystem::path> place_;  // of the file itself, behind a link; nothing until that is known
+    std::optional<FileFacts> known_;              // the file as last read or written
 };
 
 }  // namespace quillmere

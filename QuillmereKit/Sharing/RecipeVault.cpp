@@ -10,6 +10,7 @@
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/Precondition.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere {
@@ -29,32 +30,8 @@ std::filesystem::path sharedDirectory() {
 // made.
 std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
     const auto folder = file.parent_path();
-    const auto lockFile = folder / ".saved.lock";
     createFolders(folder);  // it may have been taken away since
-    // Who held it may have let go before it could be asked who that is.
-    constexpr int attempts = 8;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (auto lock = FolderLock::tryAcquire(lockFile)) return lock;
-        const auto facts = factsOf(lockFile);
-        const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
-        if (isFile && FolderLock::isHeld(lockFile)) throw LibraryInUse(folder, FolderLock::holder(lockFile));
-    }
-    throw FileError("lock", lockFile, std::make_error_code(std::errc::permission_denied));
-}
-
-// Whether nothing stands at a path. False where that cannot be told.
-bool isNothingAt(const std::filesystem::path& place) noexcept {
-    std::error_code error;
-    return std::filesystem::symlink_status(place, error).type() == std::filesystem::file_type::not_found;
-}
-
-// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
-void keepAside(const std::filesystem::path& file) {
-    try {
-        keepCopyAside(file, "unreadable", std::chrono::system_clock::now());
-    } catch (const FileError& error) {
-        if (error.code() != std::errc::no_such_file_or_directory) throw;
-    }
+    return FolderLock::acquire(folder / ".saved.lock");
 }
 
 }  // namespace
@@ -75,14 +52,12 @@ RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) 
     precondition(!directory || !directory->empty(), "a vault's folder has a path");
     file_ = std::filesystem::absolute(directory ? *directory : defaultDirectory()) / "saved.json";
     createFolders(file_.parent_path());
-    const auto facts = factsOf(file_);
-    const bool isLink = facts && facts->kind == FileFacts::Kind::link;
-    std::error_code isBroken;
-    place_ = isLink ? std::filesystem::canonical(file_, isBroken) : file_;
-    if (isBroken) place_ = file_;
-    removeOldTemporaries(place_.parent_path());
-    recipes_ = read();
-    if (isLink && isUnreadable_ && recipes_.empty()) place_ = file_;  // what it names is not ours to replace
+    try {
+        find();
+    } catch (const FileError&) {
+        return;  // the disk could not answer; the first change asks again
+    }
+    removeOldTemporaries(place_->parent_path());
 }
 
 std::vector<LoopRecipe> RecipeVault::saved() const {
@@ -154,30 +129,39 @@ std::optional<std::string> RecipeVault::lastSaveError() const {
     return lastSaveError_;
 }
 
-// The recipes of the file, each fingerprint once; none if it is missing or unreadable.
-std::vector<LoopRecipe> RecipeVault::read() {
-    std::vector<LoopRecipe> recipes;
-    known_ = factsOf(place_);
-    knownFingerprints_.clear();
-    isUnreadable_ = false;
+// Throws `FileError` where the file cannot be read now; one that is missing or damaged holds no recipes.
+RecipeVault::Contents RecipeVault::read(const std::filesystem::path& place) {
+    Contents contents;
+    contents.facts = replacedFile::lookAt(place);
+    if (!contents.facts) return contents;
     try {
-        const auto bytes = readFileIfPresent(place_, mostBytes);
+        const auto bytes = readFileIfPresent(place, mostBytes);
         if (!bytes) return {};
         auto bundle = RecipeBundle::decode(*bytes);
         for (LoopRecipe& recipe : bundle.recipes) {
-            if (knownFingerprints_.insert(recipe.fingerprint).second) recipes.push_back(std::move(recipe));
+            if (contents.fingerprints.insert(recipe.fingerprint).second) contents.recipes.push_back(std::move(recipe));
         }
         // What a file held twice is dropped here; the file as found is kept all the same.
-        isUnreadable_ = recipes.size() != bundle.recipes.size();
-        return recipes;
-    } catch (const FileError&) {
-        known_.reset();  // the next change tries again
+        contents.isWhole = contents.recipes.size() == bundle.recipes.size();
+        return contents;
+    } catch (const FileError& error) {
+        if (!replacedFile::isForGood(error)) throw;
     } catch (const Error&) {
         // Damaged, and so it will stay.
     }
-    knownFingerprints_.clear();
-    isUnreadable_ = true;
-    return {};
+    contents.isWhole = false;
+    return contents;
+}
+
+// Finds out where the file is, and takes in what it holds.
+void RecipeVault::find() {
+    const auto place = replacedFile::behindLink(file_);
+    auto contents = place ? read(*place) : Contents{};
+    // A link that names no vault's file is the user's; as long as it stands, nothing is written.
+    const bool isVault = contents.facts && (contents.isWhole || !contents.recipes.empty());
+    const bool isOthers = place != file_ && !isVault;
+    place_ = isOthers ? file_ : *place;
+    if (!isOthers) takeIn(std::move(contents));
 }
 
 // A failure is kept, not thrown: the list in memory stands, and the next change writes it again.
@@ -193,39 +177,44 @@ void RecipeVault::persist() {
     lastSaveError_ = std::move(failure);
 }
 
-// The list as it has to be written: where another process wrote the file since, with what that one added and without
-// what it removed.
-std::vector<LoopRecipe> RecipeVault::takeInWhatOthersWrote() {
-    const auto present = factsOf(place_);
-    if (!present && !isNothingAt(place_)) {
-        throw FileError("look at", place_, std::make_error_code(std::errc::io_error));
-    }
-    if (!present || present == known_) return saved();
-
-    const auto before = knownFingerprints_;
-    auto theirs = read();
+// Takes in what the file holds: what others added since, and without what they removed.
+void RecipeVault::takeIn(Contents theirs) {
     const std::lock_guard lock(mutex_);
-    if (theirs.empty() && isUnreadable_) return recipes_;
-    std::set<std::string_view> held;
-    for (const LoopRecipe& recipe : recipes_) held.insert(recipe.fingerprint);
-    std::erase_if(theirs, [&](const LoopRecipe& recipe) {  // removed here since
-        return before.contains(recipe.fingerprint) && !held.contains(recipe.fingerprint);
-    });
-    theirs.reserve(theirs.size() + recipes_.size());  // from here on nothing can throw: both lists are taken apart
-    for (LoopRecipe& recipe : recipes_) {             // added here since
-        const bool isNew = !before.contains(recipe.fingerprint) && !knownFingerprints_.contains(recipe.fingerprint);
-        if (isNew) theirs.push_back(std::move(recipe));
+    const bool isDamaged = !theirs.isWhole && theirs.recipes.empty();
+    if (!isDamaged) {
+        std::set<std::string_view> held;
+        for (const LoopRecipe& recipe : recipes_) held.insert(recipe.fingerprint);
+        std::erase_if(theirs.recipes, [&](const LoopRecipe& recipe) {  // removed here since
+            return knownFingerprints_.contains(recipe.fingerprint) && !held.contains(recipe.fingerprint);
+        });
+        theirs.recipes.reserve(theirs.recipes.size() + recipes_.size());
     }
-    recipes_ = std::move(theirs);
-    return recipes_;
+    // From here on nothing can throw: the list and what is known of the file change together, or not at all.
+    if (!isDamaged) {
+        for (LoopRecipe& recipe : recipes_) {  // added here since
+            const bool isNew =
+                !knownFingerprints_.contains(recipe.fingerprint) && !theirs.fingerprints.contains(recipe.fingerprint);
+            if (isNew) theirs.recipes.push_back(std::move(recipe));
+        }
+        recipes_ = std::move(theirs.recipes);
+    }
+    known_ = theirs.facts;
+    knownFingerprints_ = std::move(theirs.fingerprints);
+    isUnreadable_ = !theirs.isWhole;
 }
 
 // Writes what can be written; returns what was left out, if anything was.
 std::optional<std::string> RecipeVault::write() {
-    const auto lock = lockFor(place_);
+    if (!place_) find();
+    const auto lock = lockFor(*place_);
+    const auto present = replacedFile::lookAt(*place_);
+    if (present && present != known_) {  // another process wrote it since
+        auto theirs = read(*place_);
+        if (theirs.facts) takeIn(std::move(theirs));  // one that is gone again removes nothing
+    }
     RecipeBundle bundle;
     std::optional<std::string> leftOut;
-    for (auto recipes = takeInWhatOthersWrote(); LoopRecipe & recipe : recipes) {
+    for (auto recipes = saved(); LoopRecipe & recipe : recipes) {
         try {
             static_cast<void>(encodeJSON(recipe, JSONWriter::Form::compact));
             bundle.recipes.push_back(std::move(recipe));
@@ -235,19 +224,20 @@ std::optional<std::string> RecipeVault::write() {
     }
     const std::string bytes = encodeJSON(bundle, JSONWriter::Form::pretty);
     if (bytes.size() > mostBytes) {
-        throw FileError("write", place_, std::make_error_code(std::errc::file_too_large));
+        throw FileError("write", *place_, std::make_error_code(std::errc::file_too_large));
     }
     if (isUnreadable_) {
-        keepAside(place_);
+        replacedFile::keepUnreadable(*place_, std::chrono::system_clock::now());
         isUnreadable_ = false;
     }
-    const auto noteWritten = [&] {
-        known_ = factsOf(place_);
-        knownFingerprints_.clear();
-        for (const LoopRecipe& recipe : bundle.recipes) knownFingerprints_.insert(recipe.fingerprint);
+    std::set<std::string, std::less<>> fingerprints;
+    for (const LoopRecipe& recipe : bundle.recipes) fingerprints.insert(recipe.fingerprint);
+    const auto noteWritten = [&]() noexcept {
+        known_ = factsOf(*place_);
+        knownFingerprints_ = std::move(fingerprints);
     };
     try {
-        writeDurably(place_, bytes);
+        writeDurably(*place_, bytes);
     } catch (const FileError& error) {
         if (error.isInPlace()) noteWritten();
         throw;

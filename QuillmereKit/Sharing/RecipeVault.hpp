@@ -18,7 +18,8 @@ namespace quillmere {
 /// The recipes that the user saved or imported: one file, and the same list in memory, unique by fingerprint.
 ///
 /// Every change writes the whole file durably; a failed write is kept as `lastSaveError` and made good by the next
-/// change. A file that cannot be read makes an empty vault, and is kept beside the new one before anything replaces it.
+/// change. A damaged file makes an empty vault, and is kept beside the new one before anything replaces it. So does one
+/// that cannot be read now, but nothing replaces it before it was read.
 ///
 /// Several processes may change one vault: what others wrote since is taken in before a change is written, their
 /// additions and their removals. A lock on ".saved.lock" beside the file is held while it is written; a change that
@@ -80,20 +81,29 @@ public:
     [[nodiscard]] std::optional<std::string> lastSaveError() const;
 
 private:
-    [[nodiscard]] std::vector<LoopRecipe> read();
+    /// What the file held when it was read.
+    struct Contents {
+        std::optional<FileFacts> facts;
+        std::vector<LoopRecipe> recipes;  // each fingerprint once
+        std::set<std::string, std::less<>> fingerprints;
+        bool isWhole = true;  // nothing would be lost if the recipes were written again
+    };
+    [[nodiscard]] static Contents read(const std::filesystem::path& place);
+    void find();
+    void takeIn(Contents theirs);
     bool append(LoopRecipe recipe);
     void persist();
     std::optional<std::string> write();
-    [[nodiscard]] std::vector<LoopRecipe> takeInWhatOthersWrote();
 
     std::filesystem::path file_;
-    std::filesystem::path place_;  // of the file itself, behind a link; set by the constructor only
     mutable std::mutex mutex_;
     std::vector<LoopRecipe> recipes_;           // guarded by mutex_
     std::optional<std::string> lastSaveError_;  // guarded by mutex_
     std::mutex writing_;  // held while the file is written, so that the newest list is written last; before mutex_
 
-    // Guarded by writing_: the file as this process last read or wrote it, and what it held then.
+    // Guarded by writing_: where the file itself is, behind a link (nothing until that is known), the file as this
+    // process last read or wrote it, and what it held then.
+    std::optional<std::filesystem::path> place_;
     std::optional<FileFacts> known_;
     std::set<std::string, std::less<>> knownFingerprints_;
     bool isUnreadable_ = false;  // it is still to be kept aside

@@ -63,6 +63,72 @@ class InUseTest(LibraryTest):
             ("vault", "import", recipe),
         ])
 
+    def assert_left_alone(self, lock, words, says, expect=1):
+        """A verb fails over what stands in the lock file's place, names the cause, and leaves everything as it is."""
+        before = self.snapshot()
+        with self.subTest(lock=lock.name, verb=" ".join(map(str, words)), says=says):
+            done = self.run_host(*words, expect=expect)
+            self.assertIn(str(lock), done.err)
+            self.assertIn(says, done.err)
+            self.assertNotIn("in use", done.err)
+            self.assertEqual(self.snapshot(), before)
+
+    def test_what_is_no_lock_file_is_left_alone_and_nobody_is_said_to_hold_it(self):
+        self.put(1)
+        outside = self.place / "notes.txt"
+        for folder, words in ((self.loops, ("library", "measure")), (self.home, ("moods", "new", "--name", "Snow"))):
+            lock = folder / ".lock"
+
+            lock.write_text("my precious notes", encoding="utf-8")
+            self.assert_left_alone(lock, words, "it holds something else")
+            lock.unlink()
+
+            outside.write_text("quillmere, process 4711\n", encoding="utf-8")
+            os.link(outside, lock)
+            self.assert_left_alone(lock, words, "a second name elsewhere")
+            lock.unlink()
+
+            os.mkfifo(lock)
+            self.assert_left_alone(lock, words, "not a regular file")
+            lock.unlink()
+
+            lock.symlink_to(outside)
+            self.assert_left_alone(lock, words, "not a regular file")
+            lock.unlink()
+
+            lock.mkdir()
+            self.assert_left_alone(lock, words, "not a regular file")
+            lock.rmdir()
+
+            lock.write_text("quillmere, process 4711\n", encoding="utf-8")  # who is dead
+            self.run_host(*words)
+            self.assertEqual(lock.read_text(encoding="utf-8"), "")
+
+    def test_a_vault_whose_lock_file_is_somebody_elses_is_not_saved_and_says_why(self):
+        mark = self.put(1)
+        lock = self.home / ".saved.lock"
+        lock.write_text("my precious notes", encoding="utf-8")
+
+        done = self.run_host("vault", "add", mark, expect=5)
+
+        self.assertIn("it holds something else", done.err)
+        self.assertEqual(lock.read_text(encoding="utf-8"), "my precious notes")
+        self.assertFalse((self.home / "saved.json").exists())
+
+    def test_a_folder_or_a_fifo_in_the_place_of_the_moods_is_left_alone(self):
+        moods = self.home / "Moods.json"
+        (moods / "inside").mkdir(parents=True)
+        (moods / "inside" / "precious").write_text("x", encoding="utf-8")
+        self.run_host("moods", "list")
+        self.assertIn("not a regular file", self.run_host("moods", "new", "--name", "Snow", expect=1).err)
+        self.assertEqual((moods / "inside" / "precious").read_text(encoding="utf-8"), "x")
+
+        moods.rename(self.place / "elsewhere")
+        os.mkfifo(moods)
+        self.run_host("moods", "list")
+        self.assertIn("not a regular file", self.run_host("moods", "new", "--name", "Snow", expect=1).err)
+        self.assertTrue(moods.is_fifo())
+
     def test_verbs_that_only_look_do_not_care(self):
         self.put(1)
         descriptor = holding(self.loops)

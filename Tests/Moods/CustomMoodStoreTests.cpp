@@ -1,6 +1,7 @@
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +16,9 @@
 #include <vector>
 
 #include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
+#include "Tests/Support/OtherProcess.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
@@ -41,6 +44,13 @@ std::vector<std::string> ids(const CustomMoodStore& store) {
     return ids;
 }
 
+/// What is in a folder, besides the lock file.
+std::vector<std::string> names(const test::TemporaryFolder& folder) {
+    auto names = folder.names();
+    std::erase(names, ".Moods.lock");
+    return names;
+}
+
 struct CustomMoodStoreTests : testing::Test {
     test::TemporaryFolder folder;
     std::filesystem::path file = folder.path() / "Moods.json";
@@ -57,7 +67,7 @@ TEST_F(CustomMoodStoreTests, AMissingFileIsAnEmptyListAndStaysMissing) {
     EXPECT_TRUE(store.all().empty());
     EXPECT_EQ(store.spec("my-a"), std::nullopt);
     EXPECT_EQ(store.url(), file);
-    EXPECT_TRUE(folder.names().empty());
+    EXPECT_TRUE(names(folder).empty());
 }
 
 TEST_F(CustomMoodStoreTests, ASavedMoodIsThereAfterReopening) {
@@ -178,7 +188,7 @@ TEST_F(CustomMoodStoreTests, RemovingAnUnknownIdWritesTheFileAgain) {
 
 TEST_F(CustomMoodStoreTests, MissingFoldersAreMadeForTheFile) {
     CustomMoodStore store(folder.path() / "a" / "b" / "Moods.json");
-    EXPECT_TRUE(folder.names().empty());
+    EXPECT_TRUE(names(folder).empty());
     store.save(mood("my-a"));
 
     EXPECT_EQ(CustomMoodStore(folder.path() / "a" / "b" / "Moods.json").all(), store.all());
@@ -213,7 +223,7 @@ TEST_F(CustomMoodStoreTests, AFailedWriteLeavesListAndFileAsTheyWere) {
     }
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
     EXPECT_EQ(folder.content("Moods.json"), before);
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, WhereOnlyTheFoldersSyncFailsTheListFollowsTheFileAndTheErrorIsReported) {
@@ -295,7 +305,7 @@ TEST_F(CustomMoodStoreTests, AMoodThatJSONCannotHoldIsRefusedAndNothingChanges) 
     EXPECT_THROW(store.save(mood("my-b", "\xff")), EncodingError);
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
     EXPECT_EQ(folder.content("Moods.json"), before);
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, AFileThatCouldNotBeReadAgainIsNeverWritten) {
@@ -318,7 +328,7 @@ TEST_F(CustomMoodStoreTests, ADamagedFileIsMovedAsideAndTheNextSaveMakesAFreshOn
     auto store = open();
 
     EXPECT_TRUE(store.all().empty());
-    EXPECT_EQ(folder.names(), std::vector<std::string>{asideName});
+    EXPECT_EQ(names(folder), std::vector<std::string>{asideName});
     EXPECT_EQ(folder.content(asideName), "{\"moods\": [");
 
     store.save(mood("my-a"));
@@ -359,7 +369,7 @@ TEST_F(CustomMoodStoreTests, WhateverIsNoMoodFileIsKeptByteForByte) {
         const CustomMoodStore store(place.path() / "Moods.json", &now);
 
         EXPECT_TRUE(store.all().empty());
-        EXPECT_EQ(place.names(), std::vector<std::string>{asideName});
+        EXPECT_EQ(names(place), std::vector<std::string>{asideName});
         EXPECT_EQ(place.content(asideName), text);
     }
 }
@@ -372,7 +382,7 @@ TEST_F(CustomMoodStoreTests, AnotherVersionUnknownKeysAndAByteOrderMarkAreReadAl
     const auto store = open();
 
     EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, AFileBeyondTheLimitIsMovedAsideUnread) {
@@ -381,17 +391,103 @@ TEST_F(CustomMoodStoreTests, AFileBeyondTheLimitIsMovedAsideUnread) {
     const auto store = open();
 
     EXPECT_TRUE(store.all().empty());
-    EXPECT_EQ(folder.names(), std::vector<std::string>{asideName});
+    EXPECT_EQ(names(folder), std::vector<std::string>{asideName});
     EXPECT_EQ(std::filesystem::file_size(folder.path() / asideName), CustomMoodStore::mostBytes + 1);
 }
 
-TEST_F(CustomMoodStoreTests, AFolderInTheFilesPlaceIsMovedAsideWithAllItHolds) {
+TEST_F(CustomMoodStoreTests, WhatIsNoRegularFileIsLeftInPlaceAndNothingIsSavedOverIt) {
     folder.putFile("Moods.json/inside", "precious");
-    auto store = open();
+    const auto refuses = [&] {
+        auto store = open();
+        EXPECT_TRUE(store.all().empty());
+        try {
+            store.save(mood("my-a"));
+            ADD_FAILURE() << "saved";
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.code(), FileFault::fileNotRegular);
+            EXPECT_EQ(error.path(), file);
+        }
+        EXPECT_TRUE(store.all().empty());
+        EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
+    };
 
-    EXPECT_EQ(folder.content(std::string(asideName) + "/inside"), "precious");
+    refuses();
+    EXPECT_EQ(folder.content("Moods.json/inside"), "precious");
+
+    std::filesystem::remove_all(file);
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    std::vector<test::RecordedCall> calls;
+    {
+        const test::SystemCallFaults recording({.record = &calls});
+        refuses();
+    }
+    EXPECT_TRUE(std::filesystem::is_fifo(file));
+    for (const auto& call : calls) EXPECT_FALSE(call.kind == test::RecordedCall::Kind::open && call.path == file);
+
+    std::filesystem::remove(file);
+    auto store = open();
     store.save(mood("my-a"));
-    EXPECT_EQ(open().all(), std::vector{mood("my-a")});
+    EXPECT_EQ(open().all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, AFileThatCannotBeReadAtTheStartStaysAndIsReadByTheFirstChange) {
+    { CustomMoodStore(file).save(mood("my-a")); }
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        std::string struck;
+        std::optional<CustomMoodStore> store;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            store.emplace(file);
+            struck = faults.struck();
+        }
+        EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"}) << struck;
+        store->save(mood("my-b"));
+
+        EXPECT_EQ(ids(*store), (std::vector<std::string>{"my-b", "my-a"})) << struck;
+        EXPECT_EQ(CustomMoodStore(file).all(), store->all());
+        store->remove("my-b");
+        EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"}) << struck;
+        if (struck.empty()) break;
+    }
+}
+
+TEST_F(CustomMoodStoreTests, AFileBehindALinkThatCannotBeReadAtTheStartIsReadByTheFirstChange) {
+    CustomMoodStore(folder.path() / "Synced/real.json").save(mood("my-a"));
+    std::filesystem::create_symlink("Synced/real.json", file);
+    std::optional<CustomMoodStore> store;
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+        store.emplace(file);
+        ASSERT_EQ(faults.struck(), "read");
+    }
+    EXPECT_TRUE(store->all().empty());
+
+    store->save(mood("my-b"));
+
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    EXPECT_EQ(ids(*store), (std::vector<std::string>{"my-b", "my-a"}));
+    EXPECT_EQ(CustomMoodStore(file).all(), store->all());
+}
+
+TEST_F(CustomMoodStoreTests, AFileThatCannotBeReadIsNeverReplaced) {
+    CustomMoodStore(file).save(mood("my-a"));
+    const auto before = folder.content("Moods.json");
+    std::optional<CustomMoodStore> store;
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read", .persists = true});
+        store.emplace(file);
+        try {
+            store->save(mood("my-b"));
+            FAIL() << "saved";
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.code(), std::errc::io_error);
+            EXPECT_FALSE(error.isInPlace());
+        }
+    }
+    EXPECT_TRUE(store->all().empty());
+    EXPECT_EQ(folder.content("Moods.json"), before);
+    EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, ALinkToAMoodFileIsFollowedByReadingAndSaving) {
@@ -405,7 +501,7 @@ TEST_F(CustomMoodStoreTests, ALinkToAMoodFileIsFollowedByReadingAndSaving) {
     store.save(mood("my-b"));
 
     EXPECT_TRUE(std::filesystem::is_symlink(file));
-    EXPECT_EQ(folder.names(), (std::vector<std::string>{"Moods.json", "Synced"}));
+    EXPECT_EQ(names(folder), (std::vector<std::string>{"Moods.json", "Synced"}));
     EXPECT_EQ(CustomMoodStore(real).all(), store.all());
     EXPECT_EQ(open().all(), store.all());
 }
@@ -414,9 +510,9 @@ TEST_F(CustomMoodStoreTests, ALinkToNoMoodFileIsLeftAloneAndNothingIsSavedInItsP
     folder.putFile("damaged.json", "{");
     folder.putFile("folder/inside", "precious");
     const auto others = [&] {
-        auto names = folder.names();
-        std::erase(names, "Moods.json");
-        return names;
+        auto found = names(folder);
+        std::erase(found, "Moods.json");
+        return found;
     };
     const auto before = others();
     // What is away today may be back tomorrow.
@@ -458,6 +554,92 @@ TEST_F(CustomMoodStoreTests, AnUpdateChangesWhatAnotherProcessWroteSince) {
 
     EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b"}));
     EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, WhicheverSystemCallFailsWhatAnotherProcessWroteIsNotLost) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        const test::TemporaryFolder place;
+        const auto there = place.path() / "Moods.json";
+        CustomMoodStore store(there, &now);
+        store.save(mood("my-a"));
+        CustomMoodStore(there).save(mood("my-b"));
+        std::string struck;
+        bool isInPlace = true;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            try {
+                store.save(mood("my-c"));
+            } catch (const FileError& error) {
+                isInPlace = error.isInPlace();
+            }
+            struck = faults.struck();
+        }
+        const auto expected =
+            isInPlace ? std::vector<std::string>{"my-c", "my-b", "my-a"} : std::vector<std::string>{"my-a"};
+        EXPECT_EQ(ids(store), expected) << struck;
+        EXPECT_EQ(ids(CustomMoodStore(there)).size(), isInPlace ? 3U : 2U) << struck;
+
+        store.save(mood("my-c"));
+        EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b", "my-a"})) << struck;
+        EXPECT_EQ(CustomMoodStore(there).all(), store.all());
+        EXPECT_EQ(place.names(), (std::vector<std::string>{".Moods.lock", "Moods.json"})) << struck;
+        if (struck.empty()) break;
+    }
+}
+
+TEST_F(CustomMoodStoreTests, AnUpdateWhileAnotherProcessWritesIsRefusedAndChangesNothing) {
+    CustomMoodStore store(file);
+    store.save(mood("my-a"));
+    const auto before = folder.content("Moods.json");
+    {
+        const test::OtherProcess other(folder.path() / ".Moods.lock");
+        try {
+            store.save(mood("my-b"));
+            FAIL() << "saved";
+        } catch (const LibraryInUse& error) {
+            EXPECT_EQ(error.folder(), folder.path());
+        }
+        EXPECT_THROW(store.remove("my-a"), LibraryInUse);
+        EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+        EXPECT_EQ(folder.content("Moods.json"), before);
+    }
+
+    store.save(mood("my-b"));
+    EXPECT_EQ(CustomMoodStore(file).all(), store.all());
+    EXPECT_FALSE(FolderLock::isHeld(folder.path() / ".Moods.lock"));
+}
+
+TEST_F(CustomMoodStoreTests, AStrangersFileUnderTheLocksNameStaysAsItIs) {
+    folder.putFile(".Moods.lock", "my precious notes");
+    CustomMoodStore store(file);
+
+    try {
+        store.save(mood("my-a"));
+        FAIL() << "saved";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code(), FileFault::fileNotOwn);
+        EXPECT_EQ(error.path(), folder.path() / ".Moods.lock");
+    }
+    EXPECT_EQ(folder.content(".Moods.lock"), "my precious notes");
+    EXPECT_TRUE(names(folder).empty());
+}
+
+TEST_F(CustomMoodStoreTests, WhatAnotherProcessWroteInADamagedFilesPlaceIsNotMovedAside) {
+    CustomMoodStore(folder.path() / "good" / "Moods.json").save(mood("my-a"));
+    folder.putFile("Moods.json", "damaged");
+    {
+        // Between the reading and the locking.
+        const test::SystemCallFaults faults({.failing = 1, .call = "fcntl", .meanwhile = [&] {
+                                                 std::filesystem::rename(folder.path() / "good" / "Moods.json", file);
+                                             }});
+        auto store = open();
+        EXPECT_EQ(faults.struck(), "fcntl");
+        EXPECT_EQ(names(folder), (std::vector<std::string>{"Moods.json", "good"}));
+        store.save(mood("my-b"));
+    }
+
+    EXPECT_EQ(ids(open()), (std::vector<std::string>{"my-b", "my-a"}));
 }
 
 TEST_F(CustomMoodStoreTests, AFileThatAnotherProcessDamagedIsKeptAndTheListWrittenAgain) {
@@ -516,14 +698,14 @@ TEST_F(CustomMoodStoreTests, AnUnreadableFileLeftInPlaceIsCopiedAsideOnceBeforeI
         const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "renameat2"});
         store.emplace(file, &now);
     }
-    ASSERT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    ASSERT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
     ASSERT_EQ(folder.content("Moods.json"), "damaged");
 
     store->save(mood("my-a"));
     EXPECT_EQ(folder.content(asideName), "damaged");
     EXPECT_EQ(CustomMoodStore(file).all(), std::vector{mood("my-a")});
     store->save(mood("my-b"));
-    EXPECT_EQ(folder.names(), (std::vector<std::string>{"Moods.json", asideName}));
+    EXPECT_EQ(names(folder), (std::vector<std::string>{"Moods.json", asideName}));
 }
 
 TEST_F(CustomMoodStoreTests, WhicheverSystemCallFailsWhileADamagedFileIsReplacedItsContentIsKept) {
@@ -576,7 +758,7 @@ TEST_F(CustomMoodStoreTests, ARelativeFileStaysWhereItWasWhenTheWorkingFolderCha
     std::filesystem::current_path(before);
     store.save(mood("my-a"));
 
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"Moods.json"});
+    EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
 }
 
 TEST_F(CustomMoodStoreTests, ChangesFromManyThreadsAreAllKept) {

@@ -4,16 +4,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <latch>
 #include <limits>
+#include <optional>
+#include <set>
 #include <thread>
 
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
 #include "Tests/Support/OtherProcess.hpp"
+#include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere {
@@ -237,6 +241,127 @@ TEST_F(SharedVaultTests, WhileAnotherProcessWritesTheChangeWaitsInMemory) {
 
     EXPECT_EQ(mine.lastSaveError(), std::nullopt);
     EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2), builtInRecipe(3)}));
+}
+
+TEST_F(SharedVaultTests, WhicheverSystemCallFailsWhatAnotherProcessSavedIsNotLost) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        std::filesystem::remove_all(place);
+        RecipeVault vault(place);
+        vault.save(builtInRecipe(1));
+        RecipeVault(place).save(builtInRecipe(2));
+        std::string struck;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            vault.save(builtInRecipe(3));
+            struck = faults.struck();
+        }
+        vault.save(builtInRecipe(4));
+
+        const std::set<std::string> expected = {builtInRecipe(1).fingerprint, builtInRecipe(2).fingerprint,
+                                                builtInRecipe(3).fingerprint, builtInRecipe(4).fingerprint};
+        std::set<std::string> found;
+        for (const auto& recipe : file().recipes) found.insert(recipe.fingerprint);
+        EXPECT_EQ(found, expected) << struck;
+        EXPECT_EQ(file().recipes, vault.saved()) << struck;
+        EXPECT_EQ(vault.lastSaveError(), std::nullopt) << struck;
+        EXPECT_THAT(keptAside(), testing::IsEmpty()) << struck;
+        if (struck.empty()) break;
+    }
+}
+
+TEST_F(SharedVaultTests, AFileTakenAwayWhileItIsReadRemovesNothing) {
+    mine.save(builtInRecipe(1));
+    theirs.save(builtInRecipe(2));
+    {
+        const test::SystemCallFaults faults(
+            {.failing = 1, .call = "openat", .meanwhile = [&] { std::filesystem::remove(mine.file()); }});
+        mine.save(builtInRecipe(3));
+        ASSERT_EQ(faults.struck(), "openat");
+    }
+
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(3)}));
+    EXPECT_EQ(mine.saved(), file().recipes);
+}
+
+TEST_F(RecipeVaultTests, AFileThatCannotBeReadAtTheStartIsReadByTheFirstChange) {
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("call " + std::to_string(failing));
+        std::filesystem::remove_all(place);
+        RecipeVault(place).save(builtInRecipe(1));
+        std::string struck;
+        std::optional<RecipeVault> vault;
+        {
+            const test::SystemCallFaults faults({.failing = failing, .error = EIO});
+            try {
+                vault.emplace(place);
+            } catch (const FileError&) {
+                EXPECT_EQ(failing, 1) << "only making the folder may fail";
+            }
+            struck = faults.struck();
+        }
+        if (!vault) continue;
+        vault->save(builtInRecipe(2));
+
+        EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2)})) << struck;
+        EXPECT_EQ(vault->saved(), file().recipes) << struck;
+        EXPECT_THAT(keptAside(), testing::IsEmpty()) << struck;
+        if (struck.empty()) break;
+    }
+}
+
+TEST_F(RecipeVaultTests, AFileBehindALinkThatCannotBeReadAtTheStartIsReadByTheFirstChange) {
+    RecipeVault(folder.path() / "dotfiles").save(builtInRecipe(1));
+    std::filesystem::create_directory(place);
+    std::filesystem::create_symlink("../dotfiles/saved.json", place / "saved.json");
+    std::optional<RecipeVault> vault;
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+        vault.emplace(place);
+        ASSERT_EQ(faults.struck(), "read");
+    }
+    EXPECT_EQ(vault->count(), 0U);
+
+    vault->save(builtInRecipe(2));
+
+    EXPECT_EQ(vault->lastSaveError(), std::nullopt);
+    EXPECT_TRUE(std::filesystem::is_symlink(place / "saved.json"));
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+    EXPECT_EQ(vault->saved(), file().recipes);
+}
+
+TEST_F(RecipeVaultTests, AFileThatCannotBeReadIsNeverReplaced) {
+    RecipeVault(place).save(builtInRecipe(1));
+    const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read", .persists = true});
+    RecipeVault vault(place);
+
+    EXPECT_TRUE(vault.save(builtInRecipe(2)));
+
+    ASSERT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_THAT(*vault.lastSaveError(), testing::HasSubstr("Input/output error"));
+    EXPECT_THAT(keptAside(), testing::IsEmpty());
+}
+
+TEST_F(RecipeVaultTests, ALockThatCannotBeHadIsReportedWithItsCause) {
+    RecipeVault vault(place);
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = ENOLCK, .call = "fcntl"});
+        vault.save(builtInRecipe(1));
+    }
+    ASSERT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_THAT(*vault.lastSaveError(), testing::HasSubstr("No locks available"));
+
+    folder.putFile("vault/.saved.lock", "my precious notes");
+    vault.save(builtInRecipe(2));
+    ASSERT_NE(vault.lastSaveError(), std::nullopt);
+    EXPECT_THAT(*vault.lastSaveError(), testing::HasSubstr("it holds something else"));
+    EXPECT_EQ(folder.content("vault/.saved.lock"), "my precious notes");
+    EXPECT_FALSE(std::filesystem::exists(vault.file()));
+
+    std::filesystem::remove(place / ".saved.lock");
+    vault.save(builtInRecipe(3));
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(file().recipes.size(), 3U);
 }
 
 TEST_F(RecipeVaultTests, AVaultOfManyMegabytesIsReadAgain) {

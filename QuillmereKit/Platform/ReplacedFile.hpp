@@ -1,0 +1,28 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+#include "QuillmereKit/Platform/Calendar.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+
+/// What the stores share that keep a list of the user's in one file, and replace it whole: absence and damage are told
+/// from a disk that cannot answer. Not part of the library's interface. Thread-safe; blocks on disk.
+namespace quillmere::replacedFile {
+
+/// What stands at a path, links not followed, or nothing where certainly nothing does. Throws `FileError` where that
+/// cannot be told.
+[[nodiscard]] std::optional<FileFacts> lookAt(const std::filesystem::path& file);
+
+/// The file that a link in `file`'s place names in the end; `file` itself where no link stands. Nothing where the link
+/// leads nowhere. Throws `FileError` where that cannot be told.
+[[nodiscard]] std::optional<std::filesystem::path> behindLink(const std::filesystem::path& file);
+
+/// Whether an error says for good that what stands there is not a file that can be read: no regular one, or too large.
+/// Any other may have passed when the file is next looked at.
+[[nodiscard]] bool isForGood(const FileError& error) noexcept;
+
+/// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
+void keepUnreadable(const std::filesystem::path& file, Date now);
+
+}  // namespace quillmere::replacedFile
