@@ -12,10 +12,12 @@
 
 #include "QuillmereKit/Library/LoopArtifact.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
@@ -141,6 +143,61 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesPieceIsNotLost) {
 
         const auto manifest = home.content("Loops/manifest.json");
         EXPECT_NE(manifest.find(theirs.identity.filename()), std::string::npos);
+        if (!wasRefused || HasFailure()) break;
+    }
+}
+
+TEST(RefusedAllocationsOfLateStores, AnotherProcessesMoodIsNotLost) {
+    SystemCallFaults::syncNothing();
+    for (long index = 0;; index = next(index)) {
+        SCOPED_TRACE("allocation " + std::to_string(index));
+        const TemporaryFolder home;
+        const auto file = home.path() / "Moods.json";
+        CustomMoodStore store(file);
+        store.save(sampleSpec("my-1"));
+        CustomMoodStore(file).save(sampleSpec("my-2"));
+        try {
+            const Refusal refusal(index);
+            store.save(sampleSpec("my-3"));
+        } catch (const std::exception&) {
+            // Tried again below.
+        }
+        store.save(sampleSpec("my-3"));
+
+        const auto kept = CustomMoodStore(file).all();
+        EXPECT_EQ(kept.size(), 3U);
+        EXPECT_EQ(kept, store.all());
+        if (!wasRefused || HasFailure()) break;
+    }
+}
+
+TEST(RefusedAllocationsOfLateStores, AnotherProcessesRecipeIsNotLostAndARemovalNotUndone) {
+    SystemCallFaults::syncNothing();
+    for (long index = 0;; index = next(index)) {
+        SCOPED_TRACE("allocation " + std::to_string(index));
+        const TemporaryFolder home;
+        RecipeVault vault(home.path());
+        vault.save(builtInRecipe(1));
+        vault.save(builtInRecipe(2));
+        {
+            RecipeVault other(home.path());
+            other.save(builtInRecipe(3));
+            other.remove(builtInRecipe(1).fingerprint);
+        }
+        try {
+            const Refusal refusal(index);
+            vault.save(builtInRecipe(4));
+        } catch (const std::exception&) {
+            // Tried again below.
+        }
+        vault.save(builtInRecipe(5));
+
+        EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+        const RecipeVault kept(home.path());
+        EXPECT_TRUE(kept.contains(builtInRecipe(3).fingerprint)) << "another process's recipe is lost";
+        EXPECT_FALSE(kept.contains(builtInRecipe(1).fingerprint)) << "another process's removal is undone";
+        EXPECT_TRUE(kept.contains(builtInRecipe(5).fingerprint));
+        EXPECT_EQ(kept.saved(), vault.saved());
         if (!wasRefused || HasFailure()) break;
     }
 }

@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <ostream>
 #include <utility>
 
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "Tests/Reliability/Disk.hpp"
 
 namespace quillmere::test {
@@ -49,6 +51,11 @@ testing::AssertionResult isSame(const Lines& is, const Lines& should) {
     return failure;
 }
 
+/// How many files this process has open.
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
 }  // namespace
 
 bool isRest(const std::string& path) {
@@ -58,7 +65,7 @@ bool isRest(const std::string& path) {
 
 void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
 
-Stage::Stage(const Operation& operation) : operation_(operation) {
+Stage::Stage(const Operation& operation) : operation_(operation), descriptors_(openDescriptors()) {
     std::filesystem::create_directories(home_);
     operation.prepare(home_);
     prepared_ = readTree(home_);
@@ -232,7 +239,16 @@ void Stage::checkAfterFailure(std::unique_ptr<Session> session, const Outcome& o
         for (const auto& line : wanted) EXPECT_TRUE(line == unreadableLine || holds(lines(later), line)) << line;
     }
     session.reset();
+    checkNothingIsHeld();
     checkNextStart(readTree(home_));
+    checkNothingIsHeld();
+}
+
+void Stage::checkNothingIsHeld() const {
+    for (const auto& [path, content] : readTree(home_)) {
+        EXPECT_FALSE(isLock(path) && FolderLock::isHeld(home_ / path)) << path << " is held after the end";
+    }
+    EXPECT_EQ(openDescriptors(), descriptors_) << "a file was left open";
 }
 
 void Stage::checkIsSafe(const std::vector<RecordedCall>& calls) const {

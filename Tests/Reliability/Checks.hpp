@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <iosfwd>
 #include <memory>
@@ -66,8 +67,10 @@ private:
     [[nodiscard]] Lines lines(const Tree& tree) const;
     [[nodiscard]] Lines withAudio(const Lines& lines, const Tree& tree) const;
     void checkNextStart(const Tree& tree) const;
+    void checkNothingIsHeld() const;
 
     const Operation& operation_;
+    const std::ptrdiff_t descriptors_;  ///< Open before the first session, and after every one.
     TemporaryFolder folder_;
     const std::filesystem::path home_ = folder_.path() / "home";
     Tree prepared_;

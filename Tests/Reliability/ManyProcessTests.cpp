@@ -1,4 +1,5 @@
-// Many processes at work on one library, each of which may be killed at any moment.
+// Many processes at work on one library, or on one list of moods and one vault, each of which may be killed at any
+// moment.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -13,8 +14,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
+#include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -22,12 +26,15 @@
 #include <vector>
 
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Reliability/Tree.hpp"
+#include "Tests/Sharing/SampleRecipes.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 
 namespace quillmere::test {
@@ -38,19 +45,32 @@ using std::filesystem::path;
 constexpr std::size_t processes = 3;
 constexpr std::size_t mostPieces = 10'000;
 constexpr int killsOfARound = 40;  // of one library
+const AudioLoudness loudness{.integratedLUFS = -20.5, .peak = 0.5, .seconds = 120};
 
-enum class Promise : char { none, maybe, kept, unwanted };
+enum class Promise : char { none, maybe, kept, unwanted, gone };
 
 /// What the processes told before they died, in memory that outlives them.
 struct Diary {
     std::atomic<std::uint32_t> pieces;
     std::atomic<std::uint32_t> refusals;  // a library in use by another process
     std::array<std::atomic<Promise>, mostPieces> promises;
+    std::array<std::atomic<Promise>, mostPieces> others;  // of the pieces' loudness, or of moods beside recipes
+
+    void clear() {
+        pieces = 0;
+        refusals = 0;
+        for (auto& promise : promises) promise = Promise::none;
+        for (auto& promise : others) promise = Promise::none;
+    }
 };
+
+/// Work of one process, one step after the other.
+using Work = std::function<void(std::mt19937& dice)>;
 
 struct ManyProcesses : testing::Test {
     TemporaryFolder home;
     path folder;
+    std::function<Work()> begin;  ///< Called in each new process.
     std::mt19937 random = std::mt19937(11);
     unsigned seed = 0;
     std::uint32_t confirmed = 0;
@@ -58,15 +78,21 @@ struct ManyProcesses : testing::Test {
         static_cast<Diary*>(mmap(nullptr, sizeof(Diary), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::array<int, 2> steps{};  // every process writes a byte for every step that it has done
 
-    ManyProcesses() { EXPECT_EQ(pipe2(steps.data(), O_CLOEXEC), 0); }
+    ManyProcesses() {
+        SystemCallFaults::syncNothing();
+        EXPECT_EQ(pipe2(steps.data(), O_CLOEXEC), 0);
+    }
     ~ManyProcesses() override {
         ::close(steps[0]);
         ::close(steps[1]);
         munmap(diary, sizeof(Diary));
     }
 
+    /// Every other piece is a recording, which no pruning takes.
+    [[nodiscard]] static bool isRecording(std::uint32_t index) { return index % 2 == 1; }
     [[nodiscard]] static LoopIdentity identity(std::uint32_t index) {
-        return LoopStoreFixture::identity("rain", 2, index);
+        return isRecording(index) ? LoopStoreFixture::recording("rain", index)
+                                  : LoopStoreFixture::identity("rain", 2, index);
     }
     [[nodiscard]] static std::string audio(std::uint32_t index) {
         return "the sound of piece " + std::to_string(index);
@@ -94,19 +120,80 @@ struct ManyProcesses : testing::Test {
         const auto file = folder / (identity(index).filename() + ".wav");
         moveFile(made, file);
         diary->promises[index] = Promise::maybe;
-        // As long as another holds the library it is refused; then it takes in what that one wrote.
-        while (diary->promises[index] != Promise::kept) {
+        untilNotRefused(
+            [&] { store.addPersistent(LoopStoreFixture::artifactAt(identity(index), FileURL::fromPath(file))); });
+        // Another process may prune a piece that is none of its own as soon as it is there.
+        if (isRecording(index)) diary->promises[index] = Promise::kept;
+        switch (dice() % 8) {
+            case 0:
+            case 1:
+                diary->promises[index] = Promise::unwanted;
+                store.trash([&](const LoopArtifact& each) { return each.identity == identity(index); });
+                break;
+            case 2: store.prune({}); break;
+            case 3:
+            case 4: {
+                bool isSet = false;
+                untilNotRefused([&] {
+                    const auto stored = store.artifact(identity(index));  // a refused measurement stays in memory
+                    isSet = stored && store.setLoudness(loudness, *stored);
+                });
+                if (isSet && isRecording(index)) diary->others[index] = Promise::kept;
+                break;
+            }
+            default: break;
+        }
+    }
+
+    /// As long as another process holds the library a change is refused; then it takes in what that one wrote.
+    void untilNotRefused(const std::function<void()>& change) const {
+        for (;;) {
             try {
-                store.addPersistent(LoopStoreFixture::artifactAt(identity(index), FileURL::fromPath(file)));
-                diary->promises[index] = Promise::kept;
+                return change();
             } catch (const LibraryInUse&) {
                 ++diary->refusals;
                 sched_yield();
             }
         }
-        if (dice() % 4 != 0) return;
-        diary->promises[index] = Promise::unwanted;
-        store.trash([&](const LoopArtifact& each) { return each.identity == identity(index); });
+    }
+
+    /// The same moods and recipes in the hands of every process. A vault keeps what it could not write for later.
+    [[nodiscard]] Work listKeeping() const {
+        struct Lists {
+            RecipeVault vault;
+            CustomMoodStore moods;
+            std::vector<std::pair<std::uint32_t, Promise>> unsaved;
+        };
+        const std::shared_ptr<Lists> lists(new Lists{RecipeVault(folder), CustomMoodStore(folder / "Moods.json"), {}});
+        return [this, lists](std::mt19937& dice) {
+            const auto index = diary->pieces++;
+            if (index >= mostPieces) ::_exit(2);
+            const auto changeVault = [&](Promise meanwhile, Promise then, const auto& change) {
+                diary->promises[index] = meanwhile;
+                change();
+                lists->unsaved.emplace_back(index, then);
+                if (lists->vault.lastSaveError()) {
+                    ++diary->refusals;
+                    return;
+                }
+                for (const auto& [which, promise] : lists->unsaved) diary->promises[which] = promise;
+                lists->unsaved.clear();
+            };
+            const auto recipe = builtInRecipe(index);
+            changeVault(Promise::maybe, Promise::kept, [&] { lists->vault.save(recipe); });
+            if (dice() % 4 == 0) {
+                changeVault(Promise::unwanted, Promise::gone, [&] { lists->vault.remove(recipe.fingerprint); });
+            }
+
+            const auto mood = sampleSpec("my-" + std::to_string(index));
+            diary->others[index] = Promise::maybe;
+            untilNotRefused([&] { lists->moods.save(mood); });
+            diary->others[index] = Promise::kept;
+            if (dice() % 4 != 0) return;
+            diary->others[index] = Promise::unwanted;
+            untilNotRefused([&] { lists->moods.remove(mood.id); });
+            diary->others[index] = Promise::gone;
+        };
     }
 
     /// Starts some processes, and kills them one after the other, and in the end all, while others take their place.
@@ -114,14 +201,20 @@ struct ManyProcesses : testing::Test {
 
     /// What they confirmed is there, whole and alone, and the library is free.
     void check();
+    void checkLists();
+
+    /// As many rounds as the environment asks for.
+    void run(const std::function<void()>& checkAfter);
 
     [[nodiscard]] pid_t start(unsigned from) const {
         const pid_t child = fork();
         if (child != 0) return child;
         std::mt19937 own(from);
+        Work work;
         for (;;) {
             try {
-                renderOne(own);
+                if (!work) work = begin();
+                work(own);
             } catch (const std::exception& error) {
                 std::cerr << error.what() << "\n";
                 ::_exit(4);
@@ -165,6 +258,10 @@ void ManyProcesses::check() {
             const auto index = static_cast<std::uint32_t>(each.identity.seed);
             std::ifstream in(each.url.path(), std::ios::binary);
             EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), audio(index)) << each.url.text();
+            if (diary->others[index] == Promise::kept) {
+                EXPECT_TRUE(each.quality && each.quality->loudness == loudness)
+                    << "the loudness of piece " << index << " is lost";
+            }
         }
         // The lock is free: the first change succeeds.
         const auto index = diary->pieces++;
@@ -184,8 +281,28 @@ void ManyProcesses::check() {
     }
 }
 
-TEST_F(ManyProcesses, LoseNoPieceAndTearNoFileAndLeaveTheLockFree) {
-    SystemCallFaults::syncNothing();
+void ManyProcesses::checkLists() {
+    for (const auto& [name, content] : readTree(folder)) {
+        EXPECT_EQ(name.find("unreadable"), std::string::npos) << "a torn file";
+        EXPECT_FALSE(name.ends_with(".lock") && FolderLock::isHeld(folder / name)) << name << " is held";
+    }
+    RecipeVault vault(folder);
+    CustomMoodStore moods(folder / "Moods.json");
+    const auto isKept = [&](Promise promise, bool isThere, const char* what, std::uint32_t index) {
+        if (promise == Promise::kept) ++confirmed;
+        EXPECT_FALSE(promise == Promise::kept && !isThere) << what << " " << index << " is lost";
+        EXPECT_FALSE(promise == Promise::gone && isThere) << what << " " << index << " was removed, and is back";
+    };
+    for (std::uint32_t index = 0; index < diary->pieces; ++index) {
+        isKept(diary->promises[index], vault.contains(builtInRecipe(index).fingerprint), "recipe", index);
+        isKept(diary->others[index], moods.spec("my-" + std::to_string(index)).has_value(), "mood", index);
+    }
+    EXPECT_TRUE(vault.save(builtInRecipe(mostPieces)));
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_NO_THROW(moods.save(sampleSpec("my-last")));
+}
+
+void ManyProcesses::run(const std::function<void()>& checkAfter) {
     const char* wanted = std::getenv("QUILLMERE_PROCESS_KILLS");
     const int rounds = wanted == nullptr ? 1 : std::atoi(wanted) / killsOfARound;
     std::uint32_t pieces = 0;
@@ -193,12 +310,10 @@ TEST_F(ManyProcesses, LoseNoPieceAndTearNoFileAndLeaveTheLockFree) {
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
         folder = home.path() / ("Loops-" + std::to_string(round));
         std::filesystem::create_directories(folder);
-        diary->pieces = 0;
-        diary->refusals = 0;
-        for (auto& promise : diary->promises) promise = Promise::none;
+        diary->clear();
 
         killAgainAndAgain();
-        if (!HasFatalFailure()) check();
+        if (!HasFatalFailure()) checkAfter();
 
         pieces += diary->pieces;
         refusals += diary->refusals;
@@ -209,6 +324,16 @@ TEST_F(ManyProcesses, LoseNoPieceAndTearNoFileAndLeaveTheLockFree) {
         std::cout << rounds * killsOfARound << " kills, " << pieces << " pieces, " << confirmed << " confirmed, "
                   << refusals << " changes refused because another process held the library\n";
     }
+}
+
+TEST_F(ManyProcesses, LoseNoPieceAndTearNoFileAndLeaveTheLockFree) {
+    begin = [this] { return [this](std::mt19937& dice) { renderOne(dice); }; };
+    run([this] { check(); });
+}
+
+TEST_F(ManyProcesses, LoseNoRecipeAndNoMoodAndLeaveTheLocksFree) {
+    begin = [this] { return listKeeping(); };
+    run([this] { checkLists(); });
 }
 
 }  // namespace

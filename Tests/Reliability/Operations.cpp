@@ -567,8 +567,8 @@ class MoodSession : public Session {
 public:
     using Act = std::function<void(CustomMoodStore& store)>;
 
-    MoodSession(const path& home, Act act, bool isLater = false)
-        : file_(home / "Data/Moods.json"), act_(std::move(act)) {
+    MoodSession(path folder, Act act, bool isLater = false)
+        : file_(std::move(folder) / "Moods.json"), act_(std::move(act)) {
         if (!isLater) open();
     }
     void act() override {
@@ -598,8 +598,38 @@ Operation onMoods(std::string name, MoodSession::Act act, bool isLater = false) 
                     store.save(mood("my-1", "One"));
                     store.save(mood("my-2", "Two"));
                 },
-            .begin = [=](const path& home) { return std::make_unique<MoodSession>(home, act, isLater); },
+            .begin = [=](const path& home) { return std::make_unique<MoodSession>(home / "Data", act, isLater); },
             .isOpening = isLater};
+}
+
+/// A folder outside the home, in which a link of this name leads to the file of that name in the home's data.
+path folderWithALink(const path& home, const char* name) {
+    auto folder = home.parent_path() / "Linked";
+    std::filesystem::create_directories(folder);
+    if (!std::filesystem::is_symlink(folder / name)) {
+        std::filesystem::create_symlink(home / "Data" / name, folder / name);
+    }
+    return folder;
+}
+
+/// What the session holds is not what the file holds: another process has saved a mood since.
+Operation onOthersMoods(std::string name, MoodSession::Act act) {
+    auto operation = onMoods(std::move(name), std::move(act));
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        CustomMoodStore(home / "Data/Moods.json").save(mood("my-other", "Theirs"));
+        return session;
+    };
+    operation.isOpening = true;
+    return operation;
+}
+
+Operation onMoodsBehindALink(std::string name, MoodSession::Act act, bool isLater = false) {
+    auto operation = onMoods(std::move(name), {}, isLater);
+    operation.begin = [=](const path& home) {
+        return std::make_unique<MoodSession>(folderWithALink(home, "Moods.json"), act, isLater);
+    };
+    return operation;
 }
 
 Operation saveFirstMood() {
@@ -622,7 +652,7 @@ class VaultSession : public Session {
 public:
     using Act = std::function<bool(RecipeVault& vault)>;
 
-    VaultSession(const path& home, Act act, bool isLater = false) : folder_(home / "Data"), act_(std::move(act)) {
+    VaultSession(path folder, Act act, bool isLater = false) : folder_(std::move(folder)), act_(std::move(act)) {
         if (!isLater) open();
     }
     void act() override {
@@ -655,8 +685,27 @@ Operation onVault(std::string name, VaultSession::Act act, bool isLater = false)
                     vault.save(builtInRecipe(1));
                     vault.save(builtInRecipe(2));
                 },
-            .begin = [=](const path& home) { return std::make_unique<VaultSession>(home, act, isLater); },
+            .begin = [=](const path& home) { return std::make_unique<VaultSession>(home / "Data", act, isLater); },
             .isOpening = isLater};
+}
+
+Operation onOthersVault(std::string name, VaultSession::Act act) {
+    auto operation = onVault(std::move(name), std::move(act));
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        RecipeVault(home / "Data").save(builtInRecipe(77));
+        return session;
+    };
+    operation.isOpening = true;
+    return operation;
+}
+
+Operation onVaultBehindALink(std::string name, VaultSession::Act act, bool isLater = false) {
+    auto operation = onVault(std::move(name), {}, isLater);
+    operation.begin = [=](const path& home) {
+        return std::make_unique<VaultSession>(folderWithALink(home, "saved.json"), act, isLater);
+    };
+    return operation;
 }
 
 Operation saveFirstRecipe() {
@@ -734,12 +783,27 @@ const std::vector<Operation>& operations() {
         onMoods("SaveAMood", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
         onMoods("ReplaceAMood", [](CustomMoodStore& store) { store.save(mood("my-1", "Uno")); }),
         onMoods("RemoveAMood", [](CustomMoodStore& store) { store.remove("my-1"); }),
+        onOthersMoods("SaveAMoodOverWhatAnotherProcessWrote",
+                      [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
+        onOthersMoods("RemoveAMoodFromWhatAnotherProcessWrote", [](CustomMoodStore& store) { store.remove("my-1"); }),
+        onMoods(
+            "OpenTheMoodsAndSave", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }, true),
+        onMoodsBehindALink("SaveAMoodBehindALink", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
+        onMoodsBehindALink(
+            "OpenTheMoodsBehindALinkAndSave", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }, true),
         saveFirstMood(),
         openDamagedMoods(),
         onVault("SaveARecipe", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }),
         onVault(
             "OpenTheVaultAndSave", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }, true),
         onVault("RemoveARecipe", [](RecipeVault& vault) { return vault.remove(builtInRecipe(1).fingerprint); }),
+        onOthersVault("SaveARecipeOverWhatAnotherProcessWrote",
+                      [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }),
+        onOthersVault("RemoveARecipeFromWhatAnotherProcessWrote",
+                      [](RecipeVault& vault) { return vault.remove(builtInRecipe(1).fingerprint); }),
+        onVaultBehindALink("SaveARecipeBehindALink", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }),
+        onVaultBehindALink(
+            "OpenTheVaultBehindALinkAndSave", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }, true),
         importBundle(),
         saveFirstRecipe(),
         saveOverDamagedVault(),
@@ -791,8 +855,8 @@ const Lines& linesIn(Shelf shelf, const std::string& content) {
 std::unique_ptr<Session> reopen(Shelf shelf, const path& home) {
     switch (shelf) {
         case Shelf::loops: return std::make_unique<LoopSession>(home, LoopSession::Act{});
-        case Shelf::moods: return std::make_unique<MoodSession>(home, MoodSession::Act{});
-        case Shelf::vault: return std::make_unique<VaultSession>(home, VaultSession::Act{});
+        case Shelf::moods: return std::make_unique<MoodSession>(home / "Data", MoodSession::Act{});
+        case Shelf::vault: return std::make_unique<VaultSession>(home / "Data", VaultSession::Act{});
         case Shelf::file: return std::make_unique<FileSession>(home);
     }
     return nullptr;

@@ -43,7 +43,7 @@ struct Operation {
     std::set<std::string> mayGo = {};       ///< Files that it removes.
     std::set<std::string> mayCome = {};     ///< Files that it makes, besides the store's own.
     std::set<std::string> isUnsynced = {};  ///< Files that somebody wrote before and did not sync.
-    bool isOpening = false;                 ///< It opens the store, so that what cannot be read is not in memory.
+    bool isOpening = false;                 ///< It reads the file anew, so that what it cannot read is not in memory.
     bool isDoneByAnyStart = false;          ///< So that it is done after the next start, whatever became of it.
     bool isExact = true;  ///< An exception that does not say "in place" says that nothing was written.
     /// Where the change takes two steps, what the store's file may hold between them, whatever ends it there.
