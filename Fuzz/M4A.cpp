@@ -3,7 +3,8 @@
 #include "QuillmereKit/Platform/AudioFile.hpp"
 
 // An Apple Lossless file, whose bytes are decoded by another library: what it makes of them is not believed further
-// than the file's own promises go. Memory and time are bound by the fuzzer's limits.
+// than the file's own promises go. The library's own filter bounds its memory; the fuzzer's limits hold the filter to
+// it.
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace quillmere;
