@@ -212,7 +212,9 @@ public:
     /// the manifest names the verified copy. Throws `FileError`: `fileReadCorruptFile` if the source is not 16-bit, 48
     /// kHz stereo linear PCM, `fileWriteUnknown` if the encoded file does not decode to the same samples or the
     /// manifest cannot be saved, what opening or moving gives; `LibraryInUse`; `CancellationError` when `stop` asks;
-    /// what `encode` throws.
+    /// what `encode` throws. Only where the manifest could not be brought back either, the error's `isInPlace()` is
+    /// true: manifest and memory then name the lossless file, and both files are there. A piece that names a damaged
+    /// lossless file names its WAV file, on disk too, before that one goes.
     bool migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop = {});
 
     /// Why the last save failed, which pieces it had to leave out, or why a seed could not be brought in, until a save
