@@ -511,11 +511,14 @@ TEST(JSONReaderTests, DeepNestingIsReadTo512LevelsAndRefusedWhenAbsurd) {
 // An empty object or array at the bottom is one that the parser does not go into.
 TEST(JSONReaderTests, NestingIsReadTo1023LevelsAndAnEmptyOneBelowThem) {
     constexpr std::size_t most = 1023;
-    for (const auto& [open, empty, close] : {std::tuple("[", "[]", "]"), {"{\"a\":", "{}", "}"}}) {
-        SCOPED_TRACE(open);
-        const auto nested = [&, open = std::string(open), close = std::string(close)](std::size_t depth,
-                                                                                      const std::string& bottom) {
-            return repeated(open, depth) + bottom + repeated(close, depth);
+    struct Kind {
+        std::string open, empty, close;
+    };
+    for (const Kind& kind : {Kind{"[", "[]", "]"}, Kind{"{\"a\":", "{}", "}"}}) {
+        SCOPED_TRACE(kind.open);
+        const auto& empty = kind.empty;
+        const auto nested = [&](std::size_t depth, const std::string& bottom) {
+            return repeated(kind.open, depth) + bottom + repeated(kind.close, depth);
         };
         EXPECT_TRUE(isAccepted(nested(most, "1")));
         EXPECT_FALSE(isAccepted(nested(most + 1, "1")));
