@@ -837,7 +837,7 @@ TEST_F(LoopStoreDiscardTests, WorkingFoldersDeeperDownAndOtherFoldersStay) {
 TEST_F(LoopStoreDiscardTests, WorkingFolderWithNothingButAFreeLockFileCountsAsEmpty) {
     auto store = open();
     const auto url = stray("Render-1/a.wav");
-    stray("Render-1/.lock");
+    home.putFile("Loops/Render-1/.lock", "");
 
     EXPECT_TRUE(store.discardUnstored(url));
     EXPECT_FALSE(std::filesystem::exists(folder / "Render-1"));
