@@ -284,9 +284,10 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     try {
         state.record(piece.withURL(target), piece);
     } catch (const FileError& error) {
-        throw error.isInPlace() ? unrecorded.inPlace() : unrecorded;
+        if (error.isInPlace()) throw unrecorded.inPlace();
+        throw FileError(unrecorded);
     } catch (const std::exception&) {
-        throw unrecorded;
+        throw FileError(unrecorded);
     }
 
     // A source that is no longer what was proved stays: whatever it holds now, nothing else holds it. So does one whose
