@@ -8,8 +8,6 @@
 #include <cstddef>
 #include <functional>
 
-#include "Tests/Support/Sanitizer.hpp"
-
 namespace quillmere::test {
 
 constexpr std::size_t mebibyte = std::size_t{1} << 20;
@@ -32,9 +30,7 @@ inline std::size_t peakOf(const std::function<void()>& action) {
     };
     const auto nothing = measured([] {});
     const auto all = measured(action);
-    // A sanitizer surrounds what is taken, and keeps for a while what was given back.
-    constexpr std::size_t share = isSanitized ? 4 : 1;
-    return all > nothing ? (all - nothing) / share : 0;
+    return all > nothing ? all - nothing : 0;
 }
 
 }  // namespace quillmere::test
