@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -101,6 +102,8 @@ std::filesystem::path wholePath(int folder, const char* name) {
 /// Records a call that succeeded; leaves `errno` alone.
 void record(RecordedCall call) {
     const int error = errno;
+    static std::mutex mutex;  // a large library's folder is listed by a thread of its own
+    const std::lock_guard lock(mutex);
     plan.record->push_back(std::move(call));
     errno = error;
 }
