@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 
@@ -15,6 +16,11 @@ inline void require(bool holds, const char* what) {
 inline void require(bool holds, int systemError, const char* what) {
     if (systemError != 0) throw std::system_error(systemError, std::system_category(), what);
     require(holds, what);
+}
+
+/// Throws unless there was memory for it.
+inline void requireMemory(bool isGiven) {
+    if (!isGiven) throw std::bad_alloc();
 }
 
 }  // namespace quillmere

@@ -51,7 +51,7 @@ void FrameEncoder::open(std::int32_t sampleRate, std::int32_t channels) {
     require(codec != nullptr, "no encoder for ALAC");
     encoder_ = avcodec_alloc_context3(codec);
     frame_ = av_frame_alloc();
-    require(encoder_ != nullptr && frame_ != nullptr, "out of memory");
+    requireMemory(encoder_ != nullptr && frame_ != nullptr);
     encoder_->sample_fmt = AV_SAMPLE_FMT_S16P;
     encoder_->sample_rate = sampleRate;
     encoder_->time_base = AVRational{1, sampleRate};
@@ -63,8 +63,8 @@ void FrameEncoder::open(std::int32_t sampleRate, std::int32_t channels) {
     frame_->nb_samples = encoder_->frame_size;
     frame_->format = encoder_->sample_fmt;
     frame_->sample_rate = encoder_->sample_rate;
-    require(av_channel_layout_copy(&frame_->ch_layout, &encoder_->ch_layout) >= 0, "out of memory");
-    require(av_frame_get_buffer(frame_, 0) >= 0, "out of memory");
+    requireMemory(av_channel_layout_copy(&frame_->ch_layout, &encoder_->ch_layout) >= 0);
+    requireMemory(av_frame_get_buffer(frame_, 0) >= 0);
 }
 
 void FrameEncoder::release() noexcept {
@@ -79,7 +79,7 @@ std::size_t FrameEncoder::frameSamples() const noexcept {
 void FrameEncoder::encode(std::span<const std::int16_t> samples, std::int64_t start, AVPacket& packet) {
     const int channels = encoder_->ch_layout.nb_channels;
     const int count = static_cast<int>(samples.size()) / channels;
-    require(av_frame_make_writable(frame_) >= 0, "out of memory");
+    requireMemory(av_frame_make_writable(frame_) >= 0);
     frame_->nb_samples = count;
     frame_->pts = start;
     separate(samples, *frame_, channels);

@@ -2,7 +2,9 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <cerrno>
 #include <exception>
+#include <new>
 #include <system_error>
 
 #include "Lossless/Reader.hpp"
@@ -19,6 +21,8 @@ auto guarded(const Function& function) noexcept -> decltype(function()) {
         return function();
     } catch (const std::system_error& error) {
         return -error.code().value();
+    } catch (const std::bad_alloc&) {
+        return -ENOMEM;
     } catch (const std::exception&) {
         return LosslessModule::badAudio;
     }

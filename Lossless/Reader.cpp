@@ -75,13 +75,13 @@ void LosslessReader::open(LosslessInfo& info) {
     filter_ = std::make_unique<const MovieFilter>(descriptor_, static_cast<std::uint64_t>(size_));
 
     auto* const buffer = static_cast<std::uint8_t*>(av_malloc(inputBufferSize));
-    require(buffer != nullptr, "out of memory");
+    requireMemory(buffer != nullptr);
     input_ = avio_alloc_context(buffer, inputBufferSize, 0, this, readBytes, nullptr, seekTo);
     if (input_ == nullptr) av_free(buffer);
-    require(input_ != nullptr, "out of memory");
+    requireMemory(input_ != nullptr);
 
     container_ = avformat_alloc_context();
-    require(container_ != nullptr, "out of memory");
+    requireMemory(container_ != nullptr);
     container_->pb = input_;
     container_->io_open = refuseToOpen;
     container_->max_streams = 1;
@@ -115,7 +115,7 @@ void LosslessReader::open(LosslessInfo& info) {
     decoder_ = avcodec_alloc_context3(codec);
     packet_ = av_packet_alloc();
     frame_ = av_frame_alloc();
-    require(decoder_ != nullptr && packet_ != nullptr && frame_ != nullptr, "out of memory");
+    requireMemory(decoder_ != nullptr && packet_ != nullptr && frame_ != nullptr);
     require(avcodec_parameters_to_context(decoder_, parameters) >= 0, "unusable audio parameters");
     decoder_->thread_count = 1;
     decoder_->err_recognition = AV_EF_EXPLODE | AV_EF_CRCCHECK;

@@ -7,8 +7,12 @@ extern "C" {
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <new>
+#include <optional>
 #include <span>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -23,6 +27,64 @@ constexpr int outputBufferSize = 1 << 18;
 // processor's cache.
 constexpr std::size_t sharedFrames = 64;
 constexpr std::size_t lonelyFrames = 2;
+
+/// A part of the file.
+struct Range {
+    std::int64_t begin = 0;
+    std::int64_t end = 0;
+};
+
+/// The bytes from there on, as many as there are.
+std::size_t readAt(int file, std::int64_t place, std::span<unsigned char> bytes) {
+    std::size_t filled = 0;
+    while (filled < bytes.size()) {
+        const auto rest = bytes.subspan(filled);
+        const ssize_t count = ::pread(file, rest.data(), rest.size(), place + static_cast<std::int64_t>(filled));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) throw std::system_error(errno, std::system_category(), "the file cannot be read");
+        if (count == 0) break;
+        filled += static_cast<std::size_t>(count);
+    }
+    return filled;
+}
+
+/// The content of the first box of this name (ISO/IEC 14496-12, 4.2); nothing if `within` holds none.
+std::optional<Range> contentOf(std::string_view name, int file, Range within) {
+    while (within.begin < within.end) {
+        std::array<unsigned char, 16> head{};
+        if (readAt(file, within.begin, head) < 8) return std::nullopt;
+        const auto number = [&](std::size_t from, std::size_t bytes) {
+            std::int64_t value = 0;
+            for (std::size_t i = from; i < from + bytes; ++i) value = value * 256 + head[i];
+            return value;
+        };
+        std::int64_t headSize = 8;
+        std::int64_t size = number(0, 4);
+        if (size == 1) {
+            headSize = 16;
+            if (head[8] < 128) size = number(8, 8);
+        }
+        if (size < headSize || size > within.end - within.begin) return std::nullopt;
+        if (std::ranges::equal(name, std::span(head).subspan(4, 4))) {
+            return Range{within.begin + headSize, within.begin + size};
+        }
+        within.begin += size;
+    }
+    return std::nullopt;
+}
+
+/// Whether the file has every box that FFmpeg needs memory for while it completes one. Without the table of times
+/// others could not play it; without the last the bytes would not be the same as ever.
+bool isWhole(int file, std::int64_t size) {
+    const auto find = [&](const auto& path) {
+        std::optional<Range> place(Range{0, size});
+        for (const auto* name : path) {
+            if (place) place = contentOf(name, file, *place);
+        }
+        return place.has_value();
+    };
+    return find(std::array{"moov", "trak", "mdia", "minf", "stbl", "stts"}) && find(std::array{"moov", "udta", "meta"});
+}
 
 }  // namespace
 
@@ -45,18 +107,18 @@ LosslessWriter::~LosslessWriter() { release(); }
 
 void LosslessWriter::open() {
     auto* const buffer = static_cast<std::uint8_t*>(av_malloc(outputBufferSize));
-    require(buffer != nullptr, "out of memory");
+    requireMemory(buffer != nullptr);
     output_ = avio_alloc_context(buffer, outputBufferSize, 1, this, nullptr, writeBytes, seekTo);
     if (output_ == nullptr) av_free(buffer);
-    require(output_ != nullptr, "out of memory");
+    requireMemory(output_ != nullptr);
     require(avformat_alloc_output_context2(&container_, nullptr, "ipod", nullptr) >= 0, "no muxer for MPEG-4 audio");
     container_->pb = output_;
     container_->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;
     container_->flush_packets = 0;  // whole buffers at a time, not each packet by itself
     stream_ = avformat_new_stream(container_, nullptr);
-    require(stream_ != nullptr, "out of memory");
+    requireMemory(stream_ != nullptr);
     stream_->time_base = encoder_.settings().time_base;
-    require(avcodec_parameters_from_context(stream_->codecpar, &encoder_.settings()) >= 0, "out of memory");
+    requireMemory(avcodec_parameters_from_context(stream_->codecpar, &encoder_.settings()) >= 0);
     const bool isBegun = avformat_write_header(container_, nullptr) >= 0;
     require(isBegun, systemError_, "the file cannot be begun");
 
@@ -69,7 +131,7 @@ void LosslessWriter::prepare(Batch& batch) const {
     batch.packets.resize(batchFrames_);
     for (auto& packet : batch.packets) {
         packet = av_packet_alloc();
-        require(packet != nullptr, "out of memory");
+        requireMemory(packet != nullptr);
     }
 }
 
@@ -102,6 +164,8 @@ void LosslessWriter::finish() {
     const bool isComplete = av_write_trailer(container_) >= 0;
     avio_flush(output_);
     require(isComplete && output_->error >= 0, systemError_, "the file cannot be completed");
+    // Where memory runs out meanwhile, FFmpeg leaves a box out and says nothing.
+    if (!isEmpty_) requireMemory(isWhole(descriptor_, size_));
 }
 
 // Lets the batch at work come to its end and the filled one begin, and writes what came of the first.
@@ -183,6 +247,7 @@ void LosslessWriter::passOn(Batch& batch) {
         const bool isWritten = av_write_frame(container_, packet) >= 0;
         av_packet_unref(packet);
         require(isWritten, systemError_, "the file cannot be written");
+        isEmpty_ = false;
     }
 }
 

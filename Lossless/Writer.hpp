@@ -20,8 +20,8 @@ struct AVStream;
 
 namespace quillmere {
 
-/// Encodes 16-bit samples as Apple Lossless in MPEG-4, into a descriptor. Throws `std::system_error` where the system
-/// failed, and `std::runtime_error`.
+/// Encodes 16-bit samples as Apple Lossless in MPEG-4, into a descriptor open for reading and writing. Throws
+/// `std::system_error` where the system failed, `std::bad_alloc` and `std::runtime_error`.
 ///
 /// Samples are gathered to batches of frames. With a second thread, that one encodes a batch while the calling thread
 /// fills the next and writes the packets of the one before; then both take the frames that are left in turn. Packets
@@ -59,6 +59,7 @@ private:
     std::int64_t size_ = 0;
     std::int64_t position_ = 0;
     int systemError_ = 0;  // of the first write that failed
+    bool isEmpty_ = true;  // no packet was written
     AVIOContext* output_ = nullptr;
     AVFormatContext* container_ = nullptr;
     AVStream* stream_ = nullptr;

@@ -42,7 +42,8 @@ struct LosslessModule {
     /// Ends a reader; its descriptor stays open.
     void (*closeReader)(LosslessReader* reader);
 
-    /// Begins an Apple Lossless file in MPEG-4 behind an empty descriptor that stays the caller's. `threads` is 1 or 2,
+    /// Begins an Apple Lossless file in MPEG-4 behind an empty descriptor, open for reading and writing, that stays the
+    /// caller's. `threads` is 1 or 2,
     /// the calling one included; the bytes written do not depend on it.
     std::int32_t (*openWriter)(int descriptor, std::int32_t sampleRate, std::int32_t channels, std::int32_t threads,
                                LosslessWriter** writer);

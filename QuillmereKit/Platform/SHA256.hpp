@@ -10,7 +10,8 @@
 
 namespace quillmere {
 
-/// An incremental SHA-256 digest (FIPS 180-4). Not thread-safe; each computation owns one.
+/// An incremental SHA-256 digest (FIPS 180-4). Not thread-safe; each computation owns one. It takes memory when it is
+/// made, and throws `std::bad_alloc` if there is none; nothing else can fail.
 class SHA256 {
 public:
     /// The 32 bytes of a digest.
@@ -29,7 +30,8 @@ public:
     /// The digest of all bytes so far; the state then starts afresh.
     [[nodiscard]] Digest finish();
 
-    /// The digest of one text. Thread-safe. Quicker for a short text than an object of this class.
+    /// The digest of one text. Thread-safe. Takes no memory, which makes it quicker for a short
+    /// text than an object of this class.
     [[nodiscard]] static Digest digest(std::string_view text);
 
 private:

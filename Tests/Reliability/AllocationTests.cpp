@@ -1,80 +1,183 @@
-// What is left when memory runs out in the middle of an operation: each allocation of each in turn is refused.
+// What is left when memory runs out in the middle of an operation: each request for memory in turn is refused, alone or
+// with all that follow it.
 
+#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string>
+#include <system_error>
+#include <utility>
+#include <variant>
 #include <vector>
 
+#include "App/DigestBook.hpp"
+#include "App/SettingsFile.hpp"
+#include "QuillmereKit/Library/AudioPCM.hpp"
+#include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Library/LoopArtifact.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
+#include "QuillmereKit/Library/LosslessEncoder.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
+#include "QuillmereKit/Moods/Persona.hpp"
+#include "QuillmereKit/Moods/TagVocabulary.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
+#include "Renderers/EngineProtocol.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
+#include "Tests/Support/AudioFiles.hpp"
+#include "Tests/Support/RefusedMemory.hpp"
+#include "Tests/Support/Sanitizer.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
-
-namespace {
-
-std::atomic<long> untilRefused = -1;  // how many allocations from now one is refused; negative for none
-std::atomic<long> live = 0;           // how many are not given back
-std::atomic<bool> wasRefused = false;
-
-void* allocated(std::size_t size) {
-    if (untilRefused.load(std::memory_order_relaxed) >= 0 && untilRefused-- == 0) {
-        wasRefused = true;
-        throw std::bad_alloc();
-    }
-    void* const bytes = std::malloc(size == 0 ? 1 : size);
-    if (bytes == nullptr) throw std::bad_alloc();
-    ++live;
-    return bytes;
-}
-
-void giveBack(void* bytes) noexcept {
-    if (bytes == nullptr) return;
-    --live;
-    std::free(bytes);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return allocated(size); }
-void* operator new[](std::size_t size) { return allocated(size); }
-void operator delete(void* bytes) noexcept { giveBack(bytes); }
-void operator delete[](void* bytes) noexcept { giveBack(bytes); }
-void operator delete(void* bytes, std::size_t) noexcept { giveBack(bytes); }
-void operator delete[](void* bytes, std::size_t) noexcept { giveBack(bytes); }
 
 namespace quillmere::test {
 namespace {
 
-/// While it lives, one allocation is refused.
-class Refusal {
-public:
-    explicit Refusal(long index) {
-        wasRefused = false;
-        untilRefused = index;
-    }
-    ~Refusal() { untilRefused = -1; }
-    Refusal(const Refusal&) = delete;
-    Refusal& operator=(const Refusal&) = delete;
-};
+using Source = RefusedMemory::Source;
+using Plan = RefusedMemory::Plan;
 
-/// Each of an operation's thousands of allocations would take minutes: all of the first ones, then ever fewer. Every
-/// one, where the environment asks for it.
-long next(long index) {
-    const bool isEach = std::getenv("QUILLMERE_EVERY_FAULT") != nullptr;
-    return index + (isEach ? 1 : 1 + index / 12);
+/// How memory can run out. A sanitizer needs malloc for itself.
+const std::vector<Plan>& shortages() {
+    static const std::vector<Plan> ofCpp = {{.source = Source::cpp}, {.source = Source::cpp, .persists = true}};
+    static const std::vector<Plan> all = {{.source = Source::cpp},
+                                          {.source = Source::cpp, .persists = true},
+                                          {.source = Source::c},
+                                          {.source = Source::c, .persists = true}};
+    return isSanitized ? ofCpp : all;
+}
+
+std::string nameOf(const Plan& plan) {
+    return std::string(plan.source == Source::cpp ? "operator new " : "malloc ") + std::to_string(plan.refused) +
+           (plan.persists ? " and all after it" : "");
+}
+
+/// Each of an operation's thousands of requests would take minutes: all of the first ones, then ever fewer; of those
+/// that persist, which are told at the same places, fewer still. Every one, where the environment asks for it.
+Plan next(Plan plan, bool isEach = false) {
+    if (std::getenv("QUILLMERE_EVERY_FAULT") != nullptr) isEach = true;
+    plan.refused += isEach ? 1 : 1 + plan.refused / (plan.persists || isSanitized ? 3 : 12);
+    return plan;
+}
+
+/// Does it under a plan; what it throws is the library's own, or says that memory ran out.
+template <class Act>
+Stage::Outcome actRefusing(const Plan& plan, const Act& act) {
+    Stage::Outcome outcome;
+    const RefusedMemory refused(plan);
+    try {
+        act();
+        RefusedMemory::end();
+    } catch (const std::bad_alloc&) {
+        RefusedMemory::end();
+        outcome.isOutOfMemory = true;
+        outcome.error = "out of memory";
+    } catch (const FileError& error) {
+        RefusedMemory::end();
+        outcome.error = error.what();
+        outcome.isInPlace = error.isInPlace();
+    } catch (const Error& error) {
+        RefusedMemory::end();
+        outcome.error = error.what();
+    }
+    outcome.isDisturbed = RefusedMemory::wasRefused();
+    outcome.mayLeaveRests = outcome.isDisturbed;
+    return outcome;
+}
+
+TEST(RefusedMemoryTests, EveryWayToAskForMemoryIsRefused) {
+    SystemCallFaults::syncNothing();
+    struct alignas(4096) Page {
+        char bytes[4096];
+    };
+    const TemporaryFolder folder;
+    const auto isRefused = [](Plan plan, const std::function<bool()>& isGiven) {
+        for (const bool isWanted : {false, true}) {
+            const long before = RefusedMemory::live(plan.source);
+            plan.refused = isWanted ? 0 : 1;
+            const RefusedMemory refused(plan);
+            const bool given = isGiven();
+            RefusedMemory::end();
+            if (given == isWanted || RefusedMemory::wasRefused() != isWanted) return false;
+            if (RefusedMemory::live(plan.source) != before) return false;
+        }
+        return true;
+    };
+    const auto isMade = [](const auto& make) {
+        return [=] {
+            try {
+                return make() != nullptr;
+            } catch (const std::bad_alloc&) {
+                return false;
+            }
+        };
+    };
+    const auto isTaken = [](const auto& take) {
+        return [=] {
+            void* const bytes = take();
+            std::free(bytes);
+            return bytes != nullptr;
+        };
+    };
+
+    const Plan cpp{.source = Source::cpp};
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::make_unique<int>(1); })));
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::make_unique<int[]>(3); })));
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::make_unique<Page>(); })));
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::make_unique<Page[]>(2); })));
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::unique_ptr<int>(new (std::nothrow) int); })));
+    EXPECT_TRUE(isRefused(cpp, isMade([] { return std::unique_ptr<Page>(new (std::nothrow) Page); })));
+    if (isSanitized) return;
+    const Plan c{.source = Source::c};
+    EXPECT_TRUE(isRefused(c, isTaken([] { return std::malloc(10); })));
+    EXPECT_TRUE(isRefused(c, isTaken([] { return std::calloc(3, 10); })));
+    EXPECT_TRUE(isRefused(c, isTaken([] { return std::realloc(nullptr, 10); })));
+    EXPECT_TRUE(isRefused(c, isTaken([] { return std::aligned_alloc(64, 64); })));
+    EXPECT_TRUE(isRefused(c, isTaken([]() -> void* {
+                              void* bytes = nullptr;
+                              return ::posix_memalign(&bytes, 64, 64) == 0 ? bytes : nullptr;
+                          })));
+    EXPECT_TRUE(isRefused(c, isTaken([] { return ::strdup("as the C library asks itself"); })));
+    EXPECT_TRUE(isRefused(c, [&] {
+        DIR* const stream = ::opendir(folder.path().c_str());
+        return stream != nullptr && ::closedir(stream) == 0;
+    }));
+}
+
+TEST(RefusedMemoryTests, WhatIsMadeLargerKeepsItsBytesWhenThatIsRefused) {
+    if (isSanitized) return;
+    auto* const bytes = static_cast<char*>(std::malloc(10));
+    ASSERT_NE(bytes, nullptr);
+    std::strcpy(bytes, "ten bytes");
+    {
+        const RefusedMemory refused({.source = Source::c});
+        EXPECT_EQ(std::realloc(bytes, 1 << 20), nullptr);
+        RefusedMemory::end();
+    }
+    EXPECT_STREQ(bytes, "ten bytes");
+    std::free(bytes);
+}
+
+TEST(RefusedMemoryTests, FromThenOnMeansEveryRequestUntilMemoryIsBack) {
+    const RefusedMemory refused({.refused = 1, .persists = true});
+    const auto first = std::unique_ptr<int>(new (std::nothrow) int);
+    const auto second = std::unique_ptr<int>(new (std::nothrow) int);
+    const auto third = std::unique_ptr<int>(new (std::nothrow) int);
+    RefusedMemory::end();
+    const auto fourth = std::unique_ptr<int>(new (std::nothrow) int);
+
+    EXPECT_TRUE(first && !second && !third && fourth);
 }
 
 class RefusedAllocations : public testing::TestWithParam<Operation> {};
@@ -83,33 +186,21 @@ TEST_P(RefusedAllocations, LeaveTheOldOrTheNewAndAStoreThatGoesOn) {
     SystemCallFaults::syncNothing();
     const Stage stage(GetParam());
     int runs = 0;
-    const auto actRefusing = [](Session& session, long index) {
-        const Refusal refusal(index);
-        try {
-            session.act();
-            return false;
-        } catch (const std::bad_alloc&) {
-            return true;
-        } catch (const Error&) {
-            return true;
-        }
-    };
-    for (long index = 0;; index = next(index)) {
-        SCOPED_TRACE("allocation " + std::to_string(index));
-        const long before = live;
-        static_cast<void>(actRefusing(*stage.begin(), index));
-        EXPECT_LE(live, before) << "memory was kept";
+    for (auto plan : shortages()) {
+        for (;; plan = next(plan)) {
+            SCOPED_TRACE(nameOf(plan));
+            const auto act = [&](Session& session) { return actRefusing(plan, [&] { session.act(); }); };
+            const long before = RefusedMemory::live(plan.source);
+            static_cast<void>(act(*stage.begin()));
+            EXPECT_LE(RefusedMemory::live(plan.source), before) << "memory was kept";
 
-        auto session = stage.begin();
-        Stage::Outcome outcome;
-        outcome.isOutOfMemory = actRefusing(*session, index);
-        outcome.isDisturbed = wasRefused;
-        if (outcome.isOutOfMemory) outcome.error = "out of memory";
-        outcome.mayLeaveRests = wasRefused;
-        stage.checkAfterFailure(std::move(session), outcome);
-        if (HasFailure()) return;
-        ++runs;
-        if (!wasRefused) break;
+            auto session = stage.begin();
+            const auto outcome = act(*session);
+            stage.checkAfterFailure(std::move(session), outcome);
+            if (HasFailure()) return;
+            ++runs;
+            if (!outcome.isDisturbed) break;
+        }
     }
     if (std::getenv("QUILLMERE_FIGURES") != nullptr) {
         std::cout << GetParam().name << ": " << runs << " refused allocations\n";
@@ -126,19 +217,15 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesPieceIsNotLost) {
         const auto file = home.putFile("Loops/" + identity.filename() + ".wav", "audio");
         return LoopStoreFixture::artifactAt(identity, FileURL::fromPath(file));
     };
-    for (long index = 0;; index = next(index)) {
-        SCOPED_TRACE("allocation " + std::to_string(index));
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
         const TemporaryFolder home;
         const auto theirs = piece(home, 1);
         const auto own = piece(home, 2);
         LoopStore store(home.path() / "Loops", ResourceBundle(home.path()), {}, LoopStore::Access::reading);
         home.putFile("Loops/manifest.json", encodeJSON(std::vector{theirs}, JSONWriter::Form::compact));
-        try {
-            const Refusal refusal(index);
-            store.addPersistent(own);
-        } catch (const std::exception&) {
-            // Tried again below.
-        }
+        static_cast<void>(actRefusing(plan, [&] { store.addPersistent(own); }));  // tried again below
+        const bool wasRefused = RefusedMemory::wasRefused();
         store.addPersistent(piece(home, 3));
 
         const auto manifest = home.content("Loops/manifest.json");
@@ -149,19 +236,15 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesPieceIsNotLost) {
 
 TEST(RefusedAllocationsOfLateStores, AnotherProcessesMoodIsNotLost) {
     SystemCallFaults::syncNothing();
-    for (long index = 0;; index = next(index)) {
-        SCOPED_TRACE("allocation " + std::to_string(index));
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
         const TemporaryFolder home;
         const auto file = home.path() / "Moods.json";
         CustomMoodStore store(file);
         store.save(sampleSpec("my-1"));
         CustomMoodStore(file).save(sampleSpec("my-2"));
-        try {
-            const Refusal refusal(index);
-            store.save(sampleSpec("my-3"));
-        } catch (const std::exception&) {
-            // Tried again below.
-        }
+        static_cast<void>(actRefusing(plan, [&] { store.save(sampleSpec("my-3")); }));  // tried again below
+        const bool wasRefused = RefusedMemory::wasRefused();
         store.save(sampleSpec("my-3"));
 
         const auto kept = CustomMoodStore(file).all();
@@ -173,8 +256,8 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesMoodIsNotLost) {
 
 TEST(RefusedAllocationsOfLateStores, AnotherProcessesRecipeIsNotLostAndARemovalNotUndone) {
     SystemCallFaults::syncNothing();
-    for (long index = 0;; index = next(index)) {
-        SCOPED_TRACE("allocation " + std::to_string(index));
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
         const TemporaryFolder home;
         RecipeVault vault(home.path());
         vault.save(builtInRecipe(1));
@@ -184,12 +267,8 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesRecipeIsNotLostAndARemovalN
             other.save(builtInRecipe(3));
             other.remove(builtInRecipe(1).fingerprint);
         }
-        try {
-            const Refusal refusal(index);
-            vault.save(builtInRecipe(4));
-        } catch (const std::exception&) {
-            // Tried again below.
-        }
+        static_cast<void>(actRefusing(plan, [&] { vault.save(builtInRecipe(4)); }));  // tried again below
+        const bool wasRefused = RefusedMemory::wasRefused();
         vault.save(builtInRecipe(5));
 
         EXPECT_EQ(vault.lastSaveError(), std::nullopt);
@@ -202,32 +281,37 @@ TEST(RefusedAllocationsOfLateStores, AnotherProcessesRecipeIsNotLostAndARemovalN
     }
 }
 
-/// Refuses each allocation of a reader in turn: it throws, or gives what it gives undisturbed, and keeps nothing.
-template <class Read>
-void refuseEach(const Read& read) {
+/// Refuses each request for memory of a reader in turn: it throws, or gives what it gives undisturbed, and keeps
+/// nothing. One whose value can tell of a failure gives such a one, too.
+template <class Read, class Tells>
+void refuseEach(const Read& read, const Tells& tells, bool isEach = false) {
     const auto undisturbed = read();
     static_cast<void>(read());
-    for (long index = 0;; index = next(index)) {
-        SCOPED_TRACE("allocation " + std::to_string(index));
-        const long before = live;
-        bool isSame = true;
-        bool isThrown = false;
-        {
-            const Refusal refusal(index);
-            try {
-                const auto value = read();
-                untilRefused = -1;
-                isSame = value == undisturbed;
-            } catch (const std::bad_alloc&) {
-                isThrown = true;
-            } catch (const Error&) {
-                isThrown = true;
-            }
+    for (auto plan : shortages()) {
+        for (;; plan = next(plan, isEach && !isSanitized)) {
+            SCOPED_TRACE(nameOf(plan));
+            const auto readOnce = [&] {
+                bool isRight = true;
+                const auto outcome = actRefusing(plan, [&] {
+                    const auto value = read();
+                    RefusedMemory::end();
+                    isRight = value == undisturbed || tells(value);
+                });
+                EXPECT_TRUE(isRight) << "neither the value nor an error";
+                return outcome.isDisturbed;
+            };
+            static_cast<void>(readOnce());  // libraries keep what they need for their first failure
+            const long before = RefusedMemory::live(plan.source);
+            const bool isDisturbed = readOnce();
+            EXPECT_EQ(RefusedMemory::live(plan.source), before) << "memory was kept";
+            if (!isDisturbed || testing::Test::HasFailure()) break;
         }
-        EXPECT_TRUE(isSame || isThrown);
-        EXPECT_EQ(live, before) << "memory was kept";
-        if (!wasRefused || testing::Test::HasFailure()) break;
     }
+}
+
+template <class Read>
+void refuseEach(const Read& read) {
+    refuseEach(read, [](const auto&) { return false; });
 }
 
 TEST(RefusedAllocationsOfReaders, APieceIsReadOrItThrows) {
@@ -259,6 +343,146 @@ TEST(RefusedAllocationsOfReaders, AWAVFileIsReadOrItThrows) {
         return read;
     });
 }
+
+TEST(RefusedAllocationsOfReaders, MoodsAreReadOrItThrows) {
+    const TemporaryFolder folder;
+    const auto file = folder.path() / "Moods.json";
+    CustomMoodStore(file).save(sampleSpec("my-1"));
+
+    refuseEach([&] { return CustomMoodStore(file).all(); });
+    EXPECT_THAT(folder.names(), testing::ElementsAre("Moods.json"));
+}
+
+TEST(RefusedAllocationsOfReaders, AVocabularyIsReadOrItThrows) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile(
+        "tags.json",
+        R"({"sections":[{"category":"genre","tags":[{"tag":"a tag that is longer than a short text","source":""}]}]})");
+
+    refuseEach([&] { return TagVocabulary::load(file); });
+}
+
+TEST(RefusedAllocationsOfReaders, PersonasAreReadOrItThrows) {
+    const TemporaryFolder folder;
+    folder.putFile("personas.json", R"({"personas":[{"id":"a","name":"a name that is longer than a short text",)"
+                                    R"("symbol":"wave","prompts":{"calm":"a prompt that is longer, too"}}]})");
+
+    refuseEach([&] { return PersonaCatalog(ResourceBundle(folder.path())).personas(); });
+}
+
+TEST(RefusedAllocationsOfReaders, SettingsAreReadOrAProblemIsTold) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile(
+        "settings.json", R"({"schedule":{"startMinute":1,"endMinute":2},"model":"small","a key of tomorrow":[1,2,3]})");
+    using Read = std::pair<app::Settings, std::vector<std::string>>;
+
+    refuseEach(
+        [&] {
+            const app::SettingsFile settings(file);
+            return Read(settings.settings(), settings.problems());
+        },
+        [](const Read& read) { return !read.second.empty(); });
+}
+
+TEST(RefusedAllocationsOfReaders, DigestsAreReadOrTheProblemIsTold) {
+    const TemporaryFolder folder;
+    const std::string fingerprint = "0123456789abcdef";
+    folder.putFile("digests.json",
+                   R"({"version":1,"digests":{")" + fingerprint + "\":\"" + std::string(64, 'a') + "\"}}");
+    using Read = std::pair<std::optional<std::string>, std::optional<std::string>>;
+
+    refuseEach(
+        [&] {
+            const app::DigestBook book(folder.path());
+            return Read(book.digest(fingerprint), book.problem());
+        },
+        [](const Read& read) { return read.second.has_value(); });
+}
+
+TEST(RefusedAllocationsOfReaders, AnEnginesLineIsReadOrItThrows) {
+    const std::string progress = "progress sampling 3/8 1/2 waiting 2";
+    ASSERT_TRUE(engineProtocol::report(progress));
+    refuseEach([&] { return engineProtocol::report(progress).has_value(); });
+
+    const std::string result = R"(result {"file":"a name that is longer than a short text.wav","seconds":1.5})";
+    refuseEach([&] {
+        const auto report = engineProtocol::report(result);
+        return decodeJSON<engineProtocol::Result>(std::get<engineProtocol::ResultLine>(report.value()).json).file;
+    });
+}
+
+TEST(RefusedAllocationsOfReaders, ADigestOfAFileIsItsOwnOrItThrows) {
+    const TemporaryFolder folder;
+    const auto file = FileURL::fromPath(folder.putFile("file", std::string(200'000, 'a')));
+
+    refuseEach([&] { return FileSHA256::digest(file); });
+}
+
+TEST(RefusedAllocationsOfReaders, ADigestOfAWAVFileIsItsOwnOrItThrows) {
+    const TemporaryFolder folder;
+    const auto file = FileURL::fromPath(folder.putFile("audio.wav", wavBytes(tones(1, 2, 20'000))));
+
+    refuseEach([&] { return AudioPCM::digest(file); });
+}
+
+#ifdef QUILLMERE_LOSSLESS
+TEST(RefusedAllocationsOfReaders, ADigestOfALosslessFileIsItsOwnOrItThrows) {
+    const TemporaryFolder folder;
+    const auto wav = FileURL::fromPath(folder.putFile("audio.wav", wavBytes(tones(1, 2, 20'000))));
+    const auto file = FileURL::fromPath(folder.path() / "audio.m4a");
+    encodeALAC(wav, file);
+
+    refuseEach([&] { return AudioPCM::digest(file); });
+    EXPECT_EQ(AudioPCM::digest(file), AudioPCM::digest(wav));
+}
+
+TEST(RefusedAllocationsOfReaders, AGoodLosslessFileIsNotCalledDamaged) {
+    const TemporaryFolder folder;
+    const auto file = folder.path() / "audio.m4a";
+    writeALAC(file, tones(1, 2, 5000));
+    static_cast<void>(AudioPCM::digest(FileURL::fromPath(file)));
+
+    for (Plan plan;; ++plan.refused) {
+        SCOPED_TRACE(nameOf(plan));
+        std::error_code error;
+        const auto url = FileURL::fromPath(file);
+        {
+            const RefusedMemory refused(plan);
+            try {
+                static_cast<void>(AudioPCM::digest(url));
+            } catch (const FileError& told) {
+                error = told.code();
+            } catch (const std::bad_alloc&) {
+                error = std::make_error_code(std::errc::not_enough_memory);
+            }
+        }
+        if (!RefusedMemory::wasRefused()) break;
+        EXPECT_EQ(error, std::errc::not_enough_memory);
+    }
+}
+
+// Each of FFmpeg's requests: it leaves out a part of the file where some of them are refused, and says nothing.
+TEST(RefusedAllocationsOfReaders, AnEncodedFileIsTheSameOrItThrowsAndLeavesNone) {
+    const TemporaryFolder folder;
+    const auto wav = FileURL::fromPath(folder.putFile("audio.wav", wavBytes(tones(1, 2, 5000))));
+    const auto file = folder.path() / "audio.m4a";
+    const auto encode = [&] {
+        std::filesystem::remove(file);
+        try {
+            encodeALAC(wav, FileURL::fromPath(file));
+        } catch (...) {
+            RefusedMemory::end();
+            EXPECT_THAT(folder.names(), testing::ElementsAre("audio.wav"));
+            throw;
+        }
+        RefusedMemory::end();
+        return folder.content("audio.m4a");
+    };
+
+    refuseEach(
+        encode, [](const auto&) { return false; }, true);
+}
+#endif
 
 }  // namespace
 }  // namespace quillmere::test
