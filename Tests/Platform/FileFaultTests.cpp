@@ -110,6 +110,22 @@ TEST(FileFaults, OnlyTheLastSyncFailingLeavesTheNewContentAndSaysSo) {
     EXPECT_EQ(faults.count(), 2);  // not tried again
 }
 
+TEST(FileFaults, ADiskThatIsFullHalfwayLeavesTheOldContentAndNothingElse) {
+    const TemporaryFolder folder;
+    const auto file = folder.putFile("list.json", "old");
+    const SystemCallFaults faults({.failing = 1, .error = ENOSPC, .call = "write", .persists = true, .shortens = true});
+
+    try {
+        writeDurably(file, "the new content");
+        FAIL() << "no error";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.code(), std::errc::no_space_on_device);
+    }
+    EXPECT_EQ(faults.count(), 2);  // half of it, and the refused rest
+    EXPECT_EQ(folder.content("list.json"), "old");
+    EXPECT_THAT(folder.names(), ElementsAre("list.json"));
+}
+
 TEST(FileFaults, AFailedSyncIsNeverTriedAgain) {
     for (const int error : {EIO, ENOSPC, EINTR, EINVAL}) {
         const TemporaryFolder folder;

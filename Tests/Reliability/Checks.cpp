@@ -201,6 +201,10 @@ void Stage::checkAfterFailure(std::unique_ptr<Session> session, const Outcome& o
 
     const bool isDone = outcome.error.empty() && session->isSaved();
     EXPECT_TRUE(isDone || outcome.isDisturbed) << outcome.error;
+    // Opening reads what it can and says nothing; the first change tells.
+    if (!isDone && outcome.error.empty() && !operation_.isOpening && !operation_.tellsByAnswer) {
+        EXPECT_TRUE(session->told()) << "it is not done, and nobody is told";
+    }
     if (isDone || outcome.isInPlace) {
         EXPECT_TRUE(isSame(now, linesAfter_)) << "done, and not on disk; " << outcome.error;
     }

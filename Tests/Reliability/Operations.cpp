@@ -142,12 +142,14 @@ public:
         isDone_ = act_(*store_, home_);
     }
     [[nodiscard]] bool isSaved() const override { return isDone_ && !store_->lastSaveError(); }
+    [[nodiscard]] std::optional<std::string> told() const override { return store_->lastSaveError(); }
     [[nodiscard]] bool isOpen() const override { return store_ != nullptr; }
     [[nodiscard]] Lines memory() const override { return linesOf(store_->all()); }
     void change() override {
         createFolders(home_ / "Loops");
         if (!std::filesystem::exists(fileOf(home_, extra))) writeUnsynced(fileOf(home_, extra), audio(extra));
         store_->addPersistent(piece(home_, extra));
+        require(!store_->lastSaveError(), "what went wrong before is told still");
     }
 
 private:
@@ -255,15 +257,18 @@ Operation replacePiece() {
 }
 
 Operation setLoudness() {
-    return onLoops("SetLoudness", [](LoopStore& store, const path& home) {
+    auto operation = onLoops("SetLoudness", [](LoopStore& store, const path& home) {
         return store.setLoudness({.integratedLUFS = -20.5, .peak = 0.5, .seconds = 120}, piece(home, first));
     });
+    operation.tellsByAnswer = true;
+    return operation;
 }
 
 Operation prune() {
     auto operation =
         onLoops("Prune", [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; });
     operation.mayGo = {inLoops(second)};
+    operation.tellsByAnswer = true;
     return operation;
 }
 
@@ -336,6 +341,7 @@ Operation pruneLinked() {
         std::filesystem::create_symlink(fileOf(home, second).filename(), home / place);
         return begin(home);
     };
+    operation.tellsByAnswer = true;
     return operation;
 }
 
@@ -344,6 +350,7 @@ Operation trash() {
         return store.trash([](const LoopArtifact& each) { return each.identity == second; }).size() == 1;
     });
     operation.mayGo = {inLoops(second)};
+    operation.tellsByAnswer = true;
     return operation;
 }
 
@@ -358,6 +365,7 @@ Operation discardUnstored() {
         return session;
     };
     operation.mayGo = {"Loops/Render-1/audio.wav", "Loops/Render-1/"};
+    operation.tellsByAnswer = true;
     return operation;
 }
 
@@ -483,6 +491,7 @@ Operation migrate() {
     operation.mayGo = {inLoops(first)};
     operation.mayCome = {inLoops(first, ".m4a")};
     operation.keepsAudio = true;
+    operation.tellsByAnswer = true;
     return operation;
 }
 
@@ -660,6 +669,7 @@ public:
         isDone_ = act_(*vault_);
     }
     [[nodiscard]] bool isSaved() const override { return isDone_ && !vault_->lastSaveError(); }
+    [[nodiscard]] std::optional<std::string> told() const override { return vault_->lastSaveError(); }
     [[nodiscard]] bool isOpen() const override { return vault_ != nullptr; }
     [[nodiscard]] Lines memory() const override { return linesOf(vault_->saved()); }
     void change() override {

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +24,8 @@ public:
     virtual void act() = 0;
     /// Whether `act`, which has returned, says that it did all it was asked to, and that this is on disk.
     [[nodiscard]] virtual bool isSaved() const { return true; }
+    /// What the store says went wrong, besides what `act` threw.
+    [[nodiscard]] virtual std::optional<std::string> told() const { return std::nullopt; }
     /// Whether there is a store to ask: not if `act` should have opened it and could not.
     [[nodiscard]] virtual bool isOpen() const { return true; }
     /// What the store holds now.
@@ -45,6 +48,7 @@ struct Operation {
     std::set<std::string> isUnsynced = {};  ///< Files that somebody wrote before and did not sync.
     bool isOpening = false;                 ///< It reads the file anew, so that what it cannot read is not in memory.
     bool isDoneByAnyStart = false;          ///< So that it is done after the next start, whatever became of it.
+    bool tellsByAnswer = false;             ///< What it could not do, a false or a smaller number tells.
     bool isExact = true;  ///< An exception that does not say "in place" says that nothing was written.
     /// Where the change takes two steps, what the store's file may hold between them, whatever ends it there.
     std::function<Lines(const std::filesystem::path& home)> midway = {};

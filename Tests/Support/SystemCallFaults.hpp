@@ -40,7 +40,7 @@ public:
         std::size_t mostBytes = std::numeric_limits<std::size_t>::max();  ///< No read or write moves more.
         bool interrupts = false;  ///< Every other read or write fails with `EINTR` first.
         bool persists = false;    ///< All counted calls fail from the struck one on.
-        bool shortens = false;    ///< The struck call, if it writes or reads, moves only half the bytes.
+        bool shortens = false;    ///< The struck call does not fail; if it writes or reads, it moves half the bytes.
         bool hidesKinds = false;  ///< A folder's listing does not say what its entries are, as on some file systems.
         enum class Kill { never, before, after };
         Kill kills = Kill::never;                     ///< The process is killed at the struck call.
