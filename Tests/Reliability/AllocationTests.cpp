@@ -92,6 +92,7 @@ Stage::Outcome actRefusing(const Plan& plan, const Act& act) {
         outcome.error = error.what();
     }
     outcome.isDisturbed = RefusedMemory::wasRefused();
+    outcome.isShortForGood = outcome.isDisturbed && plan.persists;
     outcome.mayLeaveRests = outcome.isDisturbed;
     return outcome;
 }

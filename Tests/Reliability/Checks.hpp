@@ -36,11 +36,12 @@ public:
 
     /// How an operation in this process ended.
     struct Outcome {
-        std::string error = {};      ///< What it threw; empty for nothing.
-        bool isInPlace = false;      ///< The error says that the change is in place.
-        bool isDisturbed = false;    ///< A call failed.
-        bool isOutOfMemory = false;  ///< It ended with that, and does not say how far it had come.
-        bool mayLeaveRests = false;  ///< Removing a file failed.
+        std::string error = {};       ///< What it threw; empty for nothing.
+        bool isInPlace = false;       ///< The error says that the change is in place.
+        bool isDisturbed = false;     ///< A call failed.
+        bool isOutOfMemory = false;   ///< It ended with that, and does not say how far it had come.
+        bool isShortForGood = false;  ///< Memory was short to its end, so that nothing could be taken back.
+        bool mayLeaveRests = false;   ///< Removing a file failed.
     };
     /// Does the operation and tells how it ended; anything but the library's own errors is a failed expectation.
     [[nodiscard]] Outcome act(Session& session) const;

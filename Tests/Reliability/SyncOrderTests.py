@@ -10,12 +10,13 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "App"))
 
 import unittest
 
-from host import QUILLMERE, HostTest
+from host import QUILLMERE, HostTest, with_lossless
 
-CALLS = "openat,write,pwrite64,ftruncate,fsync,rename,renameat,renameat2,link,linkat"
+CALLS = "openat,mkdir,mkdirat,write,pwrite64,ftruncate,fsync,rename,renameat,renameat2,link,linkat"
 LINE = re.compile(r"^(\d+) +(.*)$")
 CALL = re.compile(r"^(\w+)\((.*)\) += (-?\d+)")
 DESCRIPTOR = re.compile(r"^\d+<([^>]*)>")
+STDOUT = re.compile(r"^1<pipe:")
 NAMES = re.compile(r'(?:(AT_FDCWD|\d+)(?:<([^>]*)>)?, )?"([^"]*)"')
 
 
@@ -43,6 +44,12 @@ def paths_in(arguments):
     return [os.path.normpath(os.path.join(folder or "", name)) for _, folder, name in NAMES.findall(arguments)]
 
 
+def is_nobodys_loss(path):
+    """A temporary file until it gets its real name, a lock, and a working folder: gone after a power cut, or left."""
+    name = os.path.basename(path)
+    return name.startswith(".") or "/Render-" in path
+
+
 class SyncOrderTests(HostTest):
     def traced(self, *arguments):
         log = self.place / "calls"
@@ -52,11 +59,14 @@ class SyncOrderTests(HostTest):
         self.assertEqual(done.returncode, 0, done.stderr)
         return list(calls_of(log.read_text()))
 
-    def assert_order(self, calls):
+    def assert_order(self, calls, tells=False):
+        """`tells`: whatever the program says, it says of what it has done."""
         dirty = set()  # files with bytes that are not synced
         unsafe = {}  # new names whose folder is not synced, and where they came from
         renames = manifests = 0
         for name, arguments in calls:
+            if name == "write" and STDOUT.match(arguments) and tells:
+                self.assertEqual(unsafe, {}, "the user is told before the names are safe")
             if name in ("write", "pwrite64", "ftruncate", "fsync"):
                 descriptor = DESCRIPTOR.match(arguments)
                 if not descriptor or not descriptor.group(1).startswith(str(self.home)):
@@ -69,13 +79,19 @@ class SyncOrderTests(HostTest):
                 for new in [new for new in unsafe if os.path.dirname(new) == path]:
                     del unsafe[new]
                 continue
-            if name == "openat":
+            if name == "openat" and "O_CREAT" not in arguments:
                 continue
             paths = paths_in(arguments)
+            if name in ("openat", "mkdir", "mkdirat"):
+                new = paths[0]
+                if new.startswith(str(self.home) + "/") and not is_nobodys_loss(new):
+                    unsafe[new] = "made under its name"
+                continue
             self.assertEqual(len(paths), 2, arguments)
             old, new = paths
             if not new.startswith(str(self.home)) or os.path.basename(new).startswith("Render-"):
                 continue  # a working folder: gone after a power cut, and nobody's loss
+            unsafe.pop(old, None)
             self.assertNotIn(old, dirty, f"{new} is given its name before its bytes are safe")
             renames += 1
             if os.path.basename(new) == "manifest.json":
@@ -103,6 +119,29 @@ class SyncOrderTests(HostTest):
         calls = self.traced("generate", "--mood", "designflow", "--seconds", "1", "--engine", f"python3 {engine}")
 
         self.assert_order(calls)
+
+    def assert_names_are_given(self, least, *arguments):
+        renames, _ = self.assert_order(self.traced(*arguments), tells=True)
+        self.assertGreaterEqual(renames, least)
+
+    def test_a_mood_is_safe_when_its_making_is_told(self):
+        self.assert_names_are_given(1, "moods", "new", "--name", "Rain", "--calm-text", "soft", "--energetic-text", "loud")
+
+    def test_recipes_are_safe_when_their_writing_is_told(self):
+        self.generate(seconds=1)
+        recipe = self.home / "shared" / "recipe.json"
+        recipe.parent.mkdir()
+        piece = self.manifest()[0]["url"].rpartition("_")[2].removesuffix(".wav")
+
+        self.assert_names_are_given(1, "recipe", "export", piece, "--output", str(recipe))
+        self.assert_names_are_given(1, "vault", "import", recipe)
+
+    @with_lossless
+    def test_housekeeping_is_safe_when_it_is_told(self):
+        self.generate(count=2, seconds=1)
+
+        self.assert_names_are_given(2, "library", "migrate")
+        self.assert_names_are_given(1, "library", "prune", "--keep", "0", "--yes")
 
 
 if __name__ == "__main__":
