@@ -13,8 +13,7 @@ public:
             case FileFault::fileWriteUnknown: return "What was written could not be confirmed.";
             case FileFault::fileReadTooLarge: return "The file is too large.";
             case FileFault::fileNotRegular: return "This is not a regular file.";
-            case FileFault::fileNotOwn:
-                return "The file is left alone: it holds something else, or has a second name elsewhere.";
+            case FileFault::fileNotOwn: return "The file is left alone: it holds something else.";
         }
         return "Unknown file fault " + std::to_string(value) + ".";
     }

@@ -105,10 +105,9 @@ std::string textOf(const Descriptor& file, const std::filesystem::path& shown) {
     return text;
 }
 
-/// Throws unless what a path was found to be is a file that may be a lock file: a regular one, and under no other name.
-void checkIsOwn(const struct stat& status, const std::filesystem::path& shown) {
+/// Throws unless what a path was found to be can be a lock file.
+void checkIsRegular(const struct stat& status, const std::filesystem::path& shown) {
     if (!S_ISREG(status.st_mode)) throw FileError("lock", shown, FileFault::fileNotRegular);
-    if (status.st_nlink > 1) throw FileError("lock", shown, FileFault::fileNotOwn);
 }
 
 /// Opens a lock file, or makes it where `makes` says so and nothing stands there; looked at before and after, so that
@@ -118,7 +117,7 @@ Descriptor openLockFile(const std::filesystem::path& file, bool makes, FileKey& 
     const auto error = systemCalls::statusAt(AT_FDCWD, file.c_str(), status);
     const bool isMissing = error == std::errc::no_such_file_or_directory;
     if (error && !(isMissing && makes)) throw FileError("lock", file, error);
-    if (!isMissing) checkIsOwn(status, file);
+    if (!isMissing) checkIsRegular(status, file);
 
     const int access = makes ? O_RDWR | (isMissing ? O_CREAT | O_EXCL : 0) : O_RDONLY;
     constexpr mode_t mode = 0644;  // others may read who holds it
@@ -133,7 +132,7 @@ Descriptor openLockFile(const std::filesystem::path& file, bool makes, FileKey& 
         throw FileError("lock", file, openError);
     }
     if (::fstat(opened.number(), &status) != 0) throw FileError("lock", file, systemCalls::lastError());
-    checkIsOwn(status, file);
+    checkIsRegular(status, file);
     key = {status.st_dev, status.st_ino};
     return opened;
 }
@@ -155,9 +154,17 @@ bool takesLock(const Descriptor& file, const std::filesystem::path& shown) {
     throw FileError("lock", shown, systemCalls::lastError());
 }
 
+/// Whether a lock file has no other name, as one in a copy of the library that was made of hard links has. It can be
+/// locked all the same, but what is under the other name is not to be written.
+bool hasOneName(const Descriptor& file) noexcept {
+    struct stat status {};
+    return ::fstat(file.number(), &status) == 0 && status.st_nlink == 1;
+}
+
 /// Empties a lock file that holds a text of this library's, and nothing else.
 void clear(const Descriptor& file) noexcept {
     try {
+        if (!hasOneName(file)) return;
         const auto text = textOf(file, {});
         if (!text.empty() && isLockText(text)) static_cast<void>(::ftruncate(file.number(), 0));
     } catch (const std::exception&) {
@@ -168,6 +175,7 @@ void clear(const Descriptor& file) noexcept {
 /// Names this process in the lock file. Only for people to read: that it cannot be written changes nothing.
 void writeHolder(const Descriptor& file) noexcept {
     try {
+        if (!hasOneName(file)) return;
         const std::string text = lineBeginning() + std::to_string(::getpid()) + "\n";
         if (::ftruncate(file.number(), 0) != 0) return;
         systemCalls::writeAllAt(file.number(), std::as_bytes(std::span(text)), 0, {});

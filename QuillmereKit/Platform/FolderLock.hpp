@@ -37,8 +37,9 @@ public:
     ///
     /// Throws `LibraryInUse` if another process holds it, and `FileError` for every other cause: the file cannot be
     /// made or opened, the file system has no locks, or what stands there is no lock file. That is anything but a
-    /// regular file, links too (`fileNotRegular`), and a file that holds something else than a lock file's line or has
-    /// a second name (`fileNotOwn`): it is left as it is, and only regular files are ever opened.
+    /// regular file, links too (`fileNotRegular`), and a file that holds something else than a lock file's line
+    /// (`fileNotOwn`): it is left as it is, and only regular files are ever opened. A lock file that has a second name
+    /// is locked, but its holder is not written down: the other name may be somebody else's.
     [[nodiscard]] static std::shared_ptr<FolderLock> acquire(const std::filesystem::path& lockFile);
 
     /// The same, or nothing where that throws one of these.

@@ -24,8 +24,7 @@ TEST(ErrorsTests, EachFileFaultHasItsOwnText) {
     EXPECT_EQ(text(FileFault::fileWriteUnknown), "What was written could not be confirmed.");
     EXPECT_EQ(text(FileFault::fileReadTooLarge), "The file is too large.");
     EXPECT_EQ(text(FileFault::fileNotRegular), "This is not a regular file.");
-    EXPECT_EQ(text(FileFault::fileNotOwn),
-              "The file is left alone: it holds something else, or has a second name elsewhere.");
+    EXPECT_EQ(text(FileFault::fileNotOwn), "The file is left alone: it holds something else.");
     EXPECT_EQ(std::error_code(FileFault::fileNotRegular).category().message(99), "Unknown file fault 99.");
     EXPECT_NE(std::error_code(FileFault::fileReadCorruptFile), std::error_code(1, std::system_category()));
     EXPECT_EQ(std::error_code(FileFault::fileNotRegular), FileFault::fileNotRegular);

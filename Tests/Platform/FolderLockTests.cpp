@@ -212,18 +212,42 @@ TEST_F(FolderLockTests, AStrangersFileIsRefusedAndStaysAsItIs) {
     }
 }
 
-TEST_F(FolderLockTests, AFileThatHasASecondNameIsRefusedAndStaysAsItIs) {
+TEST_F(FolderLockTests, AFileThatHasASecondNameIsLockedAndStaysAsItIs) {
     const TemporaryFolder elsewhere;
-    for (const char* text : {"my precious notes", "quillmere, process 4711\n", ""}) {
+    for (const char* text : {"quillmere, process 4711\n", ""}) {
         SCOPED_TRACE(text);
         const auto outside = elsewhere.putFile("outside", text);
         std::filesystem::create_hard_link(outside, file);
-
-        EXPECT_EQ(reasonOfRefusal(file), FileFault::fileNotOwn);
-        EXPECT_TRUE(FolderLock::isHeld(file));
+        {
+            const auto lock = FolderLock::acquire(file);
+            EXPECT_TRUE(FolderLock::isHeld(file));
+            EXPECT_EQ(elsewhere.content("outside"), text);
+        }
+        EXPECT_FALSE(FolderLock::isHeld(file));
         EXPECT_EQ(elsewhere.content("outside"), text);
         std::filesystem::remove(file);
     }
+}
+
+TEST_F(FolderLockTests, AStrangersFileThatHasASecondNameIsRefusedAndStaysAsItIs) {
+    const TemporaryFolder elsewhere;
+    const auto outside = elsewhere.putFile("outside", "my precious notes");
+    std::filesystem::create_hard_link(outside, file);
+
+    EXPECT_EQ(reasonOfRefusal(file), FileFault::fileNotOwn);
+    EXPECT_TRUE(FolderLock::isHeld(file));
+    EXPECT_EQ(elsewhere.content("outside"), "my precious notes");
+}
+
+TEST_F(FolderLockTests, AFileThatGetsASecondNameWhileItIsLockedStaysAsItIsThen) {
+    auto lock = FolderLock::acquire(file);
+    const auto text = folder.content(".lock");
+    std::filesystem::create_hard_link(file, folder.path() / "copy");
+
+    lock.reset();
+
+    EXPECT_EQ(folder.content("copy"), text);
+    EXPECT_FALSE(FolderLock::isHeld(file));
 }
 
 TEST_F(FolderLockTests, WhatAKillOrAPowerCutLeavesInTheFileIsNoObstacle) {

@@ -81,8 +81,7 @@ TEST_P(FailingCalls, LeaveTheOldOrTheNewAndAStoreThatGoesOn) {
                 outcome = stage.act(*session);
                 struck = faults.struck();
                 outcome.isDisturbed = !struck.empty() && fault.error != 0;
-                outcome.mayLeaveRests =
-                    faults.struckARemoval() || (fault.strikesAllFromThenOn() && !struck.empty());
+                outcome.mayLeaveRests = faults.struckARemoval() || (fault.strikesAllFromThenOn() && !struck.empty());
             }
             SCOPED_TRACE(std::string(fault.name) + ", call " + std::to_string(failing) + ", " + struck +
                          (outcome.error.empty() ? "" : "; " + outcome.error));
