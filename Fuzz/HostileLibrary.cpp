@@ -84,7 +84,6 @@ HostileLibrary::HostileLibrary(std::string_view manifest) : manifest_(placed(man
 
 void HostileLibrary::spoilLock(std::string_view word) {
     const auto lock = folder() / ".lock";
-    if (isLockSpoiled_) return;
     if (word == "fifo") {
         require(::mkfifo(lock.c_str(), 0600) == 0, "a fifo can be made");
     } else if (word == "link") {
@@ -96,7 +95,7 @@ void HostileLibrary::spoilLock(std::string_view word) {
     } else {
         return;
     }
-    isLockSpoiled_ = true;
+    isLockSpoiled_ = word != "twin";
     inside_ = treeOf(folder());
 }
 

@@ -29,8 +29,9 @@ public:
     [[nodiscard]] std::filesystem::path home() const { return sandbox() / "library"; }
     [[nodiscard]] std::filesystem::path folder() const { return home() / "Loops"; }
 
-    /// Puts something in the lock file's place that nobody can lock: "fifo", "link", "notes" (a person's own) or "twin"
-    /// (a second name of a file outside). Nothing in the folder may change then. Any other word does nothing.
+    /// Puts something in the lock file's place. Nobody can lock a "fifo", a "link" or "notes" (a person's own), and
+    /// nothing in the folder may change then; a "twin" (a second name of an empty file outside) can be locked, and is
+    /// not to be written. Any other word does nothing.
     void spoilLock(std::string_view word);
     [[nodiscard]] bool isLockSpoiled() const noexcept { return isLockSpoiled_; }
 
