@@ -21,13 +21,14 @@ struct LibraryCheck {
         std::string problem;      ///< A sentence.
     };
 
-    std::size_t proved = 0;             ///< Pieces whose samples are those that were made.
-    std::size_t unproved = 0;           ///< Pieces that can be decoded whole, but whose digest was never kept.
-    std::vector<Finding> damaged;       ///< Pieces that cannot be decoded whole, or to other samples.
-    std::vector<Finding> missing;       ///< Pieces whose files are not there.
-    std::vector<std::string> unlisted;  ///< Files in the folder that no piece uses and the library did not make.
-    std::vector<std::string>
-        unreadable;  ///< A sentence for each of the library's records and folders that cannot be read.
+    std::size_t proved = 0;        ///< Pieces whose samples are those that were made.
+    std::size_t unproved = 0;      ///< Pieces that can be decoded whole, but whose digest was never kept.
+    std::vector<Finding> damaged;  ///< Pieces that cannot be decoded whole, or to other samples.
+    std::vector<Finding> missing;  ///< Pieces whose files are not there.
+    /// Files in the folder that no piece uses and that are no lists or locks.
+    std::vector<std::string> unlisted;
+    /// A sentence for each of the library's records and folders that cannot be read.
+    std::vector<std::string> unreadable;
 
     /// Whether nothing is wrong.
     [[nodiscard]] bool isSound() const noexcept {

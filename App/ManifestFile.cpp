@@ -18,8 +18,8 @@ std::vector<LoopArtifact> readManifest(const std::filesystem::path& file) {
 }
 
 bool isLibraryRecord(std::string_view name) {
-    return name == ".lock" || name.starts_with("manifest.") || name.starts_with("digests.") ||
-           isTemporaryFileName(name);
+    return name.ends_with(".lock") || name.ends_with(".json") || name.starts_with("manifest.") ||
+           name.starts_with("digests.") || isTemporaryFileName(name);
 }
 
 }  // namespace quillmere::app

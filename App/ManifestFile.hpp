@@ -17,8 +17,9 @@ namespace quillmere::app {
 /// The whole text of a manifest, or of a copy that was kept of one; nothing if it is missing. Throws `FileError`.
 [[nodiscard]] std::optional<std::string> readManifestText(const std::filesystem::path& file);
 
-/// Whether a name in a library's folder is that of one of the library's own records or of its lock, whatever they are
-/// worth: the manifest, the digests, the copies kept of them, and what a crash left of writing them.
+/// Whether a name directly in a library's folder is that of a lock or a list, whatever they are worth: the library's
+/// own manifest, its digests, the copies kept of them, what a crash left of writing them, and the lists of moods,
+/// recipes and settings of who keeps the library where these lie.
 [[nodiscard]] bool isLibraryRecord(std::string_view name);
 
 }  // namespace quillmere::app

@@ -1,5 +1,6 @@
 #include "App/Output.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -17,8 +18,14 @@ std::string pathText(const std::filesystem::path& path) {
     return isValidUTF8(path.native()) ? path.native() : safeForTerminal(path.native());
 }
 
+std::filesystem::path absolutePath(const std::filesystem::path& named) {
+    auto path = std::filesystem::absolute(named);
+    if (std::ranges::find(path, "..") == path.end()) return path.lexically_normal();
+    return path;  // "link/.." is not where the link lies
+}
+
 OutputFile::OutputFile(const std::filesystem::path& file, bool mayReplace)
-    : file_(std::filesystem::absolute(file)),  // as it was named: "link/.." is not where the link lies
+    : file_(absolutePath(file)),
       temporary_(file_.parent_path() / (".quillmere-" + UUID::random().text() + ".part")),
       mayReplace_(mayReplace) {
     if (!file_.has_filename()) throw Error("\"" + file.string() + "\" is a folder. Name a file.");

@@ -14,6 +14,10 @@ void printJSON(JSONWriter& writer);
 /// A path as JSON can hold it: bytes that are no UTF-8 are replaced.
 [[nodiscard]] std::string pathText(const std::filesystem::path& path);
 
+/// A path that a user named, from the root on: as short as it can be, but with its ".." where they stand, since
+/// "link/.." is not where the link lies.
+[[nodiscard]] std::filesystem::path absolutePath(const std::filesystem::path& named);
+
 /// A file that a verb makes for its user: written under another name beside its place, and moved there once it is
 /// whole. Whatever fails before, nothing is left and nothing was replaced.
 class OutputFile {

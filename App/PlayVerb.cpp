@@ -195,7 +195,7 @@ void play(Host& host, const PlayOptions& options) {
         return host.fail(ExitCode::interrupted, "Stopped.");
     }
     output.moveIntoPlace();
-    report(host, pathText(std::filesystem::absolute(options.output)), seed, frames, programme.played());
+    report(host, pathText(absolutePath(options.output)), seed, frames, programme.played());
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ void exportText(const Host& host, const ExportTarget& target, const std::string&
     }
     JSONWriter writer(JSONWriter::Form::pretty);
     writer.beginObject();
-    writer.member("file", pathText(std::filesystem::absolute(target.file)));
+    writer.member("file", pathText(absolutePath(target.file)));
     encodeFacts(writer);
     writer.endObject();
     printJSON(writer);

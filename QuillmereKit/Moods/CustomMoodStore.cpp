@@ -68,12 +68,6 @@ std::optional<std::vector<MoodSpec>> readMoods(const std::filesystem::path& file
     return std::nullopt;
 }
 
-/// The right to replace the file, among all processes: a lock on a file beside it, named after it.
-std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
-    constexpr std::size_t longestName = 200;  // the name of a file has at most 255 bytes
-    return FolderLock::acquire(file.parent_path() / ("." + file.stem().native().substr(0, longestName) + ".lock"));
-}
-
 }  // namespace
 
 CustomMoodStore& CustomMoodStore::shared() {
@@ -93,7 +87,7 @@ void CustomMoodStore::load() {
     } catch (const FileError&) {
         return;  // the disk could not answer; the first change asks again
     }
-    removeOldTemporaries(place_->parent_path());
+    removeOldTemporaries(place_.value_or(file_).parent_path());
 }
 
 // Finds out where the file is, and reads it.
@@ -105,8 +99,8 @@ void CustomMoodStore::find() {
     bool isDamaged = false;
     auto specs = isFile ? readMoods(*place, isDamaged) : std::nullopt;
     if (isDamaged && !isLink) moveDamagedAside(*facts);
-    // A link that names no mood file is the user's; as long as it stands, no update replaces it.
-    place_ = isLink && !specs ? file_ : *place;
+    // A link that names no mood file is the user's: no update replaces it, and each asks again what it names.
+    if (!isLink || specs) place_ = place;
     if (!specs) return;
     known_ = facts;
     specs_ = *std::move(specs);
@@ -115,7 +109,7 @@ void CustomMoodStore::find() {
 // Where it cannot be moved, a copy is kept before the first update replaces it.
 void CustomMoodStore::moveDamagedAside(const FileFacts& facts) const {
     try {
-        const auto lock = lockFor(file_);
+        const auto lock = replacedFile::lockFor(file_);
         // Another process may have written a new one by now.
         if (replacedFile::lookAt(file_) == facts) moveAside(file_, "unreadable", now_());
     } catch (const Error&) {
@@ -160,8 +154,9 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
     std::shared_ptr<FolderLock> lock;
     try {
         if (!place_) find();
+        if (!place_) throw FileError("write", file_, FileFault::fileNotRegular);
         createFolders(place_->parent_path());
-        lock = lockFor(*place_);
+        lock = replacedFile::lockFor(*place_);
     } catch (const FileError& error) {
         throw error.notInPlace();  // whatever is in place here, the list is not
     }

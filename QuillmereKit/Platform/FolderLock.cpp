@@ -9,8 +9,11 @@
 #include <cerrno>
 #include <compare>
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -264,8 +267,12 @@ bool FolderLock::isHeld(const std::filesystem::path& lockFile) noexcept {
 
 std::string FolderLock::holder(const std::filesystem::path& lockFile) {
     try {
-        const auto text = readFile(lockFile, longestText);
-        return std::string(holderIn(text).value_or(unknownHolder));
+        systemCalls::pathText(lockFile, "lock");
+        FileKey key;
+        const Descriptor file = openLockFile(lockFile, false, key);
+        // One with a second name still says who held it when it was given that.
+        if (!file.isOpen() || !hasOneName(file)) return std::string(unknownHolder);
+        return std::string(holderIn(textOf(file, lockFile)).value_or(unknownHolder));
     } catch (const FileError&) {
         return std::string(unknownHolder);
     }

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <system_error>
 
 #include "QuillmereKit/Platform/SystemCalls.hpp"
@@ -28,6 +30,19 @@ std::optional<std::filesystem::path> behindLink(const std::filesystem::path& fil
                               error == std::errc::filename_too_long;
     if (leadsNowhere) return std::nullopt;
     throw FileError("follow the link", file, error);
+}
+
+std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
+    constexpr std::size_t longestName = 200;  // the name of a file has at most 255 bytes
+    constexpr std::array noLocks = {std::errc::function_not_supported, std::errc::operation_not_supported,
+                                    std::errc::invalid_argument};
+    try {
+        return FolderLock::acquire(file.parent_path() / ("." + file.stem().native().substr(0, longestName) + ".lock"));
+    } catch (const FileError& error) {
+        const bool hasLocks = std::ranges::none_of(noLocks, [&](std::errc none) { return error.code() == none; });
+        if (hasLocks) throw;
+        return nullptr;
+    }
 }
 
 bool isForGood(const FileError& error) noexcept {

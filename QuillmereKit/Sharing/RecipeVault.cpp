@@ -7,7 +7,6 @@
 #include <memory>
 #include <utility>
 
-#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Platform/Precondition.hpp"
 #include "QuillmereKit/Platform/ReplacedFile.hpp"
@@ -24,14 +23,6 @@ std::filesystem::path defaultDirectory() {
 std::filesystem::path sharedDirectory() {
     if (!UserFolders::isAutomatedHarness()) return defaultDirectory();
     return UserFolders::temporary() / ("quillmere-vault-" + std::to_string(getpid()));
-}
-
-// The right to replace the file, among all processes. Throws `LibraryInUse`, or `FileError` if the lock file cannot be
-// made.
-std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
-    const auto folder = file.parent_path();
-    createFolders(folder);  // it may have been taken away since
-    return FolderLock::acquire(folder / ".saved.lock");
 }
 
 }  // namespace
@@ -57,7 +48,7 @@ RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) 
     } catch (const FileError&) {
         return;  // the disk could not answer; the first change asks again
     }
-    removeOldTemporaries(place_->parent_path());
+    removeOldTemporaries(place_.value_or(file_).parent_path());
 }
 
 std::vector<LoopRecipe> RecipeVault::saved() const {
@@ -157,11 +148,11 @@ RecipeVault::Contents RecipeVault::read(const std::filesystem::path& place) {
 void RecipeVault::find() {
     const auto place = replacedFile::behindLink(file_);
     auto contents = place ? read(*place) : Contents{};
-    // A link that names no vault's file is the user's; as long as it stands, nothing is written.
+    // A link that names no vault's file is the user's: no change replaces it, and each asks again what it names.
     const bool isVault = contents.facts && (contents.isWhole || !contents.recipes.empty());
-    const bool isOthers = place != file_ && !isVault;
-    place_ = isOthers ? file_ : *place;
-    if (!isOthers) takeIn(std::move(contents));
+    if (place != file_ && !isVault) return;
+    place_ = place;
+    takeIn(std::move(contents));
 }
 
 // A failure is kept, not thrown: the list in memory stands, and the next change writes it again.
@@ -206,7 +197,9 @@ void RecipeVault::takeIn(Contents theirs) {
 // Writes what can be written; returns what was left out, if anything was.
 std::optional<std::string> RecipeVault::write() {
     if (!place_) find();
-    const auto lock = lockFor(*place_);
+    if (!place_) throw FileError("write", file_, FileFault::fileNotRegular);
+    createFolders(place_->parent_path());  // it may have been taken away since
+    const auto lock = replacedFile::lockFor(*place_);
     const auto present = replacedFile::lookAt(*place_);
     if (present && present != known_) {  // another process wrote it since
         auto theirs = read(*place_);

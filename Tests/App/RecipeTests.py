@@ -100,7 +100,8 @@ class RecipeTests(HostTest):
 
         self.assertIn("--force", self.run_host(*words, file, expect=1).err)
         self.assertEqual(file.read_bytes(), before)
-        self.assertEqual(self.run_json(*words, file, "--force")["file"], str(file))
+        named = f"{file.parent}/./{file.name}"
+        self.assertEqual(self.run_json(*words, named, "--force")["file"], str(file))
         self.assertEqual(json.loads(file.read_text())["name"], "New")
 
         for place in (self.place, self.place / "missing" / "r.json", "/dev/null"):

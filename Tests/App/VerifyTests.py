@@ -74,6 +74,8 @@ class VerifyTests(VerifyTest):
         (self.loops / "below").mkdir()
         (self.loops / "below" / "notes.txt").write_text("x")
         (self.loops / "link.wav").symlink_to("/nowhere")
+        for name in ("Moods.json", ".Moods.lock", "saved.json", ".saved.lock", "settings.json"):
+            (self.loops / name).write_text("")  # of who keeps the library where the lists lie
 
         found = self.verify(expect=3)
 

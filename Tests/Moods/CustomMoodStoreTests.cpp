@@ -541,6 +541,31 @@ TEST_F(CustomMoodStoreTests, ALinkToNoMoodFileIsLeftAloneAndNothingIsSavedInItsP
     EXPECT_EQ(folder.content("damaged.json"), "{");
 }
 
+TEST_F(CustomMoodStoreTests, ALinkWhoseTargetWasAwayAtTheStartIsFollowedOnceItIsThere) {
+    std::filesystem::create_symlink("Disk/Moods.json", file);
+    auto store = open();
+    EXPECT_THROW(store.save(mood("my-a")), FileError);
+
+    CustomMoodStore(folder.path() / "Disk" / "Moods.json").save(mood("my-b"));
+    store.save(mood("my-c"));
+
+    EXPECT_EQ(ids(store), (std::vector<std::string>{"my-c", "my-b"}));
+    EXPECT_TRUE(std::filesystem::is_symlink(file));
+    EXPECT_EQ(open().all(), store.all());
+}
+
+TEST_F(CustomMoodStoreTests, AFileSystemWithoutLocksIsNoReasonNotToSave) {
+    auto store = open();
+    for (const int error : {ENOSYS, EOPNOTSUPP, EINVAL}) {
+        const test::SystemCallFaults faults({.failing = 1, .error = error, .call = "fcntl", .persists = true});
+        store.save(mood("my-a", std::to_string(error)));
+        EXPECT_EQ(faults.struck(), "fcntl");
+        EXPECT_EQ(open().all(), store.all());
+    }
+    const test::SystemCallFaults faults({.failing = 1, .error = ENOLCK, .call = "fcntl", .persists = true});
+    EXPECT_THROW(store.save(mood("my-b")), FileError);
+}
+
 // Two stores of one file stand for two processes.
 TEST_F(CustomMoodStoreTests, AnUpdateChangesWhatAnotherProcessWroteSince) {
     CustomMoodStore store(file);

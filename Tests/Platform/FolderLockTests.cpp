@@ -248,6 +248,7 @@ TEST_F(FolderLockTests, AFileThatGetsASecondNameWhileItIsLockedStaysAsItIsThen) 
 
     EXPECT_EQ(folder.content("copy"), text);
     EXPECT_FALSE(FolderLock::isHeld(file));
+    EXPECT_EQ(FolderLock::holder(file), "another process") << "whoever holds it now, the text is of an earlier time";
 }
 
 TEST_F(FolderLockTests, WhatAKillOrAPowerCutLeavesInTheFileIsNoObstacle) {

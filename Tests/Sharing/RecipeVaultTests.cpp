@@ -452,6 +452,31 @@ TEST_F(RecipeVaultTests, ALinkThatNamesAnythingElseIsLeftAlone) {
     }
 }
 
+TEST_F(RecipeVaultTests, ALinkWhoseTargetWasAwayAtTheStartIsFollowedOnceItIsThere) {
+    std::filesystem::create_directory(place);
+    std::filesystem::create_symlink("../disk/saved.json", place / "saved.json");
+    RecipeVault vault(place);
+    vault.save(builtInRecipe(1));
+    EXPECT_NE(vault.lastSaveError(), std::nullopt);
+
+    RecipeVault(folder.path() / "disk").save(builtInRecipe(2));
+    vault.save(builtInRecipe(3));
+
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(vault.saved(), (std::vector{builtInRecipe(2), builtInRecipe(1), builtInRecipe(3)}));
+    EXPECT_TRUE(std::filesystem::is_symlink(place / "saved.json"));
+    EXPECT_EQ(file().recipes, vault.saved());
+}
+
+TEST_F(RecipeVaultTests, AFileSystemWithoutLocksIsNoReasonNotToSave) {
+    RecipeVault vault(place);
+    const test::SystemCallFaults faults({.failing = 1, .error = ENOSYS, .call = "fcntl", .persists = true});
+    vault.save(builtInRecipe());
+    EXPECT_EQ(faults.struck(), "fcntl");
+    EXPECT_EQ(vault.lastSaveError(), std::nullopt);
+    EXPECT_EQ(file().recipes.size(), 1U);
+}
+
 TEST_F(RecipeVaultTests, AFailedWriteIsKeptAsAnErrorUntilOneSucceeds) {
     RecipeVault vault(place);
     std::filesystem::remove(place);
