@@ -1,5 +1,5 @@
 """Looks at the system calls of the real program, as strace sees them: what is renamed was synced before, the folder is
-synced after it, and audio is safe before the list that names it."""
+synced after it and after a removal, audio is safe before the list that names it, and nothing is told before."""
 import os
 import pathlib
 import re
@@ -12,11 +12,11 @@ import unittest
 
 from host import QUILLMERE, HostTest, with_lossless
 
-CALLS = "openat,mkdir,mkdirat,write,pwrite64,ftruncate,fsync,rename,renameat,renameat2,link,linkat"
+CALLS = ("openat,mkdir,mkdirat,write,pwrite64,ftruncate,fsync,rename,renameat,renameat2,link,linkat,"
+         "unlink,unlinkat,rmdir")
 LINE = re.compile(r"^(\d+) +(.*)$")
 CALL = re.compile(r"^(\w+)\((.*)\) += (-?\d+)")
 DESCRIPTOR = re.compile(r"^\d+<([^>]*)>")
-STDOUT = re.compile(r"^1<pipe:")
 NAMES = re.compile(r'(?:(AT_FDCWD|\d+)(?:<([^>]*)>)?, )?"([^"]*)"')
 
 
@@ -55,29 +55,39 @@ class SyncOrderTests(HostTest):
         log = self.place / "calls"
         words = ["strace", "-f", "-y", "-s", "0", "-e", f"trace={CALLS}", "-o", str(log), QUILLMERE,
                  *map(str, arguments), "--home", str(self.home)]
-        done = subprocess.run(words, env=self.environment, capture_output=True, text=True, timeout=300)
+        # A file, not a pipe: its name tells what the program says from what its engine says.
+        self.said = self.place / "said"
+        with self.said.open("w") as said:
+            done = subprocess.run(words, env=self.environment, stdout=said, stderr=subprocess.PIPE, text=True,
+                                  timeout=300)
         self.assertEqual(done.returncode, 0, done.stderr)
         return list(calls_of(log.read_text()))
 
-    def assert_order(self, calls, tells=False):
-        """`tells`: whatever the program says, it says of what it has done."""
+    def is_audio(self, path):
+        return path.endswith((".wav", ".m4a")) and os.path.dirname(path) == str(self.loops)
+
+    def assert_order(self, calls):
+        """Returns what happened, in order: "named", "manifest" (named too), "removed" and "told"."""
         dirty = set()  # files with bytes that are not synced
         unsafe = {}  # new names whose folder is not synced, and where they came from
-        renames = manifests = 0
+        gone = set()  # removed names whose folder is not synced
+        events = []
         for name, arguments in calls:
-            if name == "write" and STDOUT.match(arguments) and tells:
-                self.assertEqual(unsafe, {}, "the user is told before the names are safe")
             if name in ("write", "pwrite64", "ftruncate", "fsync"):
                 descriptor = DESCRIPTOR.match(arguments)
-                if not descriptor or not descriptor.group(1).startswith(str(self.home)):
+                path = descriptor.group(1) if descriptor else ""
+                if path == str(self.said):
+                    self.assertEqual(unsafe, {}, "the user is told before the names are safe")
+                    self.assertEqual(gone, set(), "the user is told before the removals are safe")
+                    events.append("told")
+                if not path.startswith(str(self.home)):
                     continue
-                path = descriptor.group(1)
                 if name != "fsync":
                     dirty.add(path)
                     continue
                 dirty.discard(path)
-                for new in [new for new in unsafe if os.path.dirname(new) == path]:
-                    del unsafe[new]
+                unsafe = {new: old for new, old in unsafe.items() if os.path.dirname(new) != path}
+                gone = {old for old in gone if os.path.dirname(old) != path}
                 continue
             if name == "openat" and "O_CREAT" not in arguments:
                 continue
@@ -87,45 +97,60 @@ class SyncOrderTests(HostTest):
                 if new.startswith(str(self.home) + "/") and not is_nobodys_loss(new):
                     unsafe[new] = "made under its name"
                 continue
+            if name in ("unlink", "unlinkat", "rmdir"):
+                old = paths[0]
+                dirty.discard(old)
+                if old.startswith(str(self.home) + "/") and not is_nobodys_loss(old):
+                    if self.is_audio(old):
+                        self.assertEqual(unsafe, {}, f"{old} goes before what was done until then is safe")
+                    gone.add(old)
+                    events.append("removed")
+                continue
             self.assertEqual(len(paths), 2, arguments)
             old, new = paths
             if not new.startswith(str(self.home)) or os.path.basename(new).startswith("Render-"):
                 continue  # a working folder: gone after a power cut, and nobody's loss
             unsafe.pop(old, None)
             self.assertNotIn(old, dirty, f"{new} is given its name before its bytes are safe")
-            renames += 1
+            if not is_nobodys_loss(new):
+                events.append("named")
             if os.path.basename(new) == "manifest.json":
-                manifests += 1
-                audio = [path for path in set(unsafe) | dirty if path.endswith((".wav", ".m4a"))
-                         and os.path.dirname(path) == str(self.loops)]
+                events.append("manifest")
+                audio = [path for path in set(unsafe) | dirty if self.is_audio(path)]
                 self.assertEqual(audio, [], "the manifest is written before the audio that it names is safe")
+                audio = [path for path in gone if self.is_audio(path)]
+                self.assertEqual(audio, [], "the manifest forgets audio that a power cut brings back")
             unsafe[new] = old
         self.assertEqual(unsafe, {}, "the program ended, and the names are not safe")
-        self.assertGreater(renames, 0, "the trace shows nothing")
-        return renames, manifests
+        self.assertEqual(gone, set(), "the program ended, and the removals are not safe")
+        self.assertIn("named", events, "the trace shows nothing")
+        return events
+
+    def events_of(self, *arguments, among):
+        return [event for event in self.assert_order(self.traced(*arguments)) if event in among]
 
     def test_generating_syncs_before_it_tells(self):
         calls = self.traced("generate", "--mood", "designflow", "--seconds", "1", "--count", "3")
 
-        renames, manifests = self.assert_order(calls)
+        events = self.assert_order(calls)
 
-        self.assertGreaterEqual(manifests, 3)
-        print(f"generate: {renames} names given, {manifests} manifests, "
+        self.assertEqual([event for event in events if event in ("manifest", "told")], ["manifest", "told"] * 3)
+        print(f"generate: {events.count('named')} names given, {events.count('manifest')} manifests, "
               f"{sum(1 for name, _ in calls if name == 'fsync')} syncs", file=sys.stderr)
 
     def test_the_audio_of_an_engine_that_syncs_nothing_is_synced(self):
         engine = pathlib.Path(__file__).resolve().parents[2] / "Examples" / "engine.py"
 
-        calls = self.traced("generate", "--mood", "designflow", "--seconds", "1", "--engine", f"python3 {engine}")
+        events = self.events_of("generate", "--mood", "designflow", "--seconds", "1", "--engine", f"python3 {engine}",
+                                among=("manifest", "told"))
 
-        self.assert_order(calls)
-
-    def assert_names_are_given(self, least, *arguments):
-        renames, _ = self.assert_order(self.traced(*arguments), tells=True)
-        self.assertGreaterEqual(renames, least)
+        self.assertEqual(events, ["manifest", "told"])
 
     def test_a_mood_is_safe_when_its_making_is_told(self):
-        self.assert_names_are_given(1, "moods", "new", "--name", "Rain", "--calm-text", "soft", "--energetic-text", "loud")
+        events = self.events_of("moods", "new", "--name", "Rain", "--calm-text", "soft", "--energetic-text", "loud",
+                                among=("named", "told"))
+
+        self.assertEqual(events, ["named", "told"])
 
     def test_recipes_are_safe_when_their_writing_is_told(self):
         self.generate(seconds=1)
@@ -133,15 +158,17 @@ class SyncOrderTests(HostTest):
         recipe.parent.mkdir()
         piece = self.manifest()[0]["url"].rpartition("_")[2].removesuffix(".wav")
 
-        self.assert_names_are_given(1, "recipe", "export", piece, "--output", str(recipe))
-        self.assert_names_are_given(1, "vault", "import", recipe)
+        for words in (("recipe", "export", piece, "--output", recipe), ("vault", "import", recipe)):
+            self.assertEqual(self.events_of(*words, among=("named", "told")), ["named", "told"], words)
 
     @with_lossless
-    def test_housekeeping_is_safe_when_it_is_told(self):
+    def test_audio_goes_after_the_manifest_names_its_twin_and_pruned_audio_before_it_is_forgotten(self):
         self.generate(count=2, seconds=1)
+        among = ("manifest", "removed", "told")
 
-        self.assert_names_are_given(2, "library", "migrate")
-        self.assert_names_are_given(1, "library", "prune", "--keep", "0", "--yes")
+        self.assertEqual(self.events_of("library", "migrate", among=among), ["manifest", "removed"] * 2 + ["told"])
+        self.assertEqual(self.events_of("library", "prune", "--keep", "0", "--yes", among=among),
+                         ["removed"] * 2 + ["manifest", "told"])
 
 
 if __name__ == "__main__":
