@@ -40,7 +40,6 @@ TEST(LineSplitterTests, ALineOfAnEngineIsTakenUpTo64KiB) {
     const std::string longest(65'536, 'x');
 
     EXPECT_THAT(lines(longest + "\n" + longest + "x\nlast", limit, 4096), ElementsAre(longest, "last"));
-    EXPECT_EQ(ProcessRendererOptions().outputLimit, 268'435'456U) << "256 MiB of output in all";
 }
 
 TEST(LineSplitterTests, SkipsALongLineToItsEnd) {

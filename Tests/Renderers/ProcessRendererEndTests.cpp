@@ -86,6 +86,12 @@ TEST_F(ProcessRendererEndTests, AnEngineThatNeverStopsTalkingIsStopped) {
     }
 }
 
+TEST_F(ProcessRendererEndTests, AnEngineMaySay256MiBAndNotOneByteMore) {
+    EXPECT_EQ(render({"says-bytes", "268435456"}).seconds, 0.5);
+
+    EXPECT_EQ(failureOf({"says-bytes", "268435457"}).reason(), Reason::flooding);
+}
+
 TEST_F(ProcessRendererEndTests, AnEngineThatSaysNothingIsStopped) {
     options.silenceLimit = std::chrono::milliseconds(50);
 

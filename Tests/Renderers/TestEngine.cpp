@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -240,6 +241,25 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
     {"endless-errors",
      [] {
          while (true) std::cerr << "complaint\n";
+     }},
+    // BYTES in all, half of them complaints, the last ones a good result.
+    {"says-bytes",
+     [] {
+         writeAudio("audio.wav", request.frames);
+         const auto result = "\nresult {\"file\":\"audio.wav\",\"seconds\":" + secondsText() + "}\n";
+         const std::string block(std::size_t{1} << 16, 'x');
+         auto left = std::stoull(argument(1)) - result.size();
+         const auto complaints = left / 2;
+         const auto say = [&](std::ostream& out, unsigned long long count) {
+             for (left -= count; count > 0;) {
+                 const auto size = std::min<unsigned long long>(count, block.size());
+                 out.write(block.data(), static_cast<std::streamsize>(size));
+                 count -= size;
+             }
+         };
+         say(std::cerr, complaints);
+         say(std::cout, left);
+         std::cout << result << std::flush;
      }},
     // Silence.
     {"silent", [] { sleepForever(); }},

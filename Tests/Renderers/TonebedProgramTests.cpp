@@ -170,6 +170,13 @@ struct TonebedProgramTests : testing::Test {
     }
 };
 
+/// A question for the build of this many bytes, its line's end not counted.
+std::string longRequest(std::size_t length) {
+    std::string text = R"({"protocol":1,"request":"build"})";
+    text.insert(1, length - text.size(), ' ');
+    return text;
+}
+
 // The share that makes the first rest last for hours: whoever does not stop then never ends.
 constexpr double hardlyEver = 1e-5;
 
@@ -286,7 +293,8 @@ TEST_F(TonebedProgramTests, WhatIsNoRequestIsRefusedWithStatusTwo) {
         {"", "quillmere-tonebed: There is no request: standard input is empty. Try --help.\n"},
         {"{\"protocol\":1", "quillmere-tonebed: The request is not a whole line.\n"},
         {"{\"protocol\":3,\"request\":\"build\"}\n", "quillmere-tonebed: Tonebed speaks protocol 1, not 3.\n"},
-        {std::string(std::size_t{3} << 19, 'x'), "quillmere-tonebed: The request is too long.\n"},
+        {longRequest(1'048'577) + "\n", "quillmere-tonebed: The request is too long.\n"},
+        {std::string(1'048'577, 'x'), "quillmere-tonebed: The request is too long.\n"},
     };
     for (const auto& row : rows) {
         EngineProcess engine;
@@ -296,6 +304,14 @@ TEST_F(TonebedProgramTests, WhatIsNoRequestIsRefusedWithStatusTwo) {
         EXPECT_EQ(engine.status(), 2);
         EXPECT_EQ(engine.line(), std::nullopt);
     }
+}
+
+TEST_F(TonebedProgramTests, ARequestMayBeAMebibyteLong) {
+    EngineProcess engine;
+    engine.send(longRequest(1'048'576) + "\n");
+
+    EXPECT_EQ(engine.line(), "result {\"engineBuild\":\"tonebed-1\"}");
+    EXPECT_EQ(engine.status(), 0);
 }
 
 TEST_F(TonebedProgramTests, AFileThatCannotBeWrittenIsAFailureWithItsReason) {
