@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -77,12 +78,17 @@ struct ManyProcesses : testing::Test {
     Diary* diary =
         static_cast<Diary*>(mmap(nullptr, sizeof(Diary), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::array<int, 2> steps{};  // every process writes a byte for every step that it has done
+    std::vector<pid_t> children;
 
     ManyProcesses() {
         SystemCallFaults::syncNothing();
         EXPECT_EQ(pipe2(steps.data(), O_CLOEXEC), 0);
     }
     ~ManyProcesses() override {
+        for (const auto child : children) {
+            ::kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
         ::close(steps[0]);
         ::close(steps[1]);
         munmap(diary, sizeof(Diary));
@@ -198,6 +204,7 @@ struct ManyProcesses : testing::Test {
 
     /// Starts some processes, and kills them one after the other, and in the end all, while others take their place.
     void killAgainAndAgain();
+    void awaitStep();
 
     /// What they confirmed is there, whole and alone, and the library is free.
     void check();
@@ -225,15 +232,33 @@ struct ManyProcesses : testing::Test {
     }
 };
 
+/// Waits until one of the processes has done a step. Fails if none does, with what has become of them.
+void ManyProcesses::awaitStep() {
+    constexpr int longest = 30'000;  // milliseconds
+    pollfd waited{steps[0], POLLIN, 0};
+    if (poll(&waited, 1, longest) != 1) {
+        std::string states;
+        for (const auto child : children) {
+            siginfo_t end{};
+            states += "\nprocess " + std::to_string(child);
+            if (waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == 0) {
+                states += " is still at it";
+            } else {
+                states += (end.si_code == CLD_EXITED ? " ended with status " : " was ended by signal ") +
+                          std::to_string(end.si_status);
+            }
+        }
+        FAIL() << "No process has done a step for half a minute:" << states;
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(steps[0], &byte, 1), 1);
+}
+
 void ManyProcesses::killAgainAndAgain() {
-    std::vector<pid_t> children;
     for (std::size_t each = 0; each < processes; ++each) children.push_back(start(seed++));
     for (int kill = 0; kill < killsOfARound; ++kill) {
         // After some steps of whichever processes, one is killed wherever it is.
-        for (auto left = 1 + random() % 8; left > 0; --left) {
-            char byte = 0;
-            ASSERT_EQ(::read(steps[0], &byte, 1), 1);
-        }
+        for (auto left = 1 + random() % 8; left > 0; --left) ASSERT_NO_FATAL_FAILURE(awaitStep());
         auto& child = children[random() % children.size()];
         ASSERT_EQ(::kill(child, SIGKILL), 0);
         int status = 0;
@@ -241,7 +266,9 @@ void ManyProcesses::killAgainAndAgain() {
         EXPECT_TRUE(WIFSIGNALED(status)) << "a process ended by itself: " << WEXITSTATUS(status);
         child = start(seed++);
     }
-    for (const auto child : children) {
+    while (!children.empty()) {
+        const auto child = children.back();
+        children.pop_back();
         ::kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
