@@ -138,21 +138,17 @@ std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::
     return state;
 }
 
-void LoopStore::State::put(LoopArtifact artifact) {
-    std::vector<LoopArtifact> artifacts;
-    artifacts.push_back(std::move(artifact));
-    putAll(std::move(artifacts));
-}
-
-void LoopStore::State::putAll(std::vector<LoopArtifact> artifacts) {
+void LoopStore::State::putAll(std::span<LoopArtifact> artifacts) {
+    std::set<LoopKey> keys;
     std::vector<LoopTable::Item> items;
     items.reserve(artifacts.size());
     for (auto& artifact : artifacts) {
         const auto place = folder.placeOf(artifact.url);
-        unsaved.insert(LoopKey::of(artifact.identity));
+        keys.insert(LoopKey::of(artifact.identity));
         items.push_back({std::move(artifact), place});
     }
-    table.putAll(std::move(items));
+    table.putAll(items);
+    unsaved.merge(keys);
 }
 
 void LoopStore::State::requireLock() {
@@ -394,7 +390,7 @@ void LoopStore::add(LoopArtifact artifact) {
 
 void LoopStore::add(std::vector<LoopArtifact> artifacts) {
     const std::lock_guard lock(state_->mutex);
-    state_->putAll(std::move(artifacts));
+    state_->putAll(artifacts);
     state_->saveIgnoringFailure();
 }
 

@@ -84,16 +84,6 @@ FileFacts verifyLossless(const OwnFolder& own, const path& file, const Proof& pr
     return opened.facts;
 }
 
-// One place for what nobody could act on: the failure that it follows is the one that is told.
-template <class Action>
-void ignoringFailure(const Action& action) {
-    try {
-        action();
-    } catch (const std::exception&) {
-        return;
-    }
-}
-
 // Calls a function when the scope is left.
 template <class Function>
 struct AtEnd {
@@ -163,7 +153,10 @@ void LoopStore::State::record(const LoopArtifact& changed, const LoopArtifact& b
 
 bool LoopStore::State::fallBackToSource(LoopArtifact& piece, const MigrationFiles& files) {
     const StoredLoop* const loop = table.find(LoopKey::of(piece.identity));
-    if (loop == nullptr || !loop->isInside || folder.fileInside(*loop) != files.target) return true;
+    if (loop == nullptr || !loop->isInside) return false;
+    const path file = folder.fileInside(*loop);
+    if (file == files.source) return true;
+    if (file != files.target) return false;
     if (loop->artifact() != piece || !canMigrate(*loop)) return false;
     auto changed = piece.withURL(FileURL::fromPath(files.source));
     record(changed, piece);
@@ -173,10 +166,10 @@ bool LoopStore::State::fallBackToSource(LoopArtifact& piece, const MigrationFile
 
 bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piece, const MigrationFiles& files,
                                       const Encode& encode, const std::function<void()>& verify,
-                                      const std::stop_token& stop) {
+                                      const std::stop_token& stop, std::unique_lock<std::mutex>& lock) {
     const auto key = LoopKey::of(piece.identity);
     {
-        const std::lock_guard lock(mutex);
+        const std::lock_guard briefly(mutex);
         UsedFiles used(folder);
         table.forEach([&](const StoredLoop& loop) { used.add(loop); });
         if (!used.contains(files.temporary)) discardOwn(discard, files.temporary);
@@ -196,7 +189,7 @@ bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piec
             throw FileError("verify", files.temporary, make_error_code(FileFault::fileWriteUnknown));
         }
 
-        const std::lock_guard lock(mutex);
+        lock.lock();
         UsedFiles usedByOthers(folder);
         table.forEach([&](const StoredLoop& loop) {
             if (loop.key != key) usedByOthers.add(loop);
@@ -217,10 +210,14 @@ bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piec
         }
         return true;
     } catch (...) {
-        const std::lock_guard lock(mutex);
+        if (!lock.owns_lock()) lock.lock();
         discardOwn(discard, files.temporary);
-        // One whose lossless file is gone altogether need not wait for the next encoding to be heard.
-        if (LoopFolder::isNothingAt(files.target)) ignoringFailure([&] { fallBackToSource(piece, files); });
+        try {
+            // One whose lossless file is gone altogether need not wait for the next encoding to be heard.
+            if (LoopFolder::isNothingAt(files.target)) fallBackToSource(piece, files);
+        } catch (const std::exception&) {
+            // What came first is told.
+        }
         throw;
     }
 }
@@ -264,6 +261,7 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     static_cast<void>(losslessModule());  // nothing is encoded that could not be verified
 
     const FileURL target = FileURL::fromPath(files.target);
+    std::unique_lock lock(state.mutex, std::defer_lock);
     std::optional<FileFacts> verified;
     try {
         state.folder.sync(target);
@@ -273,11 +271,11 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     }
     if (!verified) {
         const auto verify = [&] { verified = verifyLossless(own, files.temporary, proof, stop); };
-        if (!state.encodeLossless(discard_, piece, files, encode, verify, stop)) return false;
+        if (!state.encodeLossless(discard_, piece, files, encode, verify, stop, lock)) return false;
     }
     if (stop.stop_requested()) throw CancellationError();
 
-    const std::lock_guard lock(state.mutex);
+    if (!lock.owns_lock()) lock.lock();
     if (!isStillThere()) return false;
     if (!isSameFile(own.facts(files.target), *verified)) failAsCorrupt(files.target);
     const FileError unrecorded("record", files.target, make_error_code(FileFault::fileWriteUnknown));

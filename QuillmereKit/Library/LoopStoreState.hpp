@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -54,10 +55,10 @@ struct LoopStore::State {
     void mergeSeeds(const ResourceBundle& bundle, Access access);
 
     /// Stores a piece in memory.
-    void put(LoopArtifact artifact);
+    void put(LoopArtifact artifact) { putAll({&artifact, 1}); }
 
-    /// The same for many: all of them, or none if memory runs out.
-    void putAll(std::vector<LoopArtifact> artifacts);
+    /// The same for many, which are taken away: all of them, or none if memory runs out.
+    void putAll(std::span<LoopArtifact> artifacts);
 
     /// Writes the manifest in its ordinary form; throws what `LoopFolder::save` throws, and notes it.
     void save();
@@ -87,15 +88,18 @@ struct LoopStore::State {
     /// Only where the taking back failed too is the change in place; the error says so, and memory keeps it.
     void record(const LoopArtifact& changed, const LoopArtifact& before);
 
-    /// Encodes into the temporary file, calls `verify`, and gives the file the target's name. Takes the lock where it
-    /// needs it, but neither while encoding nor while verifying. A piece that names the target names the source before
+    /// Encodes into the temporary file, calls `verify`, and gives the file the target's name. Neither encodes nor
+    /// verifies under the lock, but `lock`, which is not held before, is held when it returns: nobody changes the piece
+    /// between the move and the record of it. A piece that names the target names the source before
     /// the target goes, and `piece` is changed with it. False if that one must not be changed any more. On failure the
     /// temporary file is gone.
     bool encodeLossless(const Discard& discard, LoopArtifact& piece, const MigrationFiles& files, const Encode& encode,
-                        const std::function<void()>& verify, const std::stop_token& stop);
+                        const std::function<void()>& verify, const std::stop_token& stop,
+                        std::unique_lock<std::mutex>& lock);
 
-    /// Records that a piece that names the target plays from the source. False, with nothing done, if it is not the one
-    /// given any more, or may not be migrated. Throws what `record` throws.
+    /// Records that a piece that names the target plays from the source. False, with nothing done, if it is gone, has
+    /// gone to another file, or names the target and is not the one given any more, or may not be migrated. Throws what
+    /// `record` throws.
     bool fallBackToSource(LoopArtifact& piece, const MigrationFiles& files);
 
     /// Makes sure that this process may change the folder. Where it could not until now, it first takes in what others

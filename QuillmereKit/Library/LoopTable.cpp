@@ -81,17 +81,18 @@ bool LoopTable::fill(const JSONValue& manifest, const std::function<std::optiona
     return count() == entries;
 }
 
-void LoopTable::put(Item item) {
-    std::vector<Item> items;
-    items.push_back(std::move(item));
-    putAll(std::move(items));
+void LoopTable::putAll(std::span<Item> items) {
+    try {
+        // Once that is done nothing can throw: the table and the moods' lists have room, and a piece is moved without
+        // allocating.
+        for (auto& [loop, text] : madeReady(items)) take(std::move(loop), text);
+    } catch (...) {
+        removeEmptyMoods();  // of pieces that found no room after all
+        throw;
+    }
 }
 
-void LoopTable::putAll(std::vector<Item> items) {
-    struct Ready {
-        std::unique_ptr<StoredLoop> loop;
-        std::optional<std::string> text;
-    };
+std::vector<LoopTable::Ready> LoopTable::madeReady(std::span<Item> items) {
     std::vector<Ready> ready;
     ready.reserve(items.size());
     for (auto& item : items) {
@@ -108,9 +109,11 @@ void LoopTable::putAll(std::vector<Item> items) {
         ready.push_back({std::move(loop), std::move(text)});
     }
     loops_.reserve(count() + items.size());
-    // From here on nothing can throw: the table and the moods' lists have room, and a piece is moved without
-    // allocating.
-    for (auto& [loop, text] : ready) take(std::move(loop), text);
+    return ready;
+}
+
+void LoopTable::removeEmptyMoods() noexcept {
+    std::erase_if(moods_, [](const auto& mood) { return mood.second.empty(); });
 }
 
 void LoopTable::take(std::unique_ptr<StoredLoop> loop, const std::optional<std::string>& text) noexcept {
@@ -141,7 +144,7 @@ std::size_t LoopTable::remove(std::span<const LoopKey> keys) noexcept {
     }
     if (count == 0) return 0;
     for (auto& [moodID, loops] : moods_) std::erase_if(loops, [](const StoredLoop* loop) { return loop->isLeaving; });
-    std::erase_if(moods_, [](const auto& mood) { return mood.second.empty(); });
+    removeEmptyMoods();
     loops_.removeLeaving();
     forEach([](const StoredLoop& loop) { loop.useTexts(); });
     texts_.sweep();

@@ -57,10 +57,10 @@ public:
     bool fill(const JSONValue& manifest, const std::function<std::optional<Place>(const FileURL&)>& placeOf);
 
     /// Stores a piece, replacing the one with its fingerprint.
-    void put(Item item);
+    void put(Item item) { putAll({&item, 1}); }
 
-    /// The same for many pieces: all of them, or none if it throws.
-    void putAll(std::vector<Item> items);
+    /// The same for many pieces, which are taken away: all of them, or none if it throws.
+    void putAll(std::span<Item> items);
 
     /// Removes pieces; how many of them were there.
     std::size_t remove(std::span<const LoopKey> keys) noexcept;
@@ -77,7 +77,14 @@ public:
     [[nodiscard]] std::optional<std::string> unencodableText() const;
 
 private:
+    // A piece that is about to be stored, and its text; none if it cannot be encoded.
+    struct Ready {
+        std::unique_ptr<StoredLoop> loop;
+        std::optional<std::string> text;
+    };
+    [[nodiscard]] std::vector<Ready> madeReady(std::span<Item> items);
     void take(std::unique_ptr<StoredLoop> loop, const std::optional<std::string>& text) noexcept;
+    void removeEmptyMoods() noexcept;
     void appendToManifest(StoredLoop& loop, std::string_view text);
     void rebuildManifest();
 

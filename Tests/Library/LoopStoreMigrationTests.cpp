@@ -669,16 +669,39 @@ TEST_F(LoopStoreMigrationTests, APieceMeasuredWhileEncodingKeepsItsMeasurement) 
     expectUntouched(store);
 }
 
-TEST_F(LoopStoreMigrationTests, APieceRemovedWhileEncodingStaysRemoved) {
+TEST_F(LoopStoreMigrationTests, APieceRemovedWhileEncodingStaysRemovedAndLeavesNoFile) {
+    const std::vector<std::function<std::size_t(LoopStore&)>> removals = {
+        [](LoopStore& store) { return static_cast<std::size_t>(store.prune({})); },
+        [](LoopStore& store) { return store.trash([](const LoopArtifact&) { return true; }).size(); },
+    };
+    for (const auto& remove : removals) {
+        std::filesystem::remove_all(folder);
+        static_cast<void>(trackNamed(identity("focus").filename(), track.identity));
+        auto store = opened();
+
+        EXPECT_FALSE(store.migrateToLossless(track, [&](const FileURL& source, const FileURL& destination) {
+            encodeALAC(source, destination);
+            EXPECT_EQ(remove(store), 1U);
+        }));
+
+        EXPECT_EQ(store.count(), 0U);
+        EXPECT_THAT(listedURLs(), IsEmpty());
+        EXPECT_THAT(namesBeginning(""), testing::UnorderedElementsAre(".lock", "manifest.json"));
+    }
+}
+
+TEST_F(LoopStoreMigrationTests, APieceThatWentToAnotherFileWhileEncodingLeavesNoCopyOfTheOldOne) {
     auto store = opened();
+    const auto better = trackNamed("better", track.identity);
 
     EXPECT_FALSE(store.migrateToLossless(track, [&](const FileURL& source, const FileURL& destination) {
         encodeALAC(source, destination);
-        EXPECT_EQ(store.prune({}), 1);
+        store.add(better);
     }));
 
-    EXPECT_EQ(store.count(), 0U);
-    EXPECT_THAT(listedURLs(), IsEmpty());
+    EXPECT_EQ(store.artifact(track.identity), better);
+    EXPECT_FALSE(std::filesystem::exists(m4a()));
+    EXPECT_FALSE(std::filesystem::exists(temporary()));
 }
 
 TEST_F(LoopStoreMigrationTests, ASecondMigrationOfThePieceMovesOnWhileTheFirstIsAtWork) {

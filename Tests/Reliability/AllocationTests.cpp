@@ -211,6 +211,59 @@ TEST_P(RefusedAllocations, LeaveTheOldOrTheNewAndAStoreThatGoesOn) {
 INSTANTIATE_TEST_SUITE_P(Every, RefusedAllocations, testing::ValuesIn(operations()),
                          [](const auto& instance) { return instance.param.name; });
 
+// Pieces of two moods that are not there yet: memory may run out when the first has its place and the second has not.
+TEST(RefusedAllocationsOfAdding, PiecesAreStoredTogetherOrNothingIsLeftOfThem) {
+    SystemCallFaults::syncNothing();
+    const auto piece = [](const TemporaryFolder& home, const char* mood) {
+        const auto identity = LoopStoreFixture::identity(mood, 2, 1);
+        const auto file = home.putFile("Loops/" + identity.filename() + ".wav", "audio");
+        return LoopStoreFixture::artifactAt(identity, FileURL::fromPath(file));
+    };
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
+        const TemporaryFolder home;
+        LoopStore store(home.path() / "Loops", ResourceBundle(home.path()), {});
+        store.add(piece(home, "rain"));
+        const std::vector added = {piece(home, "snow"), piece(home, "wind")};
+        const auto outcome = actRefusing(plan, [&] { store.add(added); });
+        const bool wasRefused = RefusedMemory::wasRefused();
+
+        const bool isAdded = outcome.error.empty();
+        EXPECT_EQ(store.count(), isAdded ? 3U : 1U);
+        EXPECT_EQ(store.material().size(), isAdded ? 3U : 1U);
+        if (!wasRefused || HasFailure()) break;
+    }
+}
+
+TEST(RefusedAllocationsOfAdding, APieceThatFoundNoRoomIsNoPieceOfThisProcess) {
+    SystemCallFaults::syncNothing();
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
+        const TemporaryFolder home;
+        const auto identity = LoopStoreFixture::identity("rain", 2, 1);
+        const auto placed = [&](const char* name) {
+            return LoopStoreFixture::artifactAt(identity, FileURL::fromPath(home.putFile(name, "audio")));
+        };
+        const auto old = placed("Loops/old.wav");
+        home.putFile("Loops/manifest.json", encodeJSON(std::vector{old}, JSONWriter::Form::compact));
+        LoopStore store(home.path() / "Loops", ResourceBundle(home.path()), {});
+        const std::vector added = {placed("Loops/new.wav")};
+        const auto outcome = actRefusing(plan, [&] { store.add(added); });
+        const bool wasRefused = RefusedMemory::wasRefused();
+
+        // Another process replaces the library, and the piece in it.
+        const auto theirs = placed("Loops/theirs.wav");
+        std::filesystem::remove(home.path() / "Loops/.lock");
+        home.putFile("Loops/manifest.json", encodeJSON(std::vector{theirs}, JSONWriter::Form::compact));
+        store.add(LoopStoreFixture::artifactAt(LoopStoreFixture::identity("snow", 2, 2),
+                                               FileURL::fromPath(home.putFile("Loops/more.wav", "audio"))));
+        if (!outcome.error.empty()) {
+            EXPECT_EQ(store.artifact(identity), theirs);
+        }
+        if (!wasRefused || HasFailure()) break;
+    }
+}
+
 TEST(RefusedAllocationsOfLateStores, AnotherProcessesPieceIsNotLost) {
     SystemCallFaults::syncNothing();
     const auto piece = [](const TemporaryFolder& home, std::int64_t seed) {
