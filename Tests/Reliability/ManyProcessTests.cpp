@@ -37,6 +37,7 @@
 #include "Tests/Reliability/Tree.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
+#include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere::test {
 namespace {
@@ -284,7 +285,7 @@ void ManyProcesses::check() {
             listed.insert(each.id());
             const auto index = static_cast<std::uint32_t>(each.identity.seed);
             std::ifstream in(each.url.path(), std::ios::binary);
-            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), audio(index)) << each.url.text();
+            EXPECT_EQ(contentOf(in), audio(index)) << each.url.text();
             if (diary->others[index] == Promise::kept) {
                 EXPECT_TRUE(each.quality && each.quality->loudness == loudness)
                     << "the loudness of piece " << index << " is lost";

@@ -22,6 +22,7 @@
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Reliability/Tree.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
+#include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere::test {
 namespace {
@@ -120,7 +121,7 @@ struct RandomKills : testing::Test {
             listed.insert(each.id());
             const auto index = static_cast<int>(each.identity.seed);
             std::ifstream in(each.url.path(), std::ios::binary);
-            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), audio(index)) << each.url.text();
+            EXPECT_EQ(contentOf(in), audio(index)) << each.url.text();
             EXPECT_NE(diary->promises[static_cast<std::size_t>(index)], Diary::Promise::none);
         }
         for (int index = 0; index < pieces; ++index) {

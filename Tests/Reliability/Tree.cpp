@@ -2,7 +2,8 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+
+#include "Tests/Support/TemporaryFolder.hpp"
 
 namespace quillmere::test {
 
@@ -15,7 +16,7 @@ Tree readTree(const std::filesystem::path& root) {
             tree[path + "/"];
         } else {
             std::ifstream in(entry.path(), std::ios::binary);
-            tree[path] = std::string(std::istreambuf_iterator<char>(in), {});
+            tree[path] = contentOf(in);
         }
     }
     return tree;

@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
+#include <utility>
 
 namespace quillmere::test {
 
@@ -34,7 +35,14 @@ std::filesystem::path TemporaryFolder::putFile(std::string_view name, std::strin
 std::string TemporaryFolder::content(std::string_view name) const {
     std::ifstream in(path_ / name, std::ios::binary);
     EXPECT_TRUE(in) << "no file " << name;
-    return {std::istreambuf_iterator<char>(in), {}};
+    return contentOf(in);
+}
+
+// The stream's own loop: one over its characters would not be optimised here.
+std::string contentOf(std::istream& in) {
+    std::ostringstream content;
+    content << in.rdbuf();
+    return std::move(content).str();
 }
 
 std::vector<std::string> TemporaryFolder::names() const {

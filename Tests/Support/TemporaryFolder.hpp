@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,5 +31,8 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+/// What is left to read of a stream.
+[[nodiscard]] std::string contentOf(std::istream& in);
 
 }  // namespace quillmere::test
