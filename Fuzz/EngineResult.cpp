@@ -3,13 +3,15 @@
 #include <cmath>
 #include <memory>
 
+#include "Fuzz/OpenWatch.hpp"
 #include "Fuzz/Sandbox.hpp"
 #include "QuillmereKit/Platform/FileURL.hpp"
 #include "Renderers/EngineFailure.hpp"
 #include "Renderers/EngineProtocol.hpp"
 #include "Renderers/RenderFolder.hpp"
 
-// The JSON that an engine ends its work with, and the file that it names: only a file in the working folder is opened.
+// The JSON that an engine ends its work with, and the file that it names: only a file in the working folder is opened,
+// and nothing is written.
 
 namespace {
 
@@ -17,17 +19,18 @@ namespace fs = std::filesystem;
 using namespace quillmere;
 using fuzz::require;
 
+fs::path home() { return fuzz::sandbox() / "engine"; }
+
 // A working folder with all that an engine could name.
 const RenderFolder& workingFolder() {
     static const auto folder = [] {
-        const auto home = fuzz::sandbox() / "engine";
-        fuzz::write(home / "outside.wav", "not the engine's");
-        fuzz::write(home / "Loops" / "piece.wav", "the library's");
-        auto made = std::make_unique<RenderFolder>(home / "Loops");
+        fuzz::write(home() / "outside.wav", "not the engine's");
+        fuzz::write(home() / "Loops" / "piece.wav", "the library's");
+        auto made = std::make_unique<RenderFolder>(home() / "Loops");
         fuzz::write(made->path() / "audio.wav", "the engine's");
         fuzz::write(made->path() / "sub" / "audio.wav", "the engine's");
         fs::create_symlink("../../outside.wav", made->path() / "link.wav");
-        fs::create_hard_link(home / "outside.wav", made->path() / "second.wav");
+        fs::create_hard_link(home() / "outside.wav", made->path() / "second.wav");
         require(::mkfifo((made->path() / "fifo.wav").c_str(), 0600) == 0, "a fifo can be made");
         return made;
     }();
@@ -36,13 +39,16 @@ const RenderFolder& workingFolder() {
 
 void openNamed(const std::string& name) {
     const auto& folder = workingFolder();
+    static const auto before = fuzz::treeOf(home());
+    const fuzz::OpenWatch watch(fuzz::sandbox() / "nowhere");
     try {
-        const auto file = folder.openIfPresent(name);
-        if (!file) return;
-        require(name == "audio.wav" || name == ".lock", "only the engine's own file is opened");
+        if (folder.openIfPresent(name)) {
+            require(name == "audio.wav" || name == ".lock", "only the engine's own file is opened");
+        }
     } catch (const EngineFailure& failure) {
         require(failure.reason() == EngineFailure::Reason::refusedFile, "a file is refused as what it is");
     }
+    require(fuzz::treeOf(home()) == before, "nothing is changed for a name");
 }
 
 template <class T, class Check>
