@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,13 +24,14 @@ struct Durability : testing::Test {
     path home = folder.path() / "home";
     Tree before = {{"file", "content"}, {"inner/", ""}, {"inner/other", "more"}};
 
-    Disk after(const std::function<void()>& operation) const {
+    /// The disk after an operation on the tree, of which only what is not `unsynced` was safe before.
+    Disk after(const std::function<void()>& operation, const std::set<std::string>& unsynced = {}) const {
         std::vector<RecordedCall> calls;
         {
             const SystemCallFaults recording({.record = &calls});
             operation();
         }
-        Disk disk(home, before, {});
+        Disk disk(home, before, unsynced);
         for (const auto& call : calls) disk.apply(call);
         return disk;
     }
@@ -54,6 +56,19 @@ TEST_F(Durability, OfEveryFunctionThatPromisesIt) {
     expectDurable("a file moved aside", [&] { moveAside(home / "file", "unreadable", now); });
     expectDurable("an own file's removal", [&] { own.remove(home / "inner" / "other"); });
     expectDurable("an own file's move", [&] { own.move(home / "file", home / "inner" / "file"); });
+}
+
+// It reads as before; but now it is safe.
+TEST_F(Durability, OfAFileWrittenAnew) {
+    const OwnFolder own(home);
+    writeTree(home, before);
+    const std::set<std::string> unsynced = {"inner/other"};
+    ASSERT_NE(after([] {}, unsynced).safeTree(), before);
+
+    const auto disk = after([&] { own.rewrite(home / "inner" / "other"); }, unsynced);
+
+    EXPECT_EQ(readTree(home), before);
+    EXPECT_EQ(disk.safeTree(), before);
 }
 
 TEST_F(Durability, OfAFinishedAudioFilesBytes) {
