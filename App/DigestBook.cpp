@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <utility>
 
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -21,78 +23,143 @@ bool isHexadecimal(std::string_view text, std::size_t length) {
     return text.size() == length && std::ranges::all_of(text, isDigit);
 }
 
-}  // namespace
+std::string cannotBeRead(const std::filesystem::path& file, const Error& error) {
+    return "The digests \"" + file.string() + "\" cannot be read: " + error.what();
+}
 
-DigestBook::DigestBook(const std::filesystem::path& folder) : file_(folder / fileName) { load(); }
-
-void DigestBook::load() {
-    try {
-        const auto text = readFileIfPresent(file_, mostBytes);
-        if (!text) return;
-        const auto document = JSONDocument::parse(*text);
-        static_cast<void>(document.root().member<std::int64_t>("version"));
-        const auto digests = document.root().find("digests");
-        if (!digests) throw JSONError("is missing", "digests");
-        std::size_t dropped = 0;
-        for (const auto& [fingerprint, value] : digests->members()) {
-            const bool isDigest =
-                isHexadecimal(fingerprint, 16) && value.isString() && isHexadecimal(value.string(), 64);
-            if (!isDigest || !digests_.try_emplace(std::string(fingerprint), value.string()).second) ++dropped;
-        }
-        if (dropped == 0) return;
-        reasonToKeep_ = "before";
-        problem_ = std::to_string(dropped) + " of the digests in \"" + file_.string() + "\" cannot be read.";
-    } catch (const Error& error) {
-        digests_.clear();
-        reasonToKeep_ = "unreadable";
-        problem_ = "The digests \"" + file_.string() + "\" cannot be read: " + error.what();
+/// The digests of a file by fingerprint, and how many entries of another form it has. Throws `JSONError`.
+std::map<std::string, std::string, std::less<>> digestsIn(std::string_view text, std::size_t& dropped) {
+    std::map<std::string, std::string, std::less<>> digests;
+    const auto document = JSONDocument::parse(text);
+    static_cast<void>(document.root().member<std::int64_t>("version"));
+    const auto list = document.root().find("digests");
+    if (!list) throw JSONError("is missing", "digests");
+    for (const auto& [fingerprint, value] : list->members()) {
+        const bool isDigest = isHexadecimal(fingerprint, 16) && value.isString() && isHexadecimal(value.string(), 64);
+        if (!isDigest || !digests.try_emplace(std::string(fingerprint), value.string()).second) ++dropped;
     }
+    return digests;
 }
 
-std::optional<std::string> DigestBook::digest(std::string_view fingerprint) const {
-    const auto found = digests_.find(fingerprint);
-    return found == digests_.end() ? std::nullopt : std::optional(found->second);
-}
-
-void DigestBook::set(std::string_view fingerprint, std::string digest) {
-    auto& place = digests_[std::string(fingerprint)];
-    if (place == digest) return;
-    place = std::move(digest);
-    isChanged_ = true;
-}
-
-void DigestBook::forget(std::string_view fingerprint) {
-    const auto found = digests_.find(fingerprint);
-    if (found == digests_.end()) return;
-    digests_.erase(found);
-    isChanged_ = true;
-}
-
-void DigestBook::save(const std::function<bool(const std::string&)>& isStored) {
-    if (!isChanged_) return;
-    if (digests_.size() > mostDigests) {
-        std::erase_if(digests_, [&](const auto& entry) { return !isStored(entry.first); });
-    }
-    if (digests_.size() > mostDigests) {
-        throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
-    }
+std::string textOf(const std::map<std::string, std::string, std::less<>>& digests) {
     JSONWriter writer(JSONWriter::Form::pretty);
     writer.beginObject();
     writer.member("version", 1);
     writer.key("digests");
     writer.beginObject();
-    for (const auto& [fingerprint, digest] : digests_) writer.member(fingerprint, digest);
+    for (const auto& [fingerprint, digest] : digests) writer.member(fingerprint, digest);
     writer.endObject();
     writer.endObject();
-    const auto text = writer.take();
+    return writer.take();
+}
 
-    if (!reasonToKeep_.empty() && fileExists(file_)) {
-        keepCopyAside(file_, reasonToKeep_,
-                      std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+}  // namespace
+
+DigestBook::DigestBook(const std::filesystem::path& folder) : file_(folder / fileName) {
+    try {
+        catchUp();
+    } catch (const FileError& error) {
+        problem_ = cannotBeRead(file_, error);  // the first save asks again
+    }
+}
+
+// Takes in what the file holds, unless that is known. Where it is gone or damaged, what is known of it stands. Throws
+// `FileError` where it cannot be read now.
+void DigestBook::catchUp() {
+    const auto facts = replacedFile::lookAt(file_);
+    if (!facts || facts == known_) return;
+    const auto noteDamage = [&](const Error& error) {
+        problem_ = cannotBeRead(file_, error);
+        reasonToKeep_ = "unreadable";
+    };
+    try {
+        const auto text = readFileIfPresent(file_, mostBytes);
+        if (!text) return;
+        std::size_t dropped = 0;
+        digests_ = digestsIn(*text, dropped);
+        problem_.reset();
+        reasonToKeep_ = dropped > 0 ? "before" : "";
+        if (dropped > 0) {
+            problem_ = std::to_string(dropped) + " of the digests in \"" + file_.string() + "\" cannot be read.";
+        }
+    } catch (const FileError& error) {
+        if (!replacedFile::isForGood(error)) throw;
+        noteDamage(error);
+    } catch (const JSONError& error) {
+        noteDamage(error);
+    }
+    known_ = facts;
+}
+
+std::optional<std::string> DigestBook::digest(std::string_view fingerprint) const {
+    const auto change = changes_.find(fingerprint);
+    if (change != changes_.end()) return change->second;
+    const auto found = digests_.find(fingerprint);
+    return found == digests_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void DigestBook::set(std::string_view fingerprint, std::string digest) {
+    changes_.insert_or_assign(std::string(fingerprint), std::move(digest));
+}
+
+void DigestBook::forget(std::string_view fingerprint) {
+    changes_.insert_or_assign(std::string(fingerprint), std::nullopt);
+}
+
+DigestBook::Digests DigestBook::changed() const {
+    Digests next = digests_;
+    for (const auto& [fingerprint, digest] : changes_) {
+        if (digest) {
+            next.insert_or_assign(fingerprint, *digest);
+        } else {
+            next.erase(fingerprint);
+        }
+    }
+    return next;
+}
+
+void DigestBook::save(const std::function<bool(const std::string&)>& isStored) {
+    if (changes_.empty() && !isUnsynced_) return;
+    catchUp();
+    Digests next = changed();
+    if (next == digests_ && !isUnsynced_) {
+        changes_.clear();
+        return;
+    }
+    if (next.size() > mostDigests) std::erase_if(next, [&](const auto& entry) { return !isStored(entry.first); });
+    if (next.size() > mostDigests) {
+        throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+    }
+    const auto text = textOf(next);
+
+    if (!reasonToKeep_.empty()) {
+        const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
+        try {
+            replacedFile::keep(file_, reasonToKeep_, now);
+        } catch (const FileError& error) {
+            throw error.notInPlace();
+        }
     }
     reasonToKeep_ = {};
-    writeDurably(file_, text);
-    isChanged_ = false;
+    // From here on nothing but the writing can fail.
+    const auto follow = [&]() noexcept {
+        digests_ = std::move(next);
+        changes_.clear();
+        problem_.reset();
+    };
+    try {
+        writeDurably(file_, text);
+    } catch (const FileError& error) {
+        if (error.isInPlace()) {
+            follow();
+            known_.reset();
+            isUnsynced_ = true;
+        }
+        throw;
+    }
+    follow();
+    known_ = factsOf(file_);
+    isUnsynced_ = false;
 }
 
 }  // namespace quillmere::app

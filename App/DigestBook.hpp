@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "QuillmereKit/Platform/FileSystem.hpp"
+
 namespace quillmere::app {
 
 /// What the samples of the library's pieces were when they were made: the file "digests.json" in the library's folder.
@@ -15,8 +17,11 @@ namespace quillmere::app {
 ///     {"digests": {fingerprint: AudioPCM digest}, "version": 1}
 ///
 /// It is written when a piece is generated and when one is migrated, and read to prove later that the audio is still
-/// the same. A file that cannot be read, or of which entries were dropped, is kept beside the new one before the first
-/// write. Only the holder of the library's lock may save. Not thread-safe. Blocks on disk.
+/// the same. A damaged file, or one of which entries were dropped, is kept beside the new one before it is replaced.
+/// One that the disk would not give is read again before it is replaced, and stays as it is if it still cannot be read.
+///
+/// Only the holder of the library's lock (`.lock` in its folder) may save: that keeps two programs apart, and so this
+/// file has no lock of its own. What another one wrote before is taken in. Not thread-safe. Blocks on disk.
 class DigestBook {
 public:
     /// The most digests that are kept. Beyond it, those of pieces that the library no longer holds go first.
@@ -42,19 +47,25 @@ public:
     /// Forgets a piece that is gone for good.
     void forget(std::string_view fingerprint);
 
-    /// Writes the file durably if anything has changed. `isStored` says whether the library holds a piece. Throws
+    /// Writes the file durably if what was noted changes it. `isStored` says whether the library holds a piece. Throws
     /// `FileError`; the file is then as it was, unless the error says that it is in place, and the next save tries
     /// again.
     void save(const std::function<bool(const std::string& fingerprint)>& isStored);
 
 private:
-    void load();
+    using Digests = std::map<std::string, std::string, std::less<>>;  // by fingerprint
+
+    void catchUp();
+    [[nodiscard]] Digests changed() const;
 
     std::filesystem::path file_;
-    std::map<std::string, std::string, std::less<>> digests_;
+    Digests digests_;  // in the file, as last read or written
+    std::map<std::string, std::optional<std::string>, std::less<>>
+        changes_;                     // noted since; nothing for a forgotten one
+    std::optional<FileFacts> known_;  // the file as last read or written
     std::optional<std::string> problem_;
     std::string_view reasonToKeep_;  // why the file must be kept aside before it is replaced; empty if it need not
-    bool isChanged_ = false;
+    bool isUnsynced_ = false;        // what was last saved is in place, and a power cut may undo it
 };
 
 }  // namespace quillmere::app

@@ -8,6 +8,7 @@
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/JSONReader.hpp"
 #include "QuillmereKit/Platform/Precondition.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere::app {
@@ -41,7 +42,28 @@ void read(std::string_view name, const JSONValue& value, Settings& settings) {
     if (name == "schedule") settings.schedule = readSchedule(value);
 }
 
-Date now() { return std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()); }
+std::string cannotBeRead(const std::filesystem::path& file, const Error& error) {
+    return "The settings \"" + file.string() + "\" cannot be read, the defaults count: " + error.what();
+}
+
+/// The members of an object, as JSON; of a key given twice the first.
+std::map<std::string, std::string, std::less<>> membersIn(std::string_view text) {
+    std::map<std::string, std::string, std::less<>> members;
+    const auto document = JSONDocument::parse(text);
+    for (const auto& [key, value] : document.root().members()) members.try_emplace(std::string(key), value.text());
+    return members;
+}
+
+std::string textOf(const std::map<std::string, std::string, std::less<>>& members) {
+    JSONWriter writer(JSONWriter::Form::pretty);
+    writer.beginObject();
+    for (const auto& [key, value] : members) {
+        writer.key(key);
+        writer.raw(value);
+    }
+    writer.endObject();
+    return writer.take();
+}
 
 }  // namespace
 
@@ -56,79 +78,117 @@ std::filesystem::path SettingsFile::defaultFile() {
     return *folder / "settings.json";
 }
 
-SettingsFile::SettingsFile(std::filesystem::path file) : file_(std::move(file)) { load(); }
-
-void SettingsFile::load() {
+SettingsFile::SettingsFile(std::filesystem::path file) : file_(std::move(file)) {
     try {
-        const auto text = readFileIfPresent(file_, mostBytes);
-        if (!text) return;
-        const auto document = JSONDocument::parse(*text);
-        for (const auto& [key, value] : document.root().members()) {
-            if (!members_.try_emplace(std::string(key), value.text()).second || value.isNull()) continue;
-            try {
-                read(key, value, settings_);
-            } catch (const JSONError& error) {
-                notUnderstood_.emplace_back(key);
-                problems_.push_back("The setting \"" + std::string(key) + "\" in \"" + file_.string() +
-                                    "\" is not understood, its default counts: " + error.what());
-            }
-        }
-    } catch (const Error& error) {
-        isUnreadable_ = true;
-        problems_.push_back("The settings \"" + file_.string() +
-                            "\" cannot be read, the defaults count: " + error.what());
+        catchUp();
+    } catch (const FileError& error) {
+        choices_.problems.push_back(cannotBeRead(file_, error));  // the first change asks again
     }
 }
 
-bool SettingsFile::isUnderstood(std::string_view name) const {
-    return std::ranges::find(notUnderstood_, name) == notUnderstood_.end();
+// What the members of the file mean.
+SettingsFile::Choices SettingsFile::choices(Members members) const {
+    Choices made;
+    for (const auto& name : names()) {
+        const auto found = members.find(name);
+        if (found == members.end() || found->second == "null") continue;
+        try {
+            const auto document = JSONDocument::parse(found->second);
+            read(name, document.root(), made.settings);
+        } catch (const JSONError& error) {
+            made.notUnderstood.insert(name);
+            made.problems.push_back("The setting \"" + name + "\" in \"" + file_.string() +
+                                    "\" is not understood, its default counts: " + error.what());
+        }
+    }
+    made.members = std::move(members);
+    return made;
+}
+
+// Takes in what the file holds, unless that is known. Where it is gone or damaged, what is known of it stands. Throws
+// `FileError` where it cannot be read now.
+void SettingsFile::catchUp() {
+    const auto facts = replacedFile::lookAt(file_);
+    if (!facts || facts == known_) return;
+    const auto noteDamage = [&](const Error& error) {
+        choices_.problems = {cannotBeRead(file_, error)};
+        isDamaged_ = true;
+    };
+    try {
+        const auto text = readFileIfPresent(file_, mostBytes);
+        if (!text) return;
+        choices_ = choices(membersIn(*text));
+        isDamaged_ = false;
+    } catch (const FileError& error) {
+        if (!replacedFile::isForGood(error)) throw;
+        noteDamage(error);
+    } catch (const JSONError& error) {
+        noteDamage(error);
+    }
+    known_ = facts;
 }
 
 void SettingsFile::reset(std::string_view name) {
-    if (members_.contains(name)) replace(name, std::nullopt);
+    catchUp();
+    if (choices_.members.contains(name) || isUnsynced_) replace(name, std::nullopt);
+}
+
+// The right to replace the file, among all processes, and what it holds now.
+std::shared_ptr<FolderLock> SettingsFile::beginChange() {
+    const auto folder = file_.parent_path();
+    createFolders(folder);
+    auto lock = FolderLock::acquire(folder / ".settings.lock");
+    removeOldTemporaries(folder);
+    catchUp();
+    return lock;
+}
+
+void SettingsFile::keepWhatIsLost(std::string_view name) {
+    if (!isDamaged_ && !choices_.notUnderstood.contains(name)) return;
+    if (kept_ == known_) return;  // a change that failed has kept it
+    const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
+    replacedFile::keep(file_, isDamaged_ ? "unreadable" : "before", now);
+    kept_ = known_;
 }
 
 void SettingsFile::replace(std::string_view name, std::optional<std::string> json) {
     precondition(std::ranges::find(names(), name) != names().end(), "there is no such setting");
-    Members members = members_;
-    if (json) {
-        members.insert_or_assign(std::string(name), std::move(*json));
-    } else {
-        members.erase(members.find(name));
-    }
-    JSONWriter writer(JSONWriter::Form::pretty);
-    writer.beginObject();
-    for (const auto& [key, value] : members) {
-        writer.key(key);
-        writer.raw(value);
-    }
-    writer.endObject();
-    const std::string text = writer.take();
-    if (text.size() > mostBytes) throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
-
-    createFolders(file_.parent_path());
-    if (isUnreadable_) keepCopyAside(file_, "unreadable", now());
-    if (!isUnderstood(name)) keepCopyAside(file_, "before", now());
-    isUnreadable_ = false;
-    std::erase(notUnderstood_, name);
-    const auto follow = [&] {
-        members_ = std::move(members);
-        Settings settings;
-        for (const auto& known : names()) {
-            const auto found = members_.find(known);
-            if (found == members_.end() || found->second == "null" || !isUnderstood(known)) continue;
-            const auto document = JSONDocument::parse(found->second);
-            read(known, document.root(), settings);
+    std::shared_ptr<FolderLock> lock;
+    Choices next;
+    std::string text;
+    try {
+        lock = beginChange();
+        Members members = choices_.members;
+        if (json) {
+            members.insert_or_assign(std::string(name), std::move(*json));
+        } else {
+            members.erase(std::string(name));
         }
-        settings_ = std::move(settings);
+        next = choices(std::move(members));
+        text = textOf(next.members);
+        if (text.size() > mostBytes) throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+        keepWhatIsLost(name);
+    } catch (const FileError& error) {
+        throw error.notInPlace();  // whatever is in place here, the choice is not
+    }
+    // From here on nothing but the writing can fail.
+    const auto follow = [&]() noexcept {
+        choices_ = std::move(next);
+        isDamaged_ = false;
     };
     try {
         writeDurably(file_, text);
     } catch (const FileError& error) {
-        if (error.isInPlace()) follow();
+        if (error.isInPlace()) {
+            follow();
+            known_.reset();
+            isUnsynced_ = true;
+        }
         throw;
     }
     follow();
+    known_ = factsOf(file_);
+    isUnsynced_ = false;
 }
 
 }  // namespace quillmere::app

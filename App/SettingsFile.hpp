@@ -1,8 +1,11 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +15,8 @@
 #include "QuillmereKit/Generation/GenerationPace.hpp"
 #include "QuillmereKit/Generation/GenerationSchedule.hpp"
 #include "QuillmereKit/Generation/Horizon.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Playback/RadioSet.hpp"
 
@@ -31,9 +36,14 @@ struct Settings {
 
 /// The file "settings.json" in the user's configuration folder, and what it holds.
 ///
-/// Keys that this program does not know, and values that it does not understand, stay in the file as they are. A file
-/// that cannot be read, and one in which a value that was not understood gets another, is kept beside the new one
-/// before the first write. Not thread-safe. Blocks on disk.
+/// Keys that this program does not know, and values that it does not understand, stay in the file as they are. A
+/// damaged file, and one in which a value that was not understood gets another, is kept beside the new one before it is
+/// replaced. One that the disk would not give is read again before the first change, which fails if it still cannot be
+/// read.
+///
+/// Where another program wrote the file since, a change alters what that one wrote, and nothing in it but the setting
+/// in question. A lock on ".settings.lock" beside it keeps the changes of two programs apart: one that finds it held is
+/// refused. Looking makes no files and needs no lock. Not thread-safe. Blocks on disk.
 class SettingsFile {
 public:
     /// The names of the settings, which are the keys in the file, in alphabetical order.
@@ -47,13 +57,15 @@ public:
 
     [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
 
-    [[nodiscard]] const Settings& settings() const noexcept { return settings_; }
+    /// The choices as they were last read or written.
+    [[nodiscard]] const Settings& settings() const noexcept { return choices_.settings; }
 
     /// A sentence for each thing that could not be read; a setting named there has its default.
-    [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return problems_; }
+    [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return choices_.problems; }
 
-    /// Makes a choice and writes the file durably. Throws `FileError`; file and settings are then as they were, unless
-    /// the error says that the file is in place. `name` must be one of `names` and `value` of its type.
+    /// Makes a choice and writes the file durably. Throws `LibraryInUse` while another process writes it, or
+    /// `FileError`; the file is then as it was, unless the error says that the change is in place. `name` must be one
+    /// of `names` and `value` of its type.
     template <class T>
     void set(std::string_view name, const T& value) {
         replace(name, encodeJSON(value, JSONWriter::Form::compact));
@@ -65,16 +77,25 @@ public:
 private:
     using Members = std::map<std::string, std::string, std::less<>>;  // key to value, as JSON
 
-    void load();
+    struct Choices {
+        Members members;
+        Settings settings;
+        std::vector<std::string> problems;
+        std::set<std::string, std::less<>> notUnderstood;  // names of settings
+    };
+
+    [[nodiscard]] Choices choices(Members members) const;
+    void catchUp();
+    [[nodiscard]] std::shared_ptr<FolderLock> beginChange();
+    void keepWhatIsLost(std::string_view name);
     void replace(std::string_view name, std::optional<std::string> json);
-    [[nodiscard]] bool isUnderstood(std::string_view name) const;
 
     std::filesystem::path file_;
-    Members members_;
-    Settings settings_;
-    std::vector<std::string> problems_;
-    std::vector<std::string> notUnderstood_;  // names of settings
-    bool isUnreadable_ = false;
+    Choices choices_;
+    std::optional<FileFacts> known_;  // the file as last read or written
+    std::optional<FileFacts> kept_;   // the one of which a copy was kept last
+    bool isDamaged_ = false;          // what `known_` is of can never be read
+    bool isUnsynced_ = false;         // the last change is in place, and a power cut may undo it
 };
 
 }  // namespace quillmere::app

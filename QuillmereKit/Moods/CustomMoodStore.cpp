@@ -173,7 +173,7 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
     const std::string text = encodeFile(next);
     if (text.size() > mostBytes) throw FileError("write", *place_, make_error_code(std::errc::file_too_large));
     try {
-        if (isDamaged) replacedFile::keepUnreadable(*place_, now_());
+        if (isDamaged) replacedFile::keep(*place_, "unreadable", now_());
     } catch (const FileError& error) {
         throw error.notInPlace();
     }

@@ -50,9 +50,9 @@ bool isForGood(const FileError& error) noexcept {
            error.code() == make_error_code(FileFault::fileReadTooLarge);
 }
 
-void keepUnreadable(const std::filesystem::path& file, Date now) {
+void keep(const std::filesystem::path& file, std::string_view reason, Date now) {
     try {
-        keepCopyAside(file, "unreadable", now);
+        keepCopyAside(file, reason, now);
     } catch (const FileError& error) {
         if (error.code() != std::errc::no_such_file_or_directory) throw;
     }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "QuillmereKit/Platform/Calendar.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -30,7 +31,7 @@ namespace quillmere::replacedFile {
 /// Any other may have passed when the file is next looked at.
 [[nodiscard]] bool isForGood(const FileError& error) noexcept;
 
-/// Keeps a copy of an unreadable file that is about to be replaced. Only its being gone is no failure.
-void keepUnreadable(const std::filesystem::path& file, Date now);
+/// Keeps a copy of a file that is about to be replaced, as `keepCopyAside` does. Only its being gone is no failure.
+void keep(const std::filesystem::path& file, std::string_view reason, Date now);
 
 }  // namespace quillmere::replacedFile

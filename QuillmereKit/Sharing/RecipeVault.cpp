@@ -220,7 +220,7 @@ std::optional<std::string> RecipeVault::write() {
         throw FileError("write", *place_, std::make_error_code(std::errc::file_too_large));
     }
     if (isUnreadable_) {
-        replacedFile::keepUnreadable(*place_, std::chrono::system_clock::now());
+        replacedFile::keep(*place_, "unreadable", std::chrono::system_clock::now());
         isUnreadable_ = false;
     }
     std::set<std::string, std::less<>> fingerprints;

@@ -63,6 +63,18 @@ class InUseTest(LibraryTest):
             ("vault", "import", recipe),
         ])
 
+    def test_settings_that_another_program_writes_are_read_and_not_changed(self):
+        self.run_host("settings", "pace", "gentle")
+        before = (self.home / "settings.json").read_text()
+        descriptor = holding(self.home, ".settings.lock")
+
+        done = self.run_host("settings", "mode", "scheduled", expect=IN_USE)
+        self.assertIn("a patient holder, process 4711", done.err)
+        self.assertEqual(self.run_host("settings", "pace").out, "gentle\n")
+
+        self.assertEqual((self.home / "settings.json").read_text(), before)
+        os.close(descriptor)
+
     def assert_left_alone(self, lock, words, says, expect=1):
         """A verb fails over what stands in the lock file's place, names the cause, and leaves everything as it is."""
         before = self.snapshot()

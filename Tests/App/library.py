@@ -41,10 +41,10 @@ def pcm_digest(path):
         return hashlib.sha256(audio.readframes(audio.getnframes())).hexdigest()
 
 
-def holding(folder):
+def holding(folder, lock=".lock"):
     """A descriptor that holds the folder's lock as another program would, and names its holder."""
     folder.mkdir(parents=True, exist_ok=True)
-    descriptor = os.open(folder / ".lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
+    descriptor = os.open(folder / lock, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o644)
     os.write(descriptor, b"a patient holder, process 4711\n")
     # struct flock on 64-bit Linux; the lock belongs to the open file.
     wanted = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "App/DigestBook.hpp"
+#include "App/SettingsFile.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Platform/Descriptor.hpp"
@@ -759,6 +761,174 @@ Operation onFile(std::string name, const std::string& old) {
             .begin = [](const path& home) { return std::make_unique<FileSession>(home); }};
 }
 
+// MARK: the host's settings
+
+class SettingsSession : public Session {
+public:
+    using Act = std::function<void(app::SettingsFile& settings)>;
+
+    SettingsSession(const path& home, Act act, bool isLater = false)
+        : file_(home / "Config/settings.json"), act_(std::move(act)) {
+        if (!isLater) open();
+    }
+    void act() override {
+        if (!settings_) open();
+        act_(*settings_);
+    }
+    [[nodiscard]] bool isOpen() const override { return settings_.has_value(); }
+    [[nodiscard]] Lines memory() const override {
+        // By name, as in the file. What was not chosen has its default.
+        const auto& held = settings_->settings();
+        const app::Settings none;
+        Lines lines;
+        const auto note = [&](const char* name, const auto& value, const auto& ofNone) {
+            if (value != ofNone) lines.push_back(json{{name, json::parse(lineOf(value))}}.dump());
+        };
+        note("horizon", held.horizon, none.horizon);
+        note("mode", held.mode, none.mode);
+        note("model", held.model, none.model);
+        note("pace", held.pace, none.pace);
+        return lines;
+    }
+    void change() override { settings_->set("horizon", Horizon::threeHours); }
+
+private:
+    void open() { settings_.emplace(file_); }
+
+    path file_;
+    Act act_;
+    std::optional<app::SettingsFile> settings_;
+};
+
+Operation onSettings(std::string name, SettingsSession::Act act, bool isLater = false) {
+    return {.name = std::move(name),
+            .shelf = Shelf::settings,
+            .prepare =
+                [](const path& home) {
+                    app::SettingsFile settings(home / "Config/settings.json");
+                    settings.set("mode", GenerationMode::scheduled);
+                    settings.set("model", GenerationModel::smallMusic);
+                },
+            .begin = [=](const path& home) { return std::make_unique<SettingsSession>(home, act, isLater); },
+            .isOpening = isLater};
+}
+
+Operation onOthersSettings(std::string name, SettingsSession::Act act) {
+    auto operation = onSettings(std::move(name), std::move(act));
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        app::SettingsFile others(home / "Config/settings.json");
+        others.set("pace", GenerationPace::gentle);
+        others.set("mode", GenerationMode::background);
+        return session;
+    };
+    operation.isOpening = true;
+    return operation;
+}
+
+Operation setFirstSetting() {
+    auto operation = onSettings("SetTheFirstSetting",
+                                [](app::SettingsFile& settings) { settings.set("pace", GenerationPace::gentle); });
+    operation.prepare = [](const path&) {};
+    return operation;
+}
+
+Operation setOverDamage() {
+    auto operation = onSettings("SetASettingOverADamagedFile",
+                                [](app::SettingsFile& settings) { settings.set("pace", GenerationPace::gentle); });
+    operation.prepare = [](const path& home) { put(home / "Config/settings.json", "{\"pace\": torn"); };
+    return operation;
+}
+
+// MARK: the host's digests
+
+const std::vector<std::string> digested = {"0000000000000001", "0000000000000002", "0000000000000003",
+                                           "0000000000000004", "0000000000000005"};
+const std::string& extraDigested = digested.back();
+
+std::string digestOf(const std::string& fingerprint) { return std::string(64, fingerprint.back()); }
+
+/// As the verbs do it: in a library that is held.
+class DigestSession : public Session {
+public:
+    using Act = std::function<void(app::DigestBook& book)>;
+
+    DigestSession(const path& home, Act act, bool isLater = false)
+        : store_(home / "Loops", ResourceBundle(home / "App"), discard), act_(std::move(act)) {
+        if (!isLater) open();
+    }
+    void act() override {
+        if (!book_) open();
+        act_(*book_);
+        save();
+    }
+    [[nodiscard]] bool isOpen() const override { return book_.has_value(); }
+    [[nodiscard]] Lines memory() const override {
+        Lines lines;
+        for (const auto& fingerprint : digested) {
+            const auto digest = book_->digest(fingerprint);
+            if (digest) lines.push_back(json{{fingerprint, *digest}}.dump());
+        }
+        return lines;
+    }
+    void change() override {
+        book_->set(extraDigested, digestOf(extraDigested));
+        save();
+    }
+
+private:
+    void open() { book_.emplace(store_.directory()); }
+    void save() {
+        book_->save([](const std::string&) { return true; });
+    }
+
+    LoopStore store_;
+    Act act_;
+    std::optional<app::DigestBook> book_;
+};
+
+Operation onDigests(std::string name, DigestSession::Act act, bool isLater = false) {
+    return {.name = std::move(name),
+            .shelf = Shelf::digests,
+            .prepare =
+                [](const path& home) {
+                    std::filesystem::create_directories(home / "Loops");
+                    app::DigestBook book(home / "Loops");
+                    for (const auto& each : {digested[0], digested[1]}) book.set(each, digestOf(each));
+                    book.save([](const std::string&) { return true; });
+                },
+            .begin = [=](const path& home) { return std::make_unique<DigestSession>(home, act, isLater); },
+            .isOpening = isLater};
+}
+
+void noteDigest(app::DigestBook& book) { book.set(digested[2], digestOf(digested[2])); }
+
+Operation noteOverOthersDigests() {
+    auto operation = onDigests("NoteADigestOverWhatAnotherProcessWrote", noteDigest);
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);
+        app::DigestBook others(home / "Loops");
+        others.set(digested[3], digestOf(digested[3]));
+        others.forget(digested[0]);
+        others.save([](const std::string&) { return true; });
+        return session;
+    };
+    operation.isOpening = true;
+    return operation;
+}
+
+Operation noteFirstDigest() {
+    auto operation = onDigests("NoteTheFirstDigest", noteDigest);
+    operation.prepare = [](const path& home) { std::filesystem::create_directories(home / "Loops"); };
+    return operation;
+}
+
+Operation noteOverDamage() {
+    auto operation = onDigests("NoteADigestOverADamagedFile", noteDigest);
+    operation.prepare = [](const path& home) { put(home / "Loops/digests.json", "{\"digests\": torn"); };
+    return operation;
+}
+
 }  // namespace
 
 const std::vector<Operation>& operations() {
@@ -819,6 +989,25 @@ const std::vector<Operation>& operations() {
         saveOverDamagedVault(),
         onFile("WriteANewFile", ""),
         onFile("ReplaceAFile", "[\"old\"]"),
+        onSettings("SetASetting", [](app::SettingsFile& settings) { settings.set("pace", GenerationPace::gentle); }),
+        onSettings("ChangeASetting",
+                   [](app::SettingsFile& settings) { settings.set("mode", GenerationMode::background); }),
+        onSettings("ResetASetting", [](app::SettingsFile& settings) { settings.reset("mode"); }),
+        onOthersSettings("SetASettingOverWhatAnotherProcessWrote",
+                         [](app::SettingsFile& settings) { settings.set("mode", GenerationMode::scheduled); }),
+        onOthersSettings("ResetASettingThatAnotherProcessWrote",
+                         [](app::SettingsFile& settings) { settings.reset("pace"); }),
+        onSettings(
+            "OpenTheSettingsAndSetOne",
+            [](app::SettingsFile& settings) { settings.set("pace", GenerationPace::gentle); }, true),
+        setFirstSetting(),
+        setOverDamage(),
+        onDigests("NoteADigest", noteDigest),
+        onDigests("ForgetADigest", [](app::DigestBook& book) { book.forget(digested[0]); }),
+        noteOverOthersDigests(),
+        onDigests("OpenTheDigestsAndNoteOne", noteDigest, true),
+        noteFirstDigest(),
+        noteOverDamage(),
     };
     return all;
 }
@@ -829,6 +1018,8 @@ std::string mainFile(Shelf shelf) {
         case Shelf::moods: return "Data/Moods.json";
         case Shelf::vault: return "Data/saved.json";
         case Shelf::file: return "list.json";
+        case Shelf::settings: return "Config/settings.json";
+        case Shelf::digests: return "Loops/digests.json";
     }
     return {};
 }
@@ -841,8 +1032,11 @@ Lines parsedLines(Shelf shelf, const std::string& content) {
     const json* list = &file;
     if (shelf == Shelf::moods) list = &file.at("moods");
     if (shelf == Shelf::vault) list = &file.at("recipes");
+    if (shelf == Shelf::digests) list = &file.at("digests");
     Lines lines;
-    for (const auto& entry : *list) lines.push_back(entry.dump());
+    for (const auto& [key, entry] : list->items()) {
+        lines.push_back(list->is_object() ? json{{key, entry}}.dump() : entry.dump());
+    }
     if (shelf == Shelf::loops) {
         // By fingerprint, as the store lists them: adding appends to the file.
         std::vector<std::pair<std::string, std::string>> sorted;
@@ -868,6 +1062,8 @@ std::unique_ptr<Session> reopen(Shelf shelf, const path& home) {
         case Shelf::moods: return std::make_unique<MoodSession>(home / "Data", MoodSession::Act{});
         case Shelf::vault: return std::make_unique<VaultSession>(home / "Data", VaultSession::Act{});
         case Shelf::file: return std::make_unique<FileSession>(home);
+        case Shelf::settings: return std::make_unique<SettingsSession>(home, SettingsSession::Act{});
+        case Shelf::digests: return std::make_unique<DigestSession>(home, DigestSession::Act{});
     }
     return nullptr;
 }
@@ -878,6 +1074,8 @@ std::string extraLine(Shelf shelf, const path& home) {
         case Shelf::moods: return lineOf(mood("my-extra", "Extra"));
         case Shelf::vault: return lineOf(builtInRecipe(99));
         case Shelf::file: return "\"extra\"";
+        case Shelf::settings: return R"({"horizon":"threeHours"})";
+        case Shelf::digests: return json{{extraDigested, digestOf(extraDigested)}}.dump();
     }
     return {};
 }

@@ -35,7 +35,7 @@ public:
 };
 
 /// Which of the stores an operation belongs to.
-enum class Shelf { loops, moods, vault, file };
+enum class Shelf { loops, moods, vault, file, settings, digests };
 
 /// One thing that a store can be asked to do, and what it may touch. Paths are those in the home folder.
 struct Operation {
