@@ -22,7 +22,8 @@ void printJSON(JSONWriter& writer);
 /// whole. Whatever fails before, nothing is left and nothing was replaced.
 class OutputFile {
 public:
-    /// Throws `Error` if something stands at `file`, unless that is a regular file and `mayReplace`.
+    /// Throws `Error` if something stands at `file`, unless that is a regular file and `mayReplace`, and if that cannot
+    /// be told.
     OutputFile(const std::filesystem::path& file, bool mayReplace);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -32,10 +33,12 @@ public:
     [[nodiscard]] const std::filesystem::path& temporary() const noexcept { return temporary_; }
 
     /// Gives the file its name; the folder is synced. What came to stand there meanwhile is replaced only where it may
-    /// be. Throws `FileError`.
+    /// be, and only a regular file, whose permissions the new one takes. Throws `FileError`.
     void moveIntoPlace();
 
 private:
+    void takePermissions() const;
+
     std::filesystem::path file_;
     std::filesystem::path temporary_;
     bool mayReplace_;

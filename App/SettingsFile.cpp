@@ -137,7 +137,7 @@ void SettingsFile::reset(std::string_view name) {
 std::shared_ptr<FolderLock> SettingsFile::beginChange() {
     const auto folder = file_.parent_path();
     createFolders(folder);
-    auto lock = FolderLock::acquire(folder / ".settings.lock");
+    auto lock = replacedFile::lockFor(file_);
     removeOldTemporaries(folder);
     catchUp();
     return lock;

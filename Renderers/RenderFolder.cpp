@@ -168,9 +168,9 @@ bool RenderFolder::moveOut(const std::string& name, const Descriptor& file, cons
     const auto from = path_ / name;
     systemCalls::sync(file.number(), from);
     struct stat present {};
-    if (systemCalls::statusAt(folder_.number(), name.c_str(), present) || !isSameFile(present, statusOf(file, from))) {
-        refuse("was replaced while it was being checked");
-    }
+    const auto unseen = systemCalls::statusAt(folder_.number(), name.c_str(), present);
+    if (unseen && unseen != std::errc::no_such_file_or_directory) throw FileError("look at", from, unseen);
+    if (unseen || !isSameFile(present, statusOf(file, from))) refuse("was replaced while it was being checked");
     const auto error =
         systemCalls::renameWithoutReplacing(folder_.number(), name.c_str(), store_.number(), newName.c_str());
     if (error == std::errc::file_exists) return false;

@@ -989,7 +989,6 @@ const std::vector<Operation>& operations() {
         saveOverDamagedVault(),
         onFile("WriteANewFile", ""),
         onFile("ReplaceAFile", "[\"old\"]"),
-        onSettings("SetASetting", [](app::SettingsFile& settings) { settings.set("pace", GenerationPace::gentle); }),
         onSettings("ChangeASetting",
                    [](app::SettingsFile& settings) { settings.set("mode", GenerationMode::background); }),
         onSettings("ResetASetting", [](app::SettingsFile& settings) { settings.reset("mode"); }),

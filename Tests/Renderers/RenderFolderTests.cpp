@@ -1,4 +1,4 @@
-// Runs that begin while another process cleans up after those that died.
+// Runs that begin while another process cleans up after those that died, and what is left when calls fail.
 
 #include "Renderers/RenderFolder.hpp"
 
@@ -7,12 +7,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "QuillmereKit/Platform/Descriptor.hpp"
+#include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
@@ -136,6 +142,205 @@ TEST(RenderFolderTests, LeftoverThatCannotBeRemovedDoesNotKeepTheOthers) {
 
         EXPECT_LE(store.names().size(), struck.empty() ? 0U : 1U) << call;
         if (struck.empty() || HasFailure()) break;
+    }
+}
+
+struct Fault {
+    int error;
+    bool persists;
+};
+
+const std::vector<Fault>& faults() {
+    static const std::vector<Fault> all = {{EIO, false}, {ENOSPC, false}, {EIO, true}};
+    return all;
+}
+
+/// A store's folder with what is not this process's to touch: a run that lives, one that is about to begin, and a
+/// person's files.
+class SharedStore {
+public:
+    SharedStore() : begins_(put(".Render-")), lives_(put("Render-")) {
+        folder_.putFile(".Render-holiday/song.wav", "a person's, whatever the folder is called");
+        folder_.putFile("song.wav", "a person's");
+        names_ = folder_.names();
+    }
+
+    [[nodiscard]] const path& place() const noexcept { return folder_.path(); }
+    [[nodiscard]] const TemporaryFolder& folder() const noexcept { return folder_; }
+
+    /// What is there besides.
+    [[nodiscard]] std::vector<std::string> others() const {
+        std::vector<std::string> others;
+        std::ranges::set_difference(folder_.names(), names_, std::back_inserter(others));
+        return others;
+    }
+
+    void checkIsWhole() const {
+        EXPECT_EQ(folder_.content(begins_.name + "/audio.wav"), "half a piece");
+        EXPECT_EQ(folder_.content(lives_.name + "/audio.wav"), "half a piece");
+        EXPECT_TRUE(FolderLock::isHeld(place() / begins_.name / ".lock"));
+        EXPECT_TRUE(FolderLock::isHeld(place() / lives_.name / ".lock"));
+        EXPECT_EQ(folder_.content(".Render-holiday/song.wav"), "a person's, whatever the folder is called");
+        EXPECT_EQ(folder_.content("song.wav"), "a person's");
+    }
+
+    /// What a failure left is known as a dead run's: the next run removes it, or the library, by a free lock or
+    /// because it is empty.
+    void checkIsCleanedByTheNextRun() const {
+        RenderFolder::removeLeftovers(place());
+        for (const auto& name : others()) {
+            SCOPED_TRACE(name);
+            EXPECT_TRUE(name.starts_with("Render-"));
+            EXPECT_FALSE(FolderLock::isHeld(place() / name / ".lock"));
+            EXPECT_TRUE(std::filesystem::exists(place() / name / ".lock") || std::filesystem::is_empty(place() / name));
+        }
+    }
+
+private:
+    struct Run {
+        std::string name;
+        Descriptor lock;
+    };
+
+    [[nodiscard]] Run put(const std::string& prefix) const {
+        const auto name = prefix + UUID::random().text();
+        folder_.putFile(name + "/audio.wav", "half a piece");
+        return {name, lockAsAnother(folder_.path() / name / ".lock")};
+    }
+
+    TemporaryFolder folder_;
+    const Run begins_;
+    const Run lives_;
+    std::vector<std::string> names_;
+};
+
+TEST(RenderFolderTests, WhicheverCallFailsAFolderIsMadeOrItThrowsAndLeavesNothingThatIsNotCleaned) {
+    SystemCallFaults::syncNothing();
+    for (const auto& fault : faults()) {
+        int failures = 0;
+        for (int call = 1;; ++call) {
+            const SharedStore store;
+            std::string struck;
+            bool isRemovalStruck = false;
+            std::optional<RenderFolder> folder;
+            {
+                const SystemCallFaults calls({.failing = call, .error = fault.error, .persists = fault.persists});
+                try {
+                    folder.emplace(store.place());
+                } catch (const FileError&) {
+                    ++failures;
+                }
+                struck = calls.struck();
+                isRemovalStruck = calls.struckARemoval();
+            }
+            SCOPED_TRACE("call " + std::to_string(call) + ", " + struck + (fault.persists ? " and all after it" : ""));
+
+            store.checkIsWhole();
+            if (folder) {
+                EXPECT_EQ(store.others(), std::vector{folder->path().filename().native()});
+                EXPECT_TRUE(FolderLock::isHeld(folder->path() / ".lock"));
+                folder.reset();
+                EXPECT_EQ(store.others(), std::vector<std::string>());
+            } else {
+                EXPECT_FALSE(struck.empty());
+                EXPECT_TRUE(store.others().empty() || isRemovalStruck);
+            }
+            store.checkIsCleanedByTheNextRun();
+            EXPECT_EQ(store.others(), std::vector<std::string>());
+            if (struck.empty() || HasFailure()) break;
+        }
+        EXPECT_GT(failures, 3);
+    }
+}
+
+TEST(RenderFolderTests, WhicheverCallFailsAFolderThatEndsIsRemovedOrKnownAsADeadRuns) {
+    SystemCallFaults::syncNothing();
+    for (const auto& fault : faults()) {
+        int left = 0;
+        for (int call = 1;; ++call) {
+            const SharedStore store;
+            std::string struck;
+            {
+                std::optional<RenderFolder> folder(std::in_place, store.place());
+                store.folder().putFile(folder->path().filename().native() + "/audio.wav", "a piece");
+                store.folder().putFile(folder->path().filename().native() + "/inner/notes", "an engine's own");
+                const SystemCallFaults calls({.failing = call, .error = fault.error, .persists = fault.persists});
+                folder.reset();
+                struck = calls.struck();
+            }
+            SCOPED_TRACE("call " + std::to_string(call) + ", " + struck + (fault.persists ? " and all after it" : ""));
+
+            store.checkIsWhole();
+            if (!store.others().empty()) ++left;
+            EXPECT_TRUE(store.others().empty() || !struck.empty());
+            store.checkIsCleanedByTheNextRun();
+            if (struck.empty() || HasFailure()) break;
+        }
+        EXPECT_GT(left, 3);
+    }
+}
+
+TEST(RenderFolderTests, WhicheverCallFailsAPieceIsDeliveredOrNotInTheStoresFolder) {
+    SystemCallFaults::syncNothing();
+    for (const auto& fault : faults()) {
+        int failures = 0;
+        for (int call = 1;; ++call) {
+            const SharedStore store;
+            const RenderFolder folder(store.place());
+            const auto work = folder.path().filename().native();
+            store.folder().putFile(work + "/audio.wav", "a piece");
+            const auto file = folder.open("audio.wav");
+            std::string struck;
+            bool isRemovalStruck = false;
+            bool isDelivered = false;
+            {
+                const SystemCallFaults calls({.failing = call, .error = fault.error, .persists = fault.persists});
+                try {
+                    isDelivered = folder.moveOut("audio.wav", file, "piece.wav");
+                    EXPECT_TRUE(isDelivered);
+                } catch (const FileError& error) {
+                    EXPECT_EQ(error.code().value(), fault.error);
+                    ++failures;
+                }
+                struck = calls.struck();
+                isRemovalStruck = calls.struckARemoval();
+            }
+            SCOPED_TRACE("call " + std::to_string(call) + ", " + struck + (fault.persists ? " and all after it" : ""));
+
+            store.checkIsWhole();
+            const bool isThere = std::filesystem::exists(store.place() / "piece.wav");
+            EXPECT_TRUE(isThere == isDelivered || isRemovalStruck);
+            EXPECT_TRUE(!isThere || store.folder().content("piece.wav") == "a piece");
+            EXPECT_TRUE(isDelivered || !struck.empty());
+            if (struck.empty() || HasFailure()) break;
+        }
+        EXPECT_GT(failures, 1);
+    }
+}
+
+TEST(RenderFolderTests, WhicheverCallFailsNobodyElsesFilesAreCleanedUpAndTheNextRunRemovesTheRest) {
+    SystemCallFaults::syncNothing();
+    for (const auto& fault : faults()) {
+        int left = 0;
+        for (int call = 1;; ++call) {
+            const SharedStore store;
+            store.folder().putFile(".Render-" + UUID::random().text() + "/audio.wav", "half a piece");
+            std::string struck;
+            {
+                const SystemCallFaults calls({.failing = call, .error = fault.error, .persists = fault.persists});
+                RenderFolder::removeLeftovers(store.place());
+                struck = calls.struck();
+            }
+            SCOPED_TRACE("call " + std::to_string(call) + ", " + struck + (fault.persists ? " and all after it" : ""));
+
+            store.checkIsWhole();
+            if (!store.others().empty()) ++left;
+            EXPECT_TRUE(store.others().empty() || !struck.empty());
+            RenderFolder::removeLeftovers(store.place());
+            EXPECT_EQ(store.others(), std::vector<std::string>());
+            if (struck.empty() || HasFailure()) break;
+        }
+        EXPECT_GT(left, 3);
     }
 }
 

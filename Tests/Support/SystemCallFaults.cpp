@@ -319,6 +319,16 @@ int mkdir(const char* path, mode_t mode) noexcept {
     return result;
 }
 
+int mkdirat(int folder, const char* path, mode_t mode) noexcept {
+    static auto* const next = faults::real<int(int, const char*, mode_t)>("mkdirat");
+    const faults::Fate fate("mkdirat");
+    const int result = fate.fails ? -1 : next(folder, path, mode);
+    if (result == 0 && faults::isRecording()) {
+        faults::record({.kind = faults::Kind::makeFolder, .path = faults::wholePath(folder, path)});
+    }
+    return result;
+}
+
 static void recordRename(int fromFolder, const char* from, int toFolder, const char* to) {
     if (!faults::isRecording()) return;
     faults::record({.kind = faults::Kind::rename,

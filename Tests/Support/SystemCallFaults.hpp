@@ -28,9 +28,9 @@ struct RecordedCall {
 ///
 /// A program has it by compiling SystemCallFaults.cpp into itself, whose functions then stand before the C library's:
 /// open, openat, read, pread, write, pwrite, fsync, close, stat, lstat, fstat, fstatat, fchmod, ftruncate, fdopendir,
-/// readdir, mkdir, rename, renameat, renameat2, link, linkat, unlink, unlinkat, rmdir, readlink, realpath (one call,
-/// though it makes many), and fcntl where it locks: as called by the library's own code, the C++ library and other
-/// shared ones (the C library's inner calls go their own way).
+/// readdir, mkdir, mkdirat, rename, renameat, renameat2, link, linkat, unlink, unlinkat, rmdir, readlink, realpath (one
+/// call, though it makes many), and fcntl where it locks: as called by the library's own code, the C++ library and
+/// other shared ones (the C library's inner calls go their own way).
 class SystemCallFaults {
 public:
     struct Plan {
