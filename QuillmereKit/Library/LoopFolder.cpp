@@ -115,7 +115,8 @@ void ignoringFailure(const Action& action) {
 LoopFolder::LoopFolder(std::filesystem::path path, bool isWritten)
     : files_(std::move(path)),
       manifestFile_(files_.path() / "manifest.json"),
-      urlPrefix_(FileURL::fromPath(files_.path()).text() + "/") {
+      urlPrefix_(FileURL::fromPath(files_.path()).text() + "/"),
+      doubt_(SyncDoubt::of(files_.path())) {
     if (!isWritten) return;
     ignoringFailure([&] { createFolders(this->path()); });
     lock_ = FolderLock::tryAcquire(lockFile());
@@ -190,19 +191,32 @@ std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table, const FileSizes& s
     return bytes;
 }
 
+// Does what syncs; that a sync failed is known from then on.
+template <class Action>
+void LoopFolder::remembering(SyncDoubt::Reach reach, const Action& action) const {
+    try {
+        action();
+    } catch (const FileError& error) {
+        doubt_->remember(std::move(reach), error);
+        throw;
+    }
+}
+
 void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
     std::set<std::filesystem::path> folders;
     for (const auto& file : files) folders.insert(file.parent_path());
     for (const auto& file : files) {
         if (!isBookkeeping(file)) ignoringFailure([&] { files_.removeUnsynced(file); });
     }
-    for (const auto& folder : folders) ignoringFailure([&] { syncFolder(folder); });
+    for (const auto& folder : folders) {
+        ignoringFailure([&] { remembering(SyncDoubt::reachOfFolder(restOf(folder)), [&] { syncFolder(folder); }); });
+    }
 }
 
 bool LoopFolder::bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const {
     if (presenceOf(target) == Presence::regular) return true;
     if (!lock_ || !isNothingAt(target)) return false;
-    copyFile(source, target);
+    remembering(SyncDoubt::reachOfFile(restOf(target)), [&] { copyFile(source, target); });
     return true;
 }
 
@@ -224,50 +238,33 @@ bool LoopFolder::isNothingAt(const std::filesystem::path& place) noexcept {
     return std::filesystem::symlink_status(place, error).type() == std::filesystem::file_type::not_found;
 }
 
-// Made before it is needed: memory may have run out by then.
-LoopFolder::Doubt LoopFolder::doubtOf(const std::filesystem::path& file) const {
-    Doubt doubt{{file}, {path()}};
-    for (auto folder = file.parent_path(); files_.names(folder); folder = folder.parent_path()) {
-        doubt.folders.insert(folder);
-    }
-    return doubt;
-}
-
-bool LoopFolder::isDoubtful(const std::filesystem::path& file) const {
-    const std::lock_guard lock(doubtMutex_);
-    return doubtful_.files.contains(file) || doubtful_.folders.contains(file.parent_path());
-}
-
-void LoopFolder::remember(Doubt doubt, const FileError& failure) noexcept {
-    const std::lock_guard lock(doubtMutex_);
-    doubtful_.files.merge(doubt.files);
-    if (failure.step() == "sync folder") doubtful_.folders.merge(doubt.folders);
-}
-
 void LoopFolder::sync(const FileURL& url) {
     const auto file = fileOf(url);
     if (!file || !files_.names(*file)) return;
     const auto place = standardPath(*file);
-    auto doubt = doubtOf(place);
+    const auto rest = restOf(place);
     const auto syncFolders = [&] {
         for (auto folder = place.parent_path(); folder != path(); folder = folder.parent_path()) syncFolder(folder);
         syncFolder(path());
     };
     try {
-        if (!isDoubtful(place)) {
+        if (!doubt_->isOf(rest)) {
             try {
-                systemCalls::sync(files_.open(place).number(), place);
-                syncFolders();
+                remembering(SyncDoubt::reachOfFile(rest), [&] {
+                    systemCalls::sync(files_.open(place).number(), place);
+                    syncFolders();
+                });
                 return;
             } catch (const FileError& error) {
                 if (error.step() != "fsync" && error.step() != "sync folder") throw;
-                remember(std::move(doubt), error);
             }
         }
-        files_.rewrite(place);
-        syncFolders();
-        const std::lock_guard lock(doubtMutex_);
-        doubtful_.files.erase(place);
+        std::set<std::filesystem::path> renewed{rest};  // made before it is needed: memory may have run out by then
+        remembering(SyncDoubt::reachOfFile(rest), [&] {
+            files_.rewrite(place);
+            syncFolders();
+        });
+        doubt_->forget(std::move(renewed));
     } catch (const FileError& error) {
         // Not its own. But a file that only could not be looked at must not pass for one that is safe.
         const bool isNotOwn = error.code() == std::errc::operation_not_permitted ||
@@ -279,13 +276,7 @@ void LoopFolder::sync(const FileURL& url) {
 }
 
 void LoopFolder::move(const std::filesystem::path& from, const std::filesystem::path& to) {
-    auto doubt = doubtOf(to);
-    try {
-        files_.move(from, to);
-    } catch (const FileError& error) {
-        if (error.isInPlace()) remember(std::move(doubt), error);
-        throw;
-    }
+    remembering(SyncDoubt::reachOfFile(restOf(to)), [&] { files_.move(from, to); });
 }
 
 // Of a file directly in the folder: the lock, the manifest, the digests and the copies of them. An entry that names one
@@ -392,7 +383,9 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
     });
     std::erase_if(files, [&](const auto& file) { return used.contains(file.native()); });
     std::erase_if(folders, [&](const auto& folder) { return used.contains(folder.native()); });
-    for (const auto& file : files) ignoringFailure([&] { files_.remove(file); });
+    for (const auto& file : files) {
+        ignoringFailure([&] { remembering(SyncDoubt::reachOfFolder({}), [&] { files_.remove(file); }); });
+    }
     for (const auto& folder : folders) ignoringFailure([&] { files_.removeFolder(folder); });
     for (const auto& folder : empty) ignoringFailure([&] { files_.removeEmptyFolder(folder); });
 }
@@ -414,10 +407,11 @@ void LoopFolder::save(std::string_view manifest, Scope scope) {
     // A manifest that somebody else put there since is not ours to lose.
     const bool losesEntries = scope == Scope::inside && listsOutside_;
     if ((isManifestForeign() || losesEntries) && !reasonToKeep_) reasonToKeep_ = before;
+    const auto ofNames = SyncDoubt::reachOfFolder({});
     if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
         try {
-            keepCopyAside(manifestFile_, *reasonToKeep_,
-                          std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+            const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
+            remembering(ofNames, [&] { keepCopyAside(manifestFile_, *reasonToKeep_, now); });
         } catch (const FileError& error) {
             throw error.notInPlace();  // the copy may be, the manifest is not
         }
@@ -429,14 +423,12 @@ void LoopFolder::save(std::string_view manifest, Scope scope) {
         isUnread_ = false;  // what could not be read was replaced
     };
     try {
-        writeDurably(manifestFile_, manifest);
+        remembering(ofNames, [&] { writeDurably(manifestFile_, manifest); });
     } catch (const FileError& error) {
         if (error.isInPlace()) noteAsOurs();
         throw;
     }
     noteAsOurs();
-    const std::lock_guard lock(doubtMutex_);
-    doubtful_.folders.clear();  // what the manifest lists by now was written anew
 }
 
 }  // namespace quillmere

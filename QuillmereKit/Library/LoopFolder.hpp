@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "QuillmereKit/Library/LoopTable.hpp"
+#include "QuillmereKit/Library/SyncDoubt.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSizes.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -23,8 +23,8 @@ namespace quillmere {
 
 /// A loop store's folder on disk: who may write in it, which files are its own, and its manifest.
 ///
-/// Not thread-safe: the store's lock guards it, but for `sync` and what only asks about a file, which never changes.
-/// Blocks on disk.
+/// Not thread-safe: the store's lock guards it. Only `sync`, and what asks where a file lies or what it is, may be
+/// called without: that looks at nothing that changes. Blocks on disk.
 class LoopFolder {
 public:
     /// The file that a process holds locked as long as it has the store open.
@@ -73,10 +73,11 @@ public:
     [[nodiscard]] std::uint64_t sizeOfFiles(const LoopTable& table, const FileSizes& sizes) const;
 
     /// Deletes each of the files that the folder owns at that moment. What cannot be deleted stays, without a report.
+    /// That a sync failed is remembered for `sync`.
     void remove(std::span<const std::filesystem::path> files) const;
 
     /// Copies a file durably to `target`, directly in the folder, unless a regular file stands there. Whether one does
-    /// now. Throws `FileError`.
+    /// now. Throws `FileError`; that a sync failed is remembered for `sync`.
     bool bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const;
 
     /// Whether `place` is a working folder directly in this one that holds nothing, or nothing but a lock file that
@@ -87,8 +88,8 @@ public:
     [[nodiscard]] static bool isNothingAt(const std::filesystem::path& place) noexcept;
 
     /// Flushes a piece's file and its name to the disk if the folder owns it. A file of which that failed, now or
-    /// before, is written anew, because syncing it again would prove nothing. Throws `FileError`; that it failed is
-    /// remembered. Thread-safe.
+    /// before in this process, is written anew, because syncing it again would prove nothing. Throws `FileError`; that
+    /// it failed is remembered. Thread-safe.
     void sync(const FileURL& url);
 
     /// Gives the folder's own file `from` the free name `to` in the folder, durably. Throws what `OwnFolder::move`
@@ -139,19 +140,16 @@ private:
     [[nodiscard]] static bool isBookkeepingName(std::string_view name) noexcept;
     [[nodiscard]] bool isBookkeeping(const std::filesystem::path& file) const noexcept;
     [[nodiscard]] std::optional<JSONDocument> readManifest();
-    // What a later sync does not make safe: files of which a sync failed, and all those in folders of which one failed
-    // since the last save, for their names may be lost.
-    struct Doubt {
-        std::set<std::filesystem::path> files;
-        std::set<std::filesystem::path> folders;
-    };
-    [[nodiscard]] Doubt doubtOf(const std::filesystem::path& file) const;
-    [[nodiscard]] bool isDoubtful(const std::filesystem::path& file) const;
-    void remember(Doubt doubt, const FileError& failure) noexcept;
+    [[nodiscard]] std::filesystem::path restOf(const std::filesystem::path& place) const {
+        return place.lexically_relative(path());
+    }
+    template <class Action>
+    void remembering(SyncDoubt::Reach reach, const Action& action) const;
 
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;
     const std::string urlPrefix_;  // the text of the folder's URL and "/"
+    const std::shared_ptr<SyncDoubt> doubt_;
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
@@ -159,8 +157,6 @@ private:
     bool isUnread_ = false;
     std::optional<FileError> refusal_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
-    mutable std::mutex doubtMutex_;
-    Doubt doubtful_;  // guarded by doubtMutex_
 };
 
 }  // namespace quillmere

@@ -44,6 +44,89 @@ TEST_P(FailedSyncs, AreNotMadeGoodByTheNext) {
     }
 }
 
+// A file that lay there when the sync of its folder failed may have lost its name, though nobody had asked for it yet.
+TEST_P(FailedSyncs, AreNotMadeGoodForWhatIsAddedLater) {
+    SystemCallFaults::syncNothing();
+    const Stage stage(GetParam());
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("sync " + std::to_string(failing));
+        auto session = stage.begin();
+        std::vector<RecordedCall> calls;
+        {
+            const SystemCallFaults undisturbed({.record = &calls});
+            session->prepareChange();
+        }
+        std::string struck;
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync", .record = &calls});
+            static_cast<void>(stage.act(*session));
+            struck = faults.struck();
+        }
+        {
+            const SystemCallFaults undisturbed({.record = &calls});
+            if (!session->isOpen()) static_cast<void>(stage.act(*session));
+            session->change();
+        }
+        stage.checkListedIsSafe(calls);
+        if (HasFailure() || struck.empty()) return;
+    }
+}
+
+// The first sync of all fails, and when the file is written anew for that, another one does.
+TEST_P(FailedSyncs, AreNotMadeGoodWhereWritingAnewFailedToo) {
+    SystemCallFaults::syncNothing();
+    const Stage stage(GetParam());
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("sync " + std::to_string(failing) + " of the second attempt");
+        auto session = stage.begin();
+        std::vector<RecordedCall> calls;
+        {
+            const SystemCallFaults faults(
+                {.failing = 1, .error = EIO, .call = "fsync", .persists = true, .record = &calls});
+            static_cast<void>(stage.act(*session));
+        }
+        std::string struck;
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync", .record = &calls});
+            static_cast<void>(stage.act(*session));
+            struck = faults.struck();
+        }
+        {
+            const SystemCallFaults undisturbed({.record = &calls});
+            static_cast<void>(stage.act(*session));
+            session->change();
+        }
+        stage.checkListedIsSafe(calls);
+        if (HasFailure() || struck.empty()) return;
+    }
+}
+
+// What is known of the disk does not go with the last store that is open on the folder.
+TEST_P(FailedSyncs, AreNotMadeGoodByOpeningTheFolderAnew) {
+    SystemCallFaults::syncNothing();
+    const Stage stage(GetParam());
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE("sync " + std::to_string(failing));
+        auto session = stage.begin();
+        std::vector<RecordedCall> calls;
+        std::string struck;
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync", .record = &calls});
+            static_cast<void>(stage.act(*session));
+            struck = faults.struck();
+        }
+        {
+            const SystemCallFaults undisturbed({.record = &calls});
+            session.reset();
+            session = stage.operation().begin(stage.home());
+            static_cast<void>(stage.act(*session));
+            session->change();
+        }
+        stage.checkListedIsSafe(calls);
+        if (HasFailure() || struck.empty()) return;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Every, FailedSyncs, testing::ValuesIn(operations()),
                          [](const auto& instance) { return instance.param.name; });
 

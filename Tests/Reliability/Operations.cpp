@@ -147,9 +147,12 @@ public:
     [[nodiscard]] std::optional<std::string> told() const override { return store_->lastSaveError(); }
     [[nodiscard]] bool isOpen() const override { return store_ != nullptr; }
     [[nodiscard]] Lines memory() const override { return linesOf(store_->all()); }
-    void change() override {
+    void prepareChange() override {
         createFolders(home_ / "Loops");
         if (!std::filesystem::exists(fileOf(home_, extra))) writeUnsynced(fileOf(home_, extra), audio(extra));
+    }
+    void change() override {
+        prepareChange();
         store_->addPersistent(piece(home_, extra));
         require(!store_->lastSaveError(), "what went wrong before is told still");
     }

@@ -32,6 +32,8 @@ public:
     [[nodiscard]] virtual Lines memory() const = 0;
     /// Adds one more entry, which has to be on disk when this returns; throws if it is not.
     virtual void change() = 0;
+    /// Puts what that entry needs where it belongs, as a program does that leaves syncing to the store.
+    virtual void prepareChange() {}
 };
 
 /// Which of the stores an operation belongs to.
