@@ -65,6 +65,24 @@ bool isPartOfFileName(std::string_view moodID) {
            moodID.find('\0') == std::string_view::npos;
 }
 
+// Whether a standard path lies below a folder's, by text alone; no folder has an empty path.
+bool isBelow(const std::filesystem::path& folder, const std::filesystem::path& place) {
+    return !folder.empty() && place.native().starts_with(folder.native() + "/");
+}
+
+// Whether a link lies on a path, as far as that can be looked at.
+bool goesThroughALink(const std::filesystem::path& file) {
+    std::filesystem::path place;
+    for (const auto& component : file) {
+        place /= component;
+        std::error_code error;
+        const auto type = std::filesystem::symlink_status(place, error).type();
+        if (type == std::filesystem::file_type::symlink) return true;
+        if (error) return false;
+    }
+    return false;
+}
+
 }  // namespace
 
 template <>
@@ -82,11 +100,10 @@ LoopStore::BundledSeed decode<LoopStore::BundledSeed>(const JSONValue& value) {
 
 // MARK: the state that stores share
 
-UsedFiles::UsedFiles(const LoopFolder& folder)
-    : folder_(folder), realFolder_([&] {
-          std::error_code ignored;
-          return std::filesystem::canonical(folder.path(), ignored);
-      }()) {}
+UsedFiles::UsedFiles(const LoopFolder& folder) : folder_(folder) {
+    realFolder_ = std::filesystem::canonical(folder.path(), folderError_);
+    if (LoopFolder::meansNoFile(folderError_)) folderError_.clear();
+}
 
 void UsedFiles::add(const StoredLoop& loop) {
     if (loop.isPlain) {
@@ -95,21 +112,23 @@ void UsedFiles::add(const StoredLoop& loop) {
     }
     const auto file = LoopFolder::fileOf(loop.url);
     if (!file) return;
-    paths_.insert(standardPath(*file).native());
+    const auto place = standardPath(*file);
+    paths_.insert(place.native());
+    if (folderError_ && !doubt_) doubt_.emplace("look at", folder_.path(), folderError_);
     std::error_code error;
     const auto real = std::filesystem::canonical(*file, error);
     if (!error) {
         paths_.insert(real.native());
-    } else {
-        isUnsure_ = isUnsure_ || !LoopFolder::meansNoFile(error);
+    } else if (!doubt_ && !LoopFolder::meansNoFile(error)) {
+        if (isBelow(realFolder_, place) || folder_.names(place) || goesThroughALink(*file)) {
+            doubt_.emplace("look at", *file, error);
+        }
     }
 }
 
 bool UsedFiles::contains(const std::filesystem::path& file) const {
-    if (isUnsure_) return true;
     if (file.parent_path() == folder_.path() && names_.contains(file.filename().native())) return true;
     if (paths_.contains(file.native())) return true;
-    if (realFolder_.empty()) return !paths_.empty();
     return paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
 }
 
@@ -219,6 +238,13 @@ void LoopStore::State::saveIgnoringFailure() noexcept {
     } catch (const std::exception&) {
         // Noted by `save`.
     }
+}
+
+bool LoopStore::State::isSureOf(const UsedFiles& used) {
+    if (!used.doubt()) return true;
+    saveFailure = std::make_exception_ptr(
+        Error(std::string("Nothing is removed, because a piece may use it. ") + used.doubt()->what()));
+    return false;
 }
 
 bool LoopStore::State::tryDiscard(const Discard& discard, const FileURL& url) noexcept {
@@ -412,7 +438,7 @@ bool LoopStore::discardUnstored(const FileURL& url) {
     const auto place = standardPath(*file);
     UsedFiles used(folder);
     state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
-    if (used.contains(place)) return false;
+    if (used.contains(place) || !state_->isSureOf(used)) return false;
 
     bool isRemoved = false;
     if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place, url);

@@ -128,7 +128,7 @@ public:
     /// removes the working folder "Render-…" directly in the store's folder that it leaves empty, but for a lock file
     /// that nobody holds. Returns whether anything was removed. False, with nothing touched, for files outside the
     /// folder or behind a link, for what is no regular file, for files that a piece uses, however its URL is spelled,
-    /// and for the store's own records.
+    /// or may use (see `prune`), and for the store's own records.
     bool discardUnstored(const FileURL& url);
 
     /// The fingerprints of all seeds that ship with the application, imported or not.
@@ -169,12 +169,13 @@ public:
     /// Deletes the store's own pieces whose fingerprints are not in `keeping`, files and entries, but never a
     /// recording. Returns how many went. A file that cannot be deleted, or that a remaining piece uses too, stays, and
     /// the entry goes all the same. A failed save is kept as `lastSaveError`. In a library that another process holds
-    /// nothing is deleted.
+    /// nothing is deleted; nor where the system does not say which file a remaining piece uses, and it may be any: that
+    /// is told by `lastSaveError`, and the pieces stay.
     std::int64_t prune(const std::set<std::string>& keeping);
 
     /// Moves the files of the store's own pieces for which `predicate` holds away through `discard`, drops the pieces
     /// for which that worked, and returns these. A file that another remaining piece uses is not moved. A failed save
-    /// is kept as `lastSaveError`. In a library that another process holds nothing is moved.
+    /// is kept as `lastSaveError`. Where `prune` deletes nothing, nothing is moved.
     std::vector<LoopArtifact> trash(const std::function<bool(const LoopArtifact&)>& predicate);
 
     /// The bytes of the store's own audio files; a file whose size cannot be read counts 0. Asks for the size of every
@@ -217,8 +218,8 @@ public:
     /// lossless file names its WAV file, on disk too, before that one goes.
     bool migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop = {});
 
-    /// Why the last save failed, which pieces it had to leave out, or why a seed could not be brought in, until a save
-    /// succeeds with all. A sentence for the user.
+    /// Why the last save failed, which pieces it had to leave out, why a seed could not be brought in, or which piece
+    /// could not be looked at, so that files had to stay, until a save succeeds with all. A sentence for the user.
     [[nodiscard]] std::optional<std::string> lastSaveError() const;
 
 private:

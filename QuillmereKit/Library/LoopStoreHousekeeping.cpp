@@ -41,6 +41,8 @@ std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
         }
     }
     if (victims.empty()) return 0;
+    // Files that stay for want of an answer keep their entries: they are to go together once there is one.
+    if (!state_->isSureOf(used)) return 0;
 
     // An entry goes even where its file cannot be deleted: what the caller does not want is not offered again.
     std::erase_if(files, [&](const auto& file) { return used.contains(file); });
@@ -75,6 +77,7 @@ std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopAr
             used.add(*loop);
         }
     }
+    if (candidates.empty() || !state_->isSureOf(used)) return {};
     for (auto& candidate : candidates) candidate.isUsed = used.contains(candidate.file);
     std::vector<LoopKey> keys;
     std::vector<LoopArtifact> trashed;

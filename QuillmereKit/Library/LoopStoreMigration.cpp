@@ -172,6 +172,7 @@ bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piec
         const std::lock_guard briefly(mutex);
         UsedFiles used(folder);
         table.forEach([&](const StoredLoop& loop) { used.add(loop); });
+        if (used.doubt() && folder.owns(files.temporary)) throw FileError(*used.doubt());
         if (!used.contains(files.temporary)) discardOwn(discard, files.temporary);
     }
     // An encoder would write through a link, or over what is not ours.
@@ -195,6 +196,7 @@ bool LoopStore::State::encodeLossless(const Discard& discard, LoopArtifact& piec
             if (loop.key != key) usedByOthers.add(loop);
         });
         try {
+            if (usedByOthers.doubt() && folder.owns(files.target)) throw FileError(*usedByOthers.doubt());
             if (!usedByOthers.contains(files.target)) {
                 // Were the process to end between the old file's going and the new one's coming, a manifest that names
                 // the target would name nothing, and the piece be lost at the next start.
@@ -294,7 +296,7 @@ bool LoopStore::migrateToLossless(const LoopArtifact& artifact, const Encode& en
     state.table.forEach([&](const StoredLoop& loop) { used.add(loop); });
     const bool isProved = isSameFile(own.facts(files.target), *verified);
     if (isProved && !used.contains(files.source) && isSameFile(own.facts(files.source), proof.source)) {
-        state.discardOwn(discard_, files.source);
+        if (state.isSureOf(used)) state.discardOwn(discard_, files.source);
     }
     return true;
 }

@@ -5,10 +5,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <unordered_set>
 #include <vector>
 
@@ -25,16 +27,21 @@ public:
 
     void add(const StoredLoop& loop);
 
-    /// Whether one of the pieces uses the folder's own file at this standard path. True where the system does not say
-    /// which file a piece uses: what may be in use is not removed.
+    /// Whether one of the pieces is known to use the folder's own file at this standard path.
     [[nodiscard]] bool contains(const std::filesystem::path& file) const;
+
+    /// Why any file of the folder may be in use besides, and then none may be removed: the system does not say where a
+    /// piece's file lies, and its path is in the folder or goes through a link. What lies elsewhere, as far as can be
+    /// seen without a link on the way, is no file of the folder's, be it a mount that is gone.
+    [[nodiscard]] const std::optional<FileError>& doubt() const noexcept { return doubt_; }
 
 private:
     const LoopFolder& folder_;
-    const std::filesystem::path realFolder_;      // the folder without links; empty if it cannot be had
+    std::filesystem::path realFolder_;            // the folder without links; empty if it cannot be had
+    std::error_code folderError_;                 // why, unless it is not there
     std::unordered_set<std::string_view> names_;  // of plain files directly in the folder
     std::unordered_set<std::string> paths_;       // of all others, as they are spelled and where they really lie
-    bool isUnsure_ = false;                       // where one of them lies could not be found out
+    std::optional<FileError> doubt_;
 };
 
 /// The files of one lossless migration.
@@ -44,7 +51,8 @@ struct MigrationFiles {
     std::filesystem::path temporary;  ///< Where it is made.
 };
 
-/// What all stores of this process on one folder share. Everything but `mutex` is guarded by it.
+/// What all stores of this process on one folder share. Everything but `mutex` is guarded by it; only a migration,
+/// which holds nobody up while it encodes, calls what `folder` offers without it.
 struct LoopStore::State {
     State(std::filesystem::path directory, Access access);
 
@@ -68,6 +76,9 @@ struct LoopStore::State {
 
     /// Writes the manifest with all pieces, in the form meant for people. Throws and notes as `save` does.
     void savePretty();
+
+    /// Whether it is known which of the folder's files the pieces use; notes why not.
+    [[nodiscard]] bool isSureOf(const UsedFiles& used);
 
     /// Calls `discard`; an exception counts as false.
     [[nodiscard]] static bool tryDiscard(const Discard& discard, const FileURL& url) noexcept;
@@ -116,7 +127,7 @@ struct LoopStore::State {
     std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
     std::set<std::filesystem::path> migrating;  // temporary files of the migrations at work
     std::set<LoopKey> unsaved;                  // pieces stored since the last save that succeeded
-    std::exception_ptr saveFailure;             // of the last save; null if it succeeded
+    std::exception_ptr saveFailure;             // of the last save, or why files had to stay; null if it succeeded
 
 private:
     bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);

@@ -47,7 +47,7 @@ private:
     [[nodiscard]] bool isNone() const;
 
     mutable std::mutex mutex_;
-    Reach reach_;                               // guarded by mutex_
+    Reach reach_;                                // guarded by mutex_
     std::set<std::filesystem::path> forgotten_;  // guarded by mutex_; since a sync of a folder last failed
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -32,13 +33,116 @@ TEST(LinkedLibraries, FileThatAnotherPieceNamesByItsRealPlaceStaysWhereThatCanno
         std::string struck;
         {
             const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "realpath"});
-            EXPECT_EQ(store.prune({kept.id()}), 1);
+            const auto count = store.prune({kept.id()});
             struck = faults.struck();
+            // Where it stays for want of an answer, its entry does too, and somebody is told.
+            EXPECT_EQ(count, store.contains(pruned.identity) ? 0 : 1);
+            EXPECT_EQ(store.contains(pruned.identity), store.lastSaveError().has_value());
+            EXPECT_TRUE(!struck.empty() || count == 1);
         }
 
         EXPECT_EQ(home.content("Real/piece.wav"), "precious");
         EXPECT_TRUE(store.contains(kept.identity));
+        static_cast<void>(store.prune({kept.id()}));
+        EXPECT_FALSE(store.contains(pruned.identity));
+        EXPECT_EQ(store.lastSaveError(), std::nullopt);
+        EXPECT_EQ(home.content("Real/piece.wav"), "precious");
         if (failing > 0 && (struck.empty() || testing::Test::HasFailure())) break;
+    }
+}
+
+/// A library of two pieces in the folder, and one that names `other` and cannot be looked at.
+struct UnseenPiece {
+    explicit UnseenPiece(const char* other) : unseen(at(other, 3)) {
+        home.putFile("Loops/manifest.json", encodeJSON(std::vector{first, second, unseen}, JSONWriter::Form::compact));
+    }
+
+    [[nodiscard]] LoopArtifact at(const char* place, std::int64_t seed) const {
+        return LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, seed),
+                                            FileURL::fromPath(home.path() / place));
+    }
+    [[nodiscard]] LoopStore open() const {
+        return LoopStore(home.path() / "Loops", ResourceBundle(home.path() / "App"),
+                         [](const FileURL& url) { return std::filesystem::remove(url.path()); });
+    }
+    /// The folder itself is found first; then the one piece whose place is asked for is not.
+    [[nodiscard]] static SystemCallFaults::Plan hiding() { return {.failing = 2, .error = EACCES, .call = "realpath"}; }
+
+    TemporaryFolder home;
+    LoopArtifact first = at("Loops/first.wav", 1);
+    LoopArtifact second = at("Loops/second.wav", 2);
+    std::string firstAudio = home.putFile("Loops/first.wav", "RIFF");
+    std::string secondAudio = home.putFile("Loops/second.wav", "RIFF");
+    LoopArtifact unseen;
+};
+
+TEST(LinkedLibraries, PieceElsewhereThatCannotBeLookedAtKeepsNoFileOfTheFolder) {
+    UnseenPiece library("Mount/unseen.wav");
+    library.home.putFile("Mount/unseen.wav", "RIFF");
+    const auto stray = library.home.putFile("Loops/stray.wav", "RIFF");
+    auto store = library.open();
+
+    {
+        const SystemCallFaults faults(UnseenPiece::hiding());
+        EXPECT_EQ(store.prune({library.second.id(), library.unseen.id()}), 1);
+    }
+    {
+        const SystemCallFaults faults(UnseenPiece::hiding());
+        EXPECT_EQ(store.trash([&](const auto& piece) { return piece == library.second; }).size(), 1U);
+    }
+    {
+        const SystemCallFaults faults(UnseenPiece::hiding());
+        EXPECT_TRUE(store.discardUnstored(FileURL::fromPath(stray)));
+    }
+
+    for (const auto& file : {library.firstAudio, library.secondAudio, stray.string()}) {
+        EXPECT_FALSE(std::filesystem::exists(file)) << file;
+    }
+    EXPECT_EQ(store.all(), std::vector{library.unseen});
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+}
+
+TEST(LinkedLibraries, FilesThatStayBecauseALinkCannotBeFollowedKeepTheirEntriesAndSomebodyIsTold) {
+    for (const char* link : {"Loops/unseen.wav", "Elsewhere/unseen.wav"}) {
+        SCOPED_TRACE(link);
+        UnseenPiece library(link);
+        const auto place = library.home.path() / link;
+        std::filesystem::create_directories(place.parent_path());
+        std::filesystem::create_symlink(library.secondAudio, place);
+        const auto stray = library.home.putFile("Loops/stray.wav", "RIFF");
+        auto store = library.open();
+        const auto before = library.home.content("Loops/manifest.json");
+        const auto pieces = store.all();
+        ASSERT_EQ(pieces.size(), 3U);
+        const auto expectAllThere = [&] {
+            EXPECT_EQ(store.all(), pieces);
+            EXPECT_EQ(library.home.content("Loops/manifest.json"), before);
+            for (const auto& file : {library.firstAudio, library.secondAudio, stray.string()}) {
+                EXPECT_TRUE(std::filesystem::exists(file)) << file;
+            }
+            EXPECT_NE(store.lastSaveError().value_or("").find("unseen.wav"), std::string::npos);
+        };
+
+        {
+            const SystemCallFaults faults(UnseenPiece::hiding());
+            EXPECT_EQ(store.prune({library.unseen.id()}), 0);
+        }
+        expectAllThere();
+        {
+            const SystemCallFaults faults(UnseenPiece::hiding());
+            EXPECT_TRUE(store.trash([&](const auto& piece) { return piece != library.unseen; }).empty());
+        }
+        expectAllThere();
+        {
+            const SystemCallFaults faults(UnseenPiece::hiding());
+            EXPECT_FALSE(store.discardUnstored(FileURL::fromPath(stray)));
+        }
+        expectAllThere();
+
+        EXPECT_EQ(store.prune({library.unseen.id()}), 2) << "as soon as it can be looked at";
+        EXPECT_FALSE(std::filesystem::exists(library.firstAudio));
+        EXPECT_TRUE(std::filesystem::exists(library.secondAudio)) << "the piece that stays plays it";
+        EXPECT_EQ(store.lastSaveError(), std::nullopt);
     }
 }
 
