@@ -50,12 +50,8 @@ bool isUnreadableCopy(const std::string& name) { return name.find(".unreadable-"
 // The names of the regular files in a folder, the newest copies first: their names tell their times.
 std::vector<std::string> filesIn(const fs::path& folder) {
     std::vector<std::string> names;
-    try {
-        for (const auto& entry : listFolder(folder)) {
-            if (entry.kind == FileFacts::Kind::regular) names.push_back(entry.name);
-        }
-    } catch (const FileError&) {
-        return {};  // a folder that is not there keeps nothing
+    for (const auto& entry : listFolder(folder)) {
+        if (entry.kind == FileFacts::Kind::regular) names.push_back(entry.name);
     }
     std::ranges::sort(names, std::greater<>());
     return names;
@@ -167,18 +163,31 @@ KeptRecords KeptRecords::find(const LoopStore& store, const std::vector<fs::path
             records.unreadable.push_back(file);
         }
     };
+    const auto isKnown = [&](const fs::path& place) {
+        return std::ranges::find(records.unreadable, place) != records.unreadable.end();
+    };
+    const auto filesIfPresent = [&](const fs::path& folder) -> std::vector<std::string> {
+        try {
+            return filesIn(folder);
+        } catch (const FileError& error) {
+            // A folder that is not there keeps nothing; of any other nobody knows.
+            const bool isAbsent =
+                error.code() == std::errc::no_such_file_or_directory || error.code() == std::errc::not_a_directory;
+            if (!isAbsent && !isKnown(folder)) records.unreadable.push_back(folder);
+            return {};
+        }
+    };
     lookIgnoringFailure(manifestFile(library));
-    for (const auto& name : filesIn(library)) {
+    for (const auto& name : filesIfPresent(library)) {
         const bool isCopy = name.starts_with("manifest.unreadable-") || name.starts_with("manifest.before-");
         if (isCopy) lookIgnoringFailure(library / name);
     }
     std::set<fs::path> places(folders.begin(), folders.end());
     places.insert(library);
     for (const auto& place : places) {
-        for (const auto& name : filesIn(place)) {
+        for (const auto& name : filesIfPresent(place)) {
             const auto file = place / name;
-            const bool isKnown = std::ranges::find(records.unreadable, file) != records.unreadable.end();
-            if (isUnreadableCopy(name) && !isKnown) records.unreadable.push_back(file);
+            if (isUnreadableCopy(name) && !isKnown(file)) records.unreadable.push_back(file);
         }
     }
     finding.report(records);

@@ -23,9 +23,10 @@ struct KeptRecords {
         std::string problem;           ///< Why it cannot be taken back; empty where it can.
     };
 
-    std::vector<std::filesystem::path> unreadable;  ///< Files that could not be read, in their place or as copies.
-    std::vector<Entry> recoverable;                 ///< Pieces whose audio is still there; by fingerprint.
-    std::vector<Entry> missing;                     ///< Pieces whose audio is not; by fingerprint.
+    /// Files that could not be read, in their place or as copies, and folders that could not be looked through.
+    std::vector<std::filesystem::path> unreadable;
+    std::vector<Entry> recoverable;  ///< Pieces whose audio is still there; by fingerprint.
+    std::vector<Entry> missing;      ///< Pieces whose audio is not; by fingerprint.
 
     /// Looks through the manifest and the copies kept of it, the newest first, and for copies of unreadable files in
     /// `folders` too. Audio counts as there where the record says, or under its own name in the library's folder, also

@@ -149,6 +149,14 @@ bool LoopFolder::isRegularFile(const FileURL& url) {
     return file && presenceOf(*file) == Presence::regular;
 }
 
+bool LoopFolder::isCertainlyThere(const FileURL& url) {
+    const auto file = fileOf(url);
+    if (!file) return false;
+    const auto presence = presenceOf(*file);
+    if (presence == Presence::unknown) throw FileError("look at", *file, std::make_error_code(std::errc::io_error));
+    return presence == Presence::regular;
+}
+
 LoopTable::Place LoopFolder::placeOf(const FileURL& url) const {
     if (const auto name = plainName(url)) {
         return {.isInside = true, .isPlain = isRegular(path() / *name)};
@@ -418,7 +426,9 @@ void LoopFolder::save(std::string_view manifest, Scope scope) {
     }
     reasonToKeep_.reset();
     if (losesEntries) listsOutside_ = false;
-    const auto noteAsOurs = [this] {
+    const auto noteAsOurs = [&] {
+        // Only what is new in it: who saves now in one way, now in the other, must not push out the copies that count.
+        if (scope == Scope::all) listsOutside_ = std::exchange(isOutsideNew_, false) || listsOutside_;
         manifest_ = factsOf(manifestFile_);
         isUnread_ = false;  // what could not be read was replaced
     };

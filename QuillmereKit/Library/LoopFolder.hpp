@@ -49,6 +49,9 @@ public:
     /// Whether a URL names a regular file that is there, inside the folder or not.
     [[nodiscard]] static bool isRegularFile(const FileURL& url);
 
+    /// The same for who must not take one that the disk cannot tell of for one that is gone. Throws `FileError` then.
+    [[nodiscard]] static bool isCertainlyThere(const FileURL& url);
+
     /// Whether what the system answered to a path means that it leads to no file; otherwise it could not tell.
     [[nodiscard]] static bool meansNoFile(const std::error_code& error) noexcept;
 
@@ -130,6 +133,9 @@ public:
         all,
     };
 
+    /// Lets the folder know of a piece whose file lies elsewhere: the next manifest with `Scope::all` lists it.
+    void noteOutside() noexcept { isOutsideNew_ = true; }
+
     /// Writes the manifest durably, keeping aside what must not be lost by it. For the holder of the lock only. Throws
     /// `FileError`; the manifest is then as it was, unless the error says that it is in place.
     void save(std::string_view manifest, Scope scope);
@@ -153,7 +159,8 @@ private:
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
-    bool listsOutside_ = false;                     // it named files elsewhere when it was loaded
+    bool listsOutside_ = false;                     // it names files elsewhere of which no copy is kept
+    bool isOutsideNew_ = false;                     // it will, once it lists all
     bool isUnread_ = false;
     std::optional<FileError> refusal_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's

@@ -163,6 +163,7 @@ void LoopStore::State::putAll(std::span<LoopArtifact> artifacts) {
     items.reserve(artifacts.size());
     for (auto& artifact : artifacts) {
         const auto place = folder.placeOf(artifact.url);
+        if (!place.isInside) folder.noteOutside();
         keys.insert(LoopKey::of(artifact.identity));
         items.push_back({std::move(artifact), place});
     }
@@ -195,8 +196,10 @@ void LoopStore::State::catchUp() {
             // Where both know the piece, only what was stored here since counts more than what was written, and not if
             // the other process has moved the piece to another file. A piece that only this one knows was removed by
             // the other, unless it was never written, or lies outside the folder: ordinary saves leave those out.
-            const bool isKept = present.find(loop.key) != nullptr ? isUnsaved && LoopFolder::isRegularFile(loop.url)
-                                                                  : isUnsaved || !loop.isInside;
+            const auto* theirs = present.find(loop.key);
+            const bool isKept = theirs == nullptr
+                                    ? isUnsaved || !loop.isInside
+                                    : isUnsaved && (theirs->url == loop.url || LoopFolder::isCertainlyThere(loop.url));
             if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
         });
     } catch (...) {

@@ -59,7 +59,8 @@ void encodeALAC(const FileURL& source, const FileURL& destination, const std::st
 
     const auto file = destination.path();
     const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor target(::open(systemCalls::pathText(file, "create"), flags, 0644));
+    const char* const text = systemCalls::pathText(file, "create");
+    Descriptor target(systemCalls::uninterrupted([&] { return ::open(text, flags, 0644); }));
     if (!target.isOpen()) throw FileError("create", file, systemCalls::lastError());
     try {
         encode(audio, target.number(), file, stop);

@@ -273,7 +273,8 @@ WAVWriter::WAVWriter(const std::filesystem::path& file, int sampleRate, int chan
     state_->channels = static_cast<std::uint16_t>(channels);
     constexpr mode_t mode = 0644;
     const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    state_->descriptor = Descriptor(::open(systemCalls::pathText(file, "create"), flags, mode));
+    const char* const text = systemCalls::pathText(file, "create");
+    state_->descriptor = Descriptor(systemCalls::uninterrupted([&] { return ::open(text, flags, mode); }));
     if (!state_->descriptor.isOpen()) throw FileError("create", file, systemCalls::lastError());
     try {
         state_->writeHeader();

@@ -294,6 +294,22 @@ TEST_F(LoopStoreTests, PieceOutsideTheFolderIsInTheManifestOnlyAfterAPersistentA
     EXPECT_TRUE(store.contains(outside.identity));
 }
 
+TEST_F(LoopStoreTests, WhatAPersistentAddListedOutsideTheFolderIsKeptAsideOnceWhenItIsLeftOut) {
+    auto store = open();
+    const auto outside = artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Elsewhere/a.wav", "RIFF")));
+    const auto inside = piece("sprint");
+    store.addPersistent(outside);
+
+    for (int turn = 0; turn < 3; ++turn) {
+        store.add(inside);
+        store.addPersistent(inside);
+    }
+
+    ASSERT_THAT(namesBeginning("manifest.before-"), SizeIs(1));
+    const auto copy = home.content("Loops/" + namesBeginning("manifest.before-").front());
+    EXPECT_EQ(decodeJSON<LoopArtifact>(copy.substr(1, copy.rfind(']') - 1)), outside);
+}
+
 TEST_F(LoopStoreTests, FolderWhoseNameExtendsTheStoresIsOutside) {
     auto store = open();
     store.add(artifactAt(identity("deepcode"), FileURL::fromPath(home.putFile("Loops-old/a.wav", "RIFF"))));

@@ -369,6 +369,16 @@ TEST(FileFaults, AudioIsReadWholeInSmallPieces) {
     EXPECT_EQ(read, samples);
 }
 
+TEST(FileFaults, AudioIsBegunThoughItsOpeningIsInterrupted) {
+    const TemporaryFolder folder;
+    const SystemCallFaults faults({.failing = 1, .error = EINTR, .call = "open"});
+
+    WAVWriter(folder.path() / "audio.wav", 48000, 2).finish();
+
+    EXPECT_EQ(faults.struck(), "open");
+    EXPECT_THAT(folder.names(), testing::ElementsAre("audio.wav"));
+}
+
 TEST(FileFaults, ALinkPutInAFilesPlaceBetweenTheLookAndTheOpeningIsNotFollowed) {
     const TemporaryFolder folder;
     const auto file = folder.putFile("Own/file", "own");

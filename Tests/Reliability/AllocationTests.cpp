@@ -5,8 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -14,12 +17,11 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <tuple>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include "App/DigestBook.hpp"
-#include "App/SettingsFile.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Library/LoopArtifact.hpp"
@@ -41,6 +43,13 @@
 #include "Tests/Support/RefusedMemory.hpp"
 #include "Tests/Support/Sanitizer.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
+
+#ifdef QUILLMERE_HOST
+#include "App/DigestBook.hpp"
+#include "App/KeptRecords.hpp"
+#include "App/SettingsFile.hpp"
+#include "Renderers/Tonebed/EngineRequest.hpp"
+#endif
 
 namespace quillmere::test {
 namespace {
@@ -93,7 +102,6 @@ Stage::Outcome actRefusing(const Plan& plan, const Act& act) {
     }
     outcome.isDisturbed = RefusedMemory::wasRefused();
     outcome.isShortForGood = outcome.isDisturbed && plan.persists;
-    outcome.mayLeaveRests = outcome.isDisturbed;
     return outcome;
 }
 
@@ -196,7 +204,9 @@ TEST_P(RefusedAllocations, LeaveTheOldOrTheNewAndAStoreThatGoesOn) {
             EXPECT_LE(RefusedMemory::live(plan.source), before) << "memory was kept";
 
             auto session = stage.begin();
-            const auto outcome = act(*session);
+            auto outcome = act(*session);
+            // What a migration makes the host discards, who needs memory for it.
+            outcome.mayLeaveRests = outcome.isShortForGood && GetParam().keepsAudio;
             stage.checkAfterFailure(std::move(session), outcome);
             if (HasFailure()) return;
             ++runs;
@@ -375,6 +385,22 @@ TEST(RefusedAllocationsOfReaders, APieceIsReadOrItThrows) {
     refuseEach([&] { return decodeJSON<LoopArtifact>(text); });
 }
 
+TEST(RefusedAllocationsOfReaders, AURLIsReadOrItThrows) {
+    const std::string text = "file:///a%20folder/whose%20name/is%20longer/../than%20a%20short%20text.wav";
+    const auto url = FileURL::fromText(text).value();
+
+    refuseEach([&] { return FileURL::fromText(text); });
+    refuseEach([&] { return url.path(); });
+    refuseEach([&] { return url.standardPath(); });
+    refuseEach([&] { return FileURL::fromPath("/a folder/whose name/is longer/than a short text.wav"); });
+}
+
+TEST(RefusedAllocationsOfReaders, ARecipeIsReadOrItThrows) {
+    const auto text = builtInRecipe().encoded();
+
+    refuseEach([&] { return LoopRecipe::decode(text); });
+}
+
 TEST(RefusedAllocationsOfReaders, ABundleIsReadOrItThrows) {
     const auto text = RecipeBundle{.recipes = {builtInRecipe(1), customRecipe()}}.encoded();
 
@@ -424,6 +450,7 @@ TEST(RefusedAllocationsOfReaders, PersonasAreReadOrItThrows) {
     refuseEach([&] { return PersonaCatalog(ResourceBundle(folder.path())).personas(); });
 }
 
+#ifdef QUILLMERE_HOST
 TEST(RefusedAllocationsOfReaders, SettingsAreReadOrAProblemIsTold) {
     const TemporaryFolder folder;
     const auto file = folder.putFile(
@@ -453,16 +480,96 @@ TEST(RefusedAllocationsOfReaders, DigestsAreReadOrTheProblemIsTold) {
         [](const Read& read) { return read.second.has_value(); });
 }
 
-TEST(RefusedAllocationsOfReaders, AnEnginesLineIsReadOrItThrows) {
-    const std::string progress = "progress sampling 3/8 1/2 waiting 2";
-    ASSERT_TRUE(engineProtocol::report(progress));
-    refuseEach([&] { return engineProtocol::report(progress).has_value(); });
+TEST(RefusedAllocationsOfReaders, EntriesAreSalvagedOrItThrows) {
+    const auto piece = LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain"), FileURL::fromPath("/a.wav"));
+    const auto entry = encodeJSON(piece, JSONWriter::Form::compact);
+    const auto text = "[" + entry + R"(,{"identity":"of another form"},)" + entry + R"(,{"cut off)";
+    ASSERT_EQ(app::salvagedEntries(text).size(), 2U);
 
-    const std::string result = R"(result {"file":"a name that is longer than a short text.wav","seconds":1.5})";
+    refuseEach([&] { return app::salvagedEntries(text); });
+}
+
+TEST(RefusedAllocationsOfReaders, KeptRecordsAreFoundOrAProblemIsTold) {
+    const TemporaryFolder home;
+    const auto piece = [&](std::int64_t seed) {
+        const auto identity = LoopStoreFixture::identity("rain", 2, seed);
+        const auto file = home.path() / "Loops" / (identity.filename() + ".wav");
+        return LoopStoreFixture::artifactAt(identity, FileURL::fromPath(file));
+    };
+    const auto damaged = "[" + encodeJSON(piece(1), JSONWriter::Form::compact) + ",{\"cut off";
+    home.putFile("Loops/manifest.unreadable-2026-11-21T07-00-00Z.json", damaged);
+    home.putFile("Loops/" + piece(1).identity.filename() + ".wav", wavBytes(tones(1, 2, 100)));
+    home.putFile("Loops/manifest.before-2026-11-21T07-00-00Z.json",
+                 encodeJSON(std::vector{piece(2)}, JSONWriter::Form::compact));
+    home.putFile("Data/Moods.unreadable-2026-11-21T07-00-00Z.json", "[");
+    const LoopStore store(home.path() / "Loops", ResourceBundle(home.path()), {}, LoopStore::Access::reading);
+    struct Read {
+        std::vector<std::filesystem::path> unreadable;
+        std::vector<LoopArtifact> recoverable;
+        std::vector<LoopArtifact> missing;
+        bool operator==(const Read&) const = default;
+    };
+    const auto undisturbed = app::KeptRecords::find(store, {home.path() / "Data"});
+    ASSERT_EQ(undisturbed.unreadable.size(), 2U);
+    ASSERT_EQ(undisturbed.recoverable.size(), 1U);
+    ASSERT_EQ(undisturbed.missing.size(), 1U);
+
+    refuseEach(
+        [&] {
+            auto records = app::KeptRecords::find(store, {home.path() / "Data"});
+            Read read{std::move(records.unreadable), {}, {}};
+            for (auto& entry : records.recoverable) read.recoverable.push_back(std::move(entry.piece));
+            for (auto& entry : records.missing) read.missing.push_back(std::move(entry.piece));
+            return read;
+        },
+        [&](const Read& read) {
+            // A record or a folder that could not be read is told as such, and a piece whose audio could not be.
+            const auto isNew = [&](const auto& place) { return !std::ranges::count(undisturbed.unreadable, place); };
+            return std::ranges::any_of(read.unreadable, isNew) || read.missing.size() == 2;
+        });
+}
+
+TEST(RefusedAllocationsOfReaders, ARequestToTonebedIsReadOrItThrows) {
+    const auto identity = LoopStoreFixture::identity("a mood whose name is longer than a short text");
+    const auto line = engineProtocol::line({identity, 1, 48'000, GenerationPace::fast, "/a folder/of a longer name"});
+    const auto question = engineProtocol::buildQuestion(identity);  // an end of the line is white space to a reader
+    using tonebed::EngineRequest;
+
     refuseEach([&] {
-        const auto report = engineProtocol::report(result);
-        return decodeJSON<engineProtocol::Result>(std::get<engineProtocol::ResultLine>(report.value()).json).file;
+        auto request = EngineRequest::parse(line);
+        const auto& piece = request.piece;
+        return std::tuple(request.kind, piece.moodID, piece.calmPrompt, piece.energeticPrompt, piece.prompt,
+                          piece.blendIndex, piece.seed, piece.frames, request.dutyCycle, request.folder, request.file);
     });
+    refuseEach([&] { return EngineRequest::parse(question).kind; });
+}
+#endif
+
+/// What a line of an engine's brings, read whole.
+template <class Line, class Value>
+Value readLine(const std::string& line) {
+    return decodeJSON<Value>(std::get<Line>(engineProtocol::report(line).value()).json);
+}
+
+TEST(RefusedAllocationsOfReaders, AnEnginesLineIsReadOrItThrows) {
+    using engineProtocol::AudioLine;
+    using engineProtocol::ResultLine;
+    const std::string progress = "progress sampling 3/8 1/2 waiting 2";
+    refuseEach([&] { return std::get<GenerationStage>(engineProtocol::report(progress).value()); });
+
+    const std::string audio = R"(audio {"file":"a name that is longer than a short text.wav","seconds":0.5})";
+    refuseEach([&] {
+        auto value = readLine<AudioLine, engineProtocol::PartialAudio>(audio);
+        return std::tuple(std::move(value.file), value.seconds);
+    });
+    const std::string result = R"(result {"file":"a name that is longer than a short text.wav","seconds":1.5,)"
+                               R"("seamDB":-40,"brightness":0.25,"makeupDB":3,"leadIn":0.5})";
+    refuseEach([&] {
+        auto value = readLine<ResultLine, engineProtocol::Result>(result);
+        return std::tuple(std::move(value.file), value.seconds, value.seamDB, value.quality, value.leadIn);
+    });
+    const std::string build = R"(result {"engineBuild":"a build whose name is longer than a short text"})";
+    refuseEach([&] { return readLine<ResultLine, engineProtocol::Build>(build).text; });
 }
 
 TEST(RefusedAllocationsOfReaders, ADigestOfAFileIsItsOwnOrItThrows) {

@@ -64,7 +64,10 @@ public:
 
 private:
     void checkFiles(const Tree& tree, bool mayHaveRests, bool lostPower) const;
+    void checkPermissions() const;
+    [[nodiscard]] bool mayGo(const std::string& path) const;
     void checkNothingLost(const Tree& tree, const Lines& wanted) const;
+    [[nodiscard]] Lines unlisted() const;
     [[nodiscard]] Lines lines(const Tree& tree) const;
     [[nodiscard]] Lines withAudio(const Lines& lines, const Tree& tree) const;
     void checkNextStart(const Tree& tree) const;
@@ -77,12 +80,16 @@ private:
     Tree prepared_;
     Tree before_;
     Tree after_;
+    Permissions permissionsBefore_;
+    Permissions permissionsAfter_;
     Lines linesBefore_;
     Lines linesMidway_;  // those before, where there is nothing between
     Lines linesAfter_;
+    Lines memoryAfter_;  // those after, and what the file leaves out
 };
 
-/// Whether a path is that of a file that only a crash leaves: half written, and known as such by its name.
+/// Whether a path is that of a file or folder that only a crash leaves: half written, or half removed, and known as
+/// such by its name.
 [[nodiscard]] bool isRest(const std::string& path);
 
 }  // namespace quillmere::test

@@ -76,6 +76,7 @@ struct ManyProcesses : testing::Test {
     std::mt19937 random = std::mt19937(11);
     unsigned seed = 0;
     std::uint32_t confirmed = 0;
+    std::uint32_t gone = 0;  ///< Confirmed to be so.
     Diary* diary =
         static_cast<Diary*>(mmap(nullptr, sizeof(Diary), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::array<int, 2> steps{};  // every process writes a byte for every step that it has done
@@ -136,8 +137,13 @@ struct ManyProcesses : testing::Test {
             case 1:
                 diary->promises[index] = Promise::unwanted;
                 store.trash([&](const LoopArtifact& each) { return each.identity == identity(index); });
+                if (!store.lastSaveError()) diary->promises[index] = Promise::gone;
                 break;
-            case 2: store.prune({}); break;
+            case 2:
+                if (!isRecording(index)) diary->promises[index] = Promise::unwanted;
+                store.prune({});
+                if (!isRecording(index) && !store.lastSaveError()) diary->promises[index] = Promise::gone;
+                break;
             case 3:
             case 4: {
                 bool isSet = false;
@@ -298,6 +304,10 @@ void ManyProcesses::check() {
         EXPECT_NO_THROW(store.addPersistent(LoopStoreFixture::artifactAt(identity(index), FileURL::fromPath(file))));
     }
     for (std::uint32_t index = 0; index < diary->pieces; ++index) {
+        if (diary->promises[index] == Promise::gone) {
+            ++gone;
+            EXPECT_FALSE(listed.contains(identity(index).fingerprint())) << "piece " << index << " is back";
+        }
         if (diary->promises[index] != Promise::kept) continue;
         ++confirmed;
         EXPECT_TRUE(listed.contains(identity(index).fingerprint())) << "piece " << index << " is lost";
@@ -320,6 +330,7 @@ void ManyProcesses::checkLists() {
     for (const auto& mood : moods.all()) moodIDs.insert(mood.id);
     const auto isKept = [&](Promise promise, bool isThere, const char* what, std::uint32_t index) {
         if (promise == Promise::kept) ++confirmed;
+        if (promise == Promise::gone) ++gone;
         EXPECT_FALSE(promise == Promise::kept && !isThere) << what << " " << index << " is lost";
         EXPECT_FALSE(promise == Promise::gone && isThere) << what << " " << index << " was removed, and is back";
     };
@@ -352,7 +363,8 @@ void ManyProcesses::run(const std::function<void()>& checkAfter) {
     EXPECT_GT(confirmed, 0U);
     if (std::getenv("QUILLMERE_FIGURES") != nullptr) {
         std::cout << rounds * killsOfARound << " kills, " << pieces << " pieces, " << confirmed << " confirmed, "
-                  << refusals << " changes refused because another process held the library\n";
+                  << gone << " confirmed to be gone, " << refusals
+                  << " changes refused because another process held the library\n";
     }
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <fstream>
 #include <map>
@@ -18,6 +19,7 @@
 #include "QuillmereKit/Platform/Descriptor.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
+#include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "QuillmereKit/Platform/WAVFile.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
@@ -58,12 +60,14 @@ void writeUnsynced(const path& file, std::string_view bytes) {
     const auto check = [&](bool holds, const char* step) {
         if (!holds) throw FileError(step, file, {errno, std::system_category()});
     };
-    Descriptor descriptor(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    Descriptor descriptor(systemCalls::uninterrupted(
+        [&] { return ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));
     check(descriptor.isOpen(), "create");
     while (!bytes.empty()) {
-        const auto written = ::write(descriptor.number(), bytes.data(), bytes.size());
-        check(written >= 0 || errno == EINTR, "write");
-        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
+        const auto written =
+            systemCalls::uninterrupted([&] { return ::write(descriptor.number(), bytes.data(), bytes.size()); });
+        check(written >= 0, "write");
+        bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     check(!descriptor.close(), "close");
 }
@@ -229,6 +233,7 @@ Operation openLargeLibrary() {
         manifest.insert(1, std::string(std::size_t{300} << 10, ' '));
         put(home / "Loops/manifest.json", manifest);
     };
+    operation.changesNothing = true;
     operation.isDoneByAnyStart = true;
     return operation;
 }
@@ -286,18 +291,11 @@ void writeAsAnother(const path& home) {
     put(home / "Loops/manifest.json", encodeJSON(listed, JSONWriter::Form::compact));
 }
 
-/// A store that was opened to be read changes the library.
-Operation addLate() {
-    auto operation = addPersistent();
-    operation.name = "AddOverWhatAnotherProcessWrote";
-    operation.begin = [](const path& home) {
-        auto session = std::make_unique<LoopSession>(
-            home,
-            [](LoopStore& store, const path& folder) {
-                store.addPersistent(piece(folder, fresh));
-                return true;
-            },
-            LoopStore::Access::reading);
+/// A store that was opened to be read changes the library: it takes the lock, and what the other one wrote, first.
+Operation late(Operation operation, std::string name, LoopSession::Act act) {
+    operation.name = std::move(name);
+    operation.begin = [act = std::move(act)](const path& home) {
+        auto session = std::make_unique<LoopSession>(home, act, LoopStore::Access::reading);
         writeAsAnother(home);
         return session;
     };
@@ -305,24 +303,30 @@ Operation addLate() {
     return operation;
 }
 
+Operation addLate() {
+    return late(addPersistent(), "AddOverWhatAnotherProcessWrote", [](LoopStore& store, const path& home) {
+        store.addPersistent(piece(home, fresh));
+        return true;
+    });
+}
+
 Operation pruneLate() {
-    auto operation = prune();
-    operation.name = "PruneWhatAnotherProcessWrote";
-    operation.begin = [](const path& home) {
-        auto session = std::make_unique<LoopSession>(
-            home, [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; },
-            LoopStore::Access::reading);
-        writeAsAnother(home);
-        return session;
-    };
+    auto operation = late(prune(), "PruneWhatAnotherProcessWrote",
+                          [](LoopStore& store, const path&) { return store.prune({first.fingerprint()}) == 1; });
     operation.mayGo = {inLoops(theirs)};
-    operation.isOpening = true;
     return operation;
+}
+
+Operation setLoudnessLate() {
+    return late(setLoudness(), "SetLoudnessOverWhatAnotherProcessWrote", [](LoopStore& store, const path& home) {
+        return store.setLoudness({.integratedLUFS = -20.5, .peak = 0.5, .seconds = 120}, piece(home, first));
+    });
 }
 
 Operation openToRead() {
     auto operation = onOpening(
         "OpenToRead", [](LoopStore& store, const path&) { return store.count() == 3; }, LoopStore::Access::reading);
+    operation.changesNothing = true;
     operation.isDoneByAnyStart = true;
     return operation;
 }
@@ -359,10 +363,20 @@ Operation trash() {
     return operation;
 }
 
-Operation discardUnstored() {
-    auto operation = onLoops("DiscardUnstored", [](LoopStore& store, const path& home) {
-        return store.discardUnstored(FileURL::fromPath(home / "Loops/Render-1/audio.wav"));
+Operation trashLate() {
+    auto operation = late(trash(), "TrashWhatAnotherProcessWrote", [](LoopStore& store, const path&) {
+        return store.trash([](const LoopArtifact& each) { return each.identity == theirs; }).size() == 1;
     });
+    operation.mayGo = {inLoops(theirs)};
+    return operation;
+}
+
+bool discardRender(LoopStore& store, const path& home) {
+    return store.discardUnstored(FileURL::fromPath(home / "Loops/Render-1/audio.wav"));
+}
+
+/// A render that was cancelled while the store was open.
+Operation withCancelledRender(Operation operation) {
     operation.begin = [begin = operation.begin](const path& home) {
         auto session = begin(home);
         put(home / "Loops/Render-1/audio.wav", "cancelled");
@@ -371,6 +385,40 @@ Operation discardUnstored() {
     };
     operation.mayGo = {"Loops/Render-1/audio.wav", "Loops/Render-1/"};
     operation.tellsByAnswer = true;
+    return operation;
+}
+
+Operation discardUnstored() { return withCancelledRender(onLoops("DiscardUnstored", discardRender)); }
+
+Operation discardUnstoredLate() {
+    return withCancelledRender(late(onLoops({}, {}), "DiscardUnstoredBesideWhatAnotherProcessWrote", discardRender));
+}
+
+/// A piece whose file is outside the folder, listed for good until an ordinary save leaves it out; then a copy of the
+/// list that names it is kept.
+LoopArtifact pieceOutside(const path& home) {
+    return LoopStoreFixture::artifactAt(identity("rain", 10), FileURL::fromPath(home / "Elsewhere/song.wav"));
+}
+
+Operation addAfterOneOutside(std::string name, bool isListedBefore) {
+    auto operation = onLoops(std::move(name), [](LoopStore& store, const path& home) {
+        store.add(piece(home, fresh));
+        return true;
+    });
+    operation.prepare = [isListedBefore](const path& home) {
+        prepareLoops(home);
+        put(home / "Elsewhere/song.wav", "a song of the user's");
+        if (isListedBefore) LoopStore(home / "Loops", ResourceBundle(home / "App")).addPersistent(pieceOutside(home));
+    };
+    if (!isListedBefore) {
+        operation.begin = [begin = operation.begin](const path& home) {
+            auto session = begin(home);
+            LoopStore(home / "Loops", ResourceBundle(home / "App")).addPersistent(pieceOutside(home));
+            return session;
+        };
+    }
+    operation.isUnsynced = {inLoops(fresh)};
+    operation.unlisted = [](const path& home) { return Lines{lineOf(pieceOutside(home))}; };
     return operation;
 }
 
@@ -500,6 +548,12 @@ Operation migrate() {
     return operation;
 }
 
+/// Another process has written since the store was opened to be read.
+Operation migrateLate() {
+    return late(migrate(), "MigrateBesideWhatAnotherProcessWrote",
+                [](LoopStore& store, const path& home) { return migrateFirst(store, home, encodeUnsynced); });
+}
+
 Operation migrateForReal() {
     auto operation = migrate();
     operation.name = "MigrateWithTheEncoder";
@@ -518,7 +572,11 @@ Operation migrateOntoOldCopy() {
         prepareLoops(home);
         putMusic(fileOf(home, first));
         put(home / inLoops(first, ".m4a"), lossless().substr(0, 300));
+    };
+    operation.begin = [begin = operation.begin](const path& home) {
+        auto session = begin(home);  // which would clean it up
         put(home / ("Loops/." + first.filename() + ".wav.migration.m4a"), "half");
+        return session;
     };
     operation.mayGo = {inLoops(first), inLoops(first, ".m4a"), "Loops/." + first.filename() + ".wav.migration.m4a"};
     return operation;
@@ -616,13 +674,11 @@ Operation onMoods(std::string name, MoodSession::Act act, bool isLater = false) 
             .isOpening = isLater};
 }
 
-/// A folder outside the home, in which a link of this name leads to the file of that name in the home's data.
+/// A folder in which a link of this name leads to the file of that name in the home's data.
 path folderWithALink(const path& home, const char* name) {
-    auto folder = home.parent_path() / "Linked";
+    auto folder = home / "Linked";
     std::filesystem::create_directories(folder);
-    if (!std::filesystem::is_symlink(folder / name)) {
-        std::filesystem::create_symlink(home / "Data" / name, folder / name);
-    }
+    std::filesystem::create_symlink(home / "Data" / name, folder / name);
     return folder;
 }
 
@@ -643,6 +699,23 @@ Operation onMoodsBehindALink(std::string name, MoodSession::Act act, bool isLate
     operation.begin = [=](const path& home) {
         return std::make_unique<MoodSession>(folderWithALink(home, "Moods.json"), act, isLater);
     };
+    return operation;
+}
+
+const std::string oldTemporary = "Data/.quillmere-01234567-89AB-4DEF-8123-456789ABCDEF.tmp";
+const std::string newTemporary = "Data/.quillmere-01234567-89AB-4DEF-8123-456789ABCDE2.tmp";
+
+/// Beside the store's file lies what a process left that died hours ago, and what one is writing now.
+Operation besideTemporaries(Operation operation) {
+    operation.begin = [begin = operation.begin](const path& home) {
+        put(home / oldTemporary, "half of a");
+        put(home / newTemporary, "the first half of a");
+        std::filesystem::last_write_time(home / oldTemporary,
+                                         std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
+        return begin(home);
+    };
+    operation.mayGo = {oldTemporary};
+    operation.isDoneByAnyStart = true;
     return operation;
 }
 
@@ -739,6 +812,13 @@ Operation saveOverDamagedVault() {
 Operation importBundle() {
     const auto bytes = RecipeBundle{.recipes = {builtInRecipe(3), builtInRecipe(4), customRecipe()}}.encoded();
     return onVault("ImportABundle", [bytes](RecipeVault& vault) { return vault.importing(bytes).added.size() == 3; });
+}
+
+/// Of what is imported the other process has saved one already, which is in its list once.
+Operation importBundleLate() {
+    const auto bytes = RecipeBundle{.recipes = {builtInRecipe(3), builtInRecipe(77), customRecipe()}}.encoded();
+    return onOthersVault("ImportABundleOverWhatAnotherProcessWrote",
+                         [bytes](RecipeVault& vault) { return vault.importing(bytes).added.size() == 3; });
 }
 
 // MARK: one file
@@ -942,6 +1022,11 @@ const std::vector<Operation>& operations() {
         openLargeLibrary(),
         addLate(),
         pruneLate(),
+        setLoudnessLate(),
+        trashLate(),
+        discardUnstoredLate(),
+        addAfterOneOutside("AddAfterAPieceOutsideTheFolder", false),
+        addAfterOneOutside("AddToAListWithAPieceOutsideTheFolder", true),
         openToRead(),
         pruneLinked(),
         addInNewFolder(),
@@ -957,6 +1042,7 @@ const std::vector<Operation>& operations() {
         addOverForeign(),
 #ifdef QUILLMERE_LOSSLESS
         migrate(),
+        migrateLate(),
         migrateForReal(),
         migrateOntoOldCopy(),
         adoptLossless(),
@@ -974,6 +1060,12 @@ const std::vector<Operation>& operations() {
         onMoodsBehindALink("SaveAMoodBehindALink", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }),
         onMoodsBehindALink(
             "OpenTheMoodsBehindALinkAndSave", [](CustomMoodStore& store) { store.save(mood("my-3", "Three")); }, true),
+        besideTemporaries(onMoods(
+            "OpenTheMoodsBesideTemporaries",
+            [](CustomMoodStore& store) {
+                if (store.all().size() != 2) throw Error("the moods could not be read");
+            },
+            true)),
         saveFirstMood(),
         openDamagedMoods(),
         onVault("SaveARecipe", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }),
@@ -988,6 +1080,9 @@ const std::vector<Operation>& operations() {
         onVaultBehindALink(
             "OpenTheVaultBehindALinkAndSave", [](RecipeVault& vault) { return vault.save(builtInRecipe(3)); }, true),
         importBundle(),
+        importBundleLate(),
+        besideTemporaries(onVault(
+            "OpenTheVaultBesideTemporaries", [](RecipeVault& vault) { return vault.count() == 2; }, true)),
         saveFirstRecipe(),
         saveOverDamagedVault(),
         onFile("WriteANewFile", ""),

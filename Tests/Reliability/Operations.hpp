@@ -48,12 +48,16 @@ struct Operation {
     std::set<std::string> mayGo = {};       ///< Files that it removes.
     std::set<std::string> mayCome = {};     ///< Files that it makes, besides the store's own.
     std::set<std::string> isUnsynced = {};  ///< Files that somebody wrote before and did not sync.
+    bool changesNothing = false;            ///< It leaves all files as they are, but for locks.
     bool isOpening = false;                 ///< It reads the file anew, so that what it cannot read is not in memory.
     bool isDoneByAnyStart = false;          ///< So that it is done after the next start, whatever became of it.
     bool tellsByAnswer = false;             ///< What it could not do, a false or a smaller number tells.
     bool isExact = true;  ///< An exception that does not say "in place" says that nothing was written.
     /// Where the change takes two steps, what the store's file may hold between them, whatever ends it there.
     std::function<Lines(const std::filesystem::path& home)> midway = {};
+    /// What the store's file listed before, and lists no longer when it is done: memory still holds it, and from then
+    /// on a copy of the file does.
+    std::function<Lines(const std::filesystem::path& home)> unlisted = {};
     /// What is listed has its audio at every moment, and after an exception memory holds what the file does.
     bool keepsAudio = false;
 };

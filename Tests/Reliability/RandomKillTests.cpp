@@ -9,6 +9,7 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <random>
@@ -34,8 +35,9 @@ constexpr int stepsOfARun = 12;
 
 /// What one process told before it died, in memory that outlives it.
 struct Diary {
-    enum class Promise : char { none, maybe, kept, unwanted };
-    // What is known of each piece: asked for and not confirmed; confirmed to be on disk; asked to be removed.
+    enum class Promise : char { none, maybe, kept, unwanted, gone };
+    // What is known of each piece: asked for and not confirmed; confirmed to be on disk; asked to be removed; confirmed
+    // to be removed.
     std::array<Promise, pieces> promises;
     std::array<bool, pieces> hasAudio;  // its file was written, and nobody asked to remove it since
 };
@@ -98,6 +100,7 @@ struct RandomKills : testing::Test {
                     hasAudio = false;
                     store.trash([&](const LoopArtifact& each) { return each.identity == identity(index); });
                     if (store.contains(identity(index))) std::abort();
+                    if (!store.lastSaveError()) promise = Diary::Promise::gone;
                     break;
                 }
                 default: {
@@ -108,6 +111,7 @@ struct RandomKills : testing::Test {
                     hasAudio = false;
                     keeping.erase(identity(index).fingerprint());
                     store.prune(keeping);
+                    if (!store.lastSaveError()) promise = Diary::Promise::gone;
                     break;
                 }
             }
@@ -128,6 +132,9 @@ struct RandomKills : testing::Test {
             const auto promise = diary->promises[static_cast<std::size_t>(index)];
             if (promise == Diary::Promise::kept) {
                 EXPECT_TRUE(listed.contains(identity(index).fingerprint())) << "piece " << index << " is lost";
+            }
+            if (promise == Diary::Promise::gone) {
+                EXPECT_FALSE(listed.contains(identity(index).fingerprint())) << "piece " << index << " is back";
             }
             if (diary->hasAudio[static_cast<std::size_t>(index)]) {
                 EXPECT_TRUE(fileExists(fileOf(index))) << "nobody asked to remove the audio of piece " << index;
@@ -152,11 +159,16 @@ TEST_F(RandomKills, LoseNothingThatWasConfirmedAndLeaveNothingBehind) {
         SCOPED_TRACE("run " + std::to_string(run));
         const pid_t child = fork();
         if (child == 0) {
-            std::mt19937 random(static_cast<unsigned>(run));
-            const auto at = static_cast<int>(1 + random() % 500);
-            const SystemCallFaults faults({.failing = at, .kills = SystemCallFaults::Plan::Kill::before});
-            work(random);
-            ::_exit(0);
+            try {
+                std::mt19937 random(static_cast<unsigned>(run));
+                const auto at = static_cast<int>(1 + random() % 500);
+                const SystemCallFaults faults({.failing = at, .kills = SystemCallFaults::Plan::Kill::before});
+                work(random);
+                ::_exit(0);
+            } catch (const std::exception& error) {
+                std::cerr << error.what() << "\n";
+            }
+            ::_exit(3);
         }
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
