@@ -16,7 +16,7 @@ namespace quillmere {
 
 /// Decodes the first audio stream of an MPEG-4 file, read through a descriptor at positions of its own: no other file
 /// is ever opened, whatever the container refers to. Memory and work are bounded by the file's size. Throws
-/// `std::system_error` where the system failed, and `std::runtime_error`.
+/// `std::system_error` where the system failed, `std::bad_alloc` and `std::runtime_error`.
 struct LosslessReader {
     LosslessReader(int descriptor, LosslessInfo& info);
     ~LosslessReader();

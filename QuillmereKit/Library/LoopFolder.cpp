@@ -10,6 +10,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
 
@@ -312,9 +313,7 @@ std::optional<JSONDocument> LoopFolder::readManifest() {
         reasonToKeep_ = unreadable;
         isUnread_ = true;
         // What is no file, or too large, is so the next time too.
-        const bool isOfTheFile =
-            error.code() == FileFault::fileNotRegular || error.code() == FileFault::fileReadTooLarge;
-        if (!isOfTheFile) refusal_ = error;
+        if (!replacedFile::isForGood(error)) refusal_ = error;
     } catch (const JSONError&) {
         reasonToKeep_ = unreadable;
     }

@@ -27,11 +27,11 @@ struct LosslessInfo {
 };
 
 /// The functions that the module offers, from `quillmereLosslessModule`. A failure is a negative result: minus the
-/// system's error number where the system failed, `badAudio` for all else. A reader or writer belongs to one thread at
-/// a time, and after a failure can only be closed.
+/// system's error number where the system failed (`ENOMEM` where memory ran out), `badAudio` for all else. A reader or
+/// writer belongs to one thread at a time, and after a failure can only be closed.
 struct LosslessModule {
-    static constexpr std::int32_t currentVersion = 2;   ///< Raised with every change of this table.
-    static constexpr std::int32_t badAudio = -1000000;  ///< The audio is not what it must be, or memory ran out.
+    static constexpr std::int32_t currentVersion = 3;   ///< Raised with every change of this table.
+    static constexpr std::int32_t badAudio = -1000000;  ///< The audio is not what it must be.
 
     std::int32_t version;  ///< `currentVersion` of the header that the module was built with.
 
@@ -43,8 +43,7 @@ struct LosslessModule {
     void (*closeReader)(LosslessReader* reader);
 
     /// Begins an Apple Lossless file in MPEG-4 behind an empty descriptor, open for reading and writing, that stays the
-    /// caller's. `threads` is 1 or 2,
-    /// the calling one included; the bytes written do not depend on it.
+    /// caller's. `threads` is 1 or 2, the calling one included; the bytes written do not depend on it.
     std::int32_t (*openWriter)(int descriptor, std::int32_t sampleRate, std::int32_t channels, std::int32_t threads,
                                LosslessWriter** writer);
     /// Appends whole frames of interleaved 16-bit samples.
