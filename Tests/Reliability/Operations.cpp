@@ -678,7 +678,9 @@ Operation onMoods(std::string name, MoodSession::Act act, bool isLater = false) 
 path folderWithALink(const path& home, const char* name) {
     auto folder = home / "Linked";
     std::filesystem::create_directories(folder);
-    std::filesystem::create_symlink(home / "Data" / name, folder / name);
+    if (!std::filesystem::is_symlink(folder / name)) {
+        std::filesystem::create_symlink(home / "Data" / name, folder / name);
+    }
     return folder;
 }
 
