@@ -381,12 +381,20 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
     }
     if (files.empty() && folders.empty() && empty.empty()) return;
 
+    // Where the folder is reached through a link, a piece may name its file by another way into it.
+    std::error_code error;
+    const auto real = std::filesystem::canonical(path(), error);
+    if (error) return;
     std::unordered_set<std::string> used;  // every path inside the folder that an entry needs, the folders too
+    const auto use = [&](std::filesystem::path place) {
+        for (; place != path(); place = place.parent_path()) used.insert(place.native());
+    };
     table.forEach([&](const StoredLoop& loop) {
-        if (!loop.isInside) return;
-        for (auto place = fileInside(loop); place != path(); place = place.parent_path()) {
-            used.insert(place.native());
-        }
+        if (loop.isInside) return use(fileInside(loop));
+        const auto file = fileOf(loop.url);
+        if (!file) return;
+        const auto place = std::filesystem::weakly_canonical(*file, error);
+        if (!error && place.native().starts_with(real.native() + "/")) use(path() / place.lexically_relative(real));
     });
     std::erase_if(files, [&](const auto& file) { return used.contains(file.native()); });
     std::erase_if(folders, [&](const auto& folder) { return used.contains(folder.native()); });

@@ -76,6 +76,29 @@ struct UnseenPiece {
     LoopArtifact unseen;
 };
 
+TEST(LinkedLibraries, FinishedWorkThatAPieceNamesByItsRealPlaceIsNoLeftover) {
+    const std::string work = "Render-01234567-89AB-4DEF-8123-456789ABCDEF";
+    for (const char* way : {"Real", "Another"}) {
+        SCOPED_TRACE(way);
+        const TemporaryFolder home;
+        const auto audio = home.putFile("Real/" + work + "/audio.wav", "precious");
+        home.putFile("Real/" + work + "/.lock", "");
+        const auto leftover = home.putFile("Real/Render-ABCDEF01-89AB-4DEF-8123-456789ABCDEF/.lock", "");
+        for (const char* name : {"Loops", "Another"}) {
+            std::filesystem::create_directory_symlink("Real", home.path() / name);
+        }
+        const auto piece = LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1),
+                                                        FileURL::fromPath(home.path() / way / work / "audio.wav"));
+        home.putFile("Real/manifest.json", encodeJSON(std::vector{piece}, JSONWriter::Form::compact));
+
+        const LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
+
+        EXPECT_EQ(store.all(), std::vector{piece});
+        EXPECT_TRUE(std::filesystem::exists(audio));
+        EXPECT_FALSE(std::filesystem::exists(leftover));
+    }
+}
+
 TEST(LinkedLibraries, PieceElsewhereThatCannotBeLookedAtKeepsNoFileOfTheFolder) {
     UnseenPiece library("Mount/unseen.wav");
     library.home.putFile("Mount/unseen.wav", "RIFF");
