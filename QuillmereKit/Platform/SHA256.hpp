@@ -30,8 +30,8 @@ public:
     /// The digest of all bytes so far; the state then starts afresh.
     [[nodiscard]] Digest finish();
 
-    /// The digest of one text. Thread-safe. Takes no memory, which makes it quicker for a short
-    /// text than an object of this class.
+    /// The digest of one text. Thread-safe. Takes no memory, which makes it quicker for a short text than an object of
+    /// this class.
     [[nodiscard]] static Digest digest(std::string_view text);
 
 private:
