@@ -116,11 +116,10 @@ void ignoringFailure(const Action& action) {
 LoopFolder::LoopFolder(std::filesystem::path path, bool isWritten)
     : files_(std::move(path)),
       manifestFile_(files_.path() / "manifest.json"),
-      urlPrefix_(FileURL::fromPath(files_.path()).text() + "/"),
-      doubt_(SyncDoubt::of(files_.path())) {
-    if (!isWritten) return;
-    ignoringFailure([&] { createFolders(this->path()); });
-    lock_ = FolderLock::tryAcquire(lockFile());
+      urlPrefix_(FileURL::fromPath(files_.path()).text() + "/") {
+    if (isWritten) ignoringFailure([&] { createFolders(this->path()); });
+    doubt_ = SyncDoubt::of(this->path());  // only of one that is there can others ask
+    if (isWritten) lock_ = FolderLock::tryAcquire(lockFile());
 }
 
 std::optional<std::filesystem::path> LoopFolder::fileOf(const FileURL& url) {
@@ -280,7 +279,7 @@ void LoopFolder::sync(const FileURL& url) {
                               error.code() == std::errc::no_such_file_or_directory ||
                               error.code() == make_error_code(FileFault::fileNotRegular);
         if (error.step() == "open" && isNotOwn) return;
-        throw;
+        throw error.notInPlace();  // the file written anew may be, what is to name it is not
     }
 }
 

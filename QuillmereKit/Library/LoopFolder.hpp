@@ -155,7 +155,7 @@ private:
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;
     const std::string urlPrefix_;  // the text of the folder's URL and "/"
-    const std::shared_ptr<SyncDoubt> doubt_;
+    std::shared_ptr<SyncDoubt> doubt_;
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced

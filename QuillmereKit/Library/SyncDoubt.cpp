@@ -1,22 +1,42 @@
 #include "QuillmereKit/Library/SyncDoubt.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cstdint>
 #include <map>
-#include <system_error>
+#include <optional>
 #include <utility>
 
 namespace quillmere {
+namespace {
+
+/// Which folder it is, whatever it is called: its device, its number there, and, since the number of one that is gone
+/// is given to another, when it was made, where the file system tells.
+using FolderKey = std::array<std::uint64_t, 5>;
+
+std::optional<FolderKey> keyOf(const std::filesystem::path& folder) noexcept {
+    struct statx facts {};
+    if (::statx(AT_FDCWD, folder.c_str(), 0, STATX_INO | STATX_BTIME, &facts) != 0) return std::nullopt;
+    const bool isTold = (facts.stx_mask & STATX_BTIME) != 0;
+    return FolderKey{facts.stx_dev_major, facts.stx_dev_minor, facts.stx_ino,
+                     isTold ? static_cast<std::uint64_t>(facts.stx_btime.tv_sec) : 0,
+                     isTold ? facts.stx_btime.tv_nsec : 0};
+}
+
+}  // namespace
 
 std::shared_ptr<SyncDoubt> SyncDoubt::of(const std::filesystem::path& folder) {
     // Never destroyed: a store may be opened or closed while the process ends.
     static auto& mutex = *new std::mutex;
-    static auto& doubts = *new std::map<std::filesystem::path, std::shared_ptr<SyncDoubt>>;
+    static auto& doubts = *new std::map<FolderKey, std::shared_ptr<SyncDoubt>>;
 
-    std::error_code error;
-    auto place = std::filesystem::weakly_canonical(folder, error);
-    if (error) place = folder;
+    const auto key = keyOf(folder);
+    if (!key) return std::make_shared<SyncDoubt>();
     const std::lock_guard lock(mutex);
     std::erase_if(doubts, [](const auto& doubt) { return doubt.second.use_count() == 1 && doubt.second->isNone(); });
-    auto& doubt = doubts[std::move(place)];
+    auto& doubt = doubts[*key];
     if (!doubt) doubt = std::make_shared<SyncDoubt>();
     return doubt;
 }

@@ -23,8 +23,8 @@ public:
         std::set<std::filesystem::path> folders;  ///< Folders, for all files directly in them.
     };
 
-    /// The one of the folder at a standard path, shared by all who ask for it, under whatever name. Asks the disk which
-    /// folder that is.
+    /// The one of the folder at a path, shared by all who ask for it, under whatever name. Asks the disk which folder
+    /// that is; of one that is not there or cannot be looked at, one of its own.
     [[nodiscard]] static std::shared_ptr<SyncDoubt> of(const std::filesystem::path& folder);
 
     /// What a failed sync of a file below the folder, or of one of the folders it lies in, throws doubt on. To be made

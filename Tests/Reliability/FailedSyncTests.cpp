@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "QuillmereKit/Library/LoopStore.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 
@@ -125,6 +128,30 @@ TEST_P(FailedSyncs, AreNotMadeGoodByOpeningTheFolderAnew) {
         stage.checkListedIsSafe(calls);
         if (HasFailure() || struck.empty()) return;
     }
+}
+
+TEST(FailedSyncsOfAudio, WrittenAnewPutNoRecordInPlace) {
+    const TemporaryFolder home;
+    const auto file = home.putFile("Loops/piece.wav", "RIFF");
+    const auto piece = LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1), FileURL::fromPath(file));
+    LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
+    {
+        const SystemCallFaults faults({.failing = 1, .error = EIO, .call = "fsync", .persists = true});
+        EXPECT_THROW(store.addPersistent(piece), FileError);
+    }
+
+    // Now it is written anew: that is synced, and the folder with its new name is not.
+    try {
+        const SystemCallFaults faults({.failing = 2, .error = EIO, .call = "fsync"});
+        store.addPersistent(piece);
+        ADD_FAILURE() << "stored";
+    } catch (const FileError& error) {
+        EXPECT_FALSE(error.isInPlace());
+    }
+
+    EXPECT_FALSE(std::filesystem::exists(home.path() / "Loops" / "manifest.json"));
+    store.addPersistent(piece);
+    EXPECT_TRUE(std::filesystem::exists(home.path() / "Loops" / "manifest.json"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, FailedSyncs, testing::ValuesIn(operations()),
