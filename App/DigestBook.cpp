@@ -59,36 +59,27 @@ DigestBook::DigestBook(const std::filesystem::path& folder) : file_(folder / fil
     try {
         catchUp();
     } catch (const FileError& error) {
-        problem_ = cannotBeRead(file_, error);  // the first save asks again
+        problem_ = cannotBeRead(file(), error);  // the first save asks again
     }
 }
 
 // Takes in what the file holds, unless that is known. Where it is gone or damaged, what is known of it stands. Throws
 // `FileError` where it cannot be read now.
 void DigestBook::catchUp() {
-    const auto facts = replacedFile::lookAt(file_);
-    if (!facts || facts == known_) return;
-    const auto noteDamage = [&](const Error& error) {
-        problem_ = cannotBeRead(file_, error);
-        reasonToKeep_ = "unreadable";
-    };
-    try {
-        const auto text = readFileIfPresent(file_, mostBytes);
-        if (!text) return;
+    const auto take = [&](std::string_view text) {
         std::size_t dropped = 0;
-        digests_ = digestsIn(*text, dropped);
+        digests_ = digestsIn(text, dropped);
         problem_.reset();
         reasonToKeep_ = dropped > 0 ? "before" : "";
         if (dropped > 0) {
-            problem_ = std::to_string(dropped) + " of the digests in \"" + file_.string() + "\" cannot be read.";
+            problem_ = std::to_string(dropped) + " of the digests in \"" + file().string() + "\" cannot be read.";
         }
-    } catch (const FileError& error) {
-        if (!replacedFile::isForGood(error)) throw;
-        noteDamage(error);
-    } catch (const JSONError& error) {
-        noteDamage(error);
-    }
-    known_ = facts;
+    };
+    const auto noteDamage = [&](const Error& error) {
+        problem_ = cannotBeRead(file(), error);
+        reasonToKeep_ = "unreadable";
+    };
+    file_.catchUp(mostBytes, take, noteDamage);
 }
 
 std::optional<std::string> DigestBook::digest(std::string_view fingerprint) const {
@@ -119,47 +110,34 @@ DigestBook::Digests DigestBook::changed() const {
 }
 
 void DigestBook::save(const std::function<bool(const std::string&)>& isStored) {
-    if (changes_.empty() && !isUnsynced_) return;
+    if (changes_.empty() && !file_.isUnsynced()) return;
     catchUp();
     Digests next = changed();
-    if (next == digests_ && !isUnsynced_) {
+    if (next == digests_ && !file_.isUnsynced()) {
         changes_.clear();
         return;
     }
     if (next.size() > mostDigests) std::erase_if(next, [&](const auto& entry) { return !isStored(entry.first); });
     if (next.size() > mostDigests) {
-        throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+        throw FileError("write", file(), std::make_error_code(std::errc::file_too_large));
     }
     const auto text = textOf(next);
 
     if (!reasonToKeep_.empty()) {
         const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
         try {
-            replacedFile::keep(file_, reasonToKeep_, now);
+            replacedFile::keep(file(), reasonToKeep_, now);
         } catch (const FileError& error) {
             throw error.notInPlace();
         }
     }
     reasonToKeep_ = {};
     // From here on nothing but the writing can fail.
-    const auto follow = [&]() noexcept {
+    file_.write(text, [&]() noexcept {
         digests_ = std::move(next);
         changes_.clear();
         problem_.reset();
-    };
-    try {
-        writeDurably(file_, text);
-    } catch (const FileError& error) {
-        if (error.isInPlace()) {
-            follow();
-            known_.reset();
-            isUnsynced_ = true;
-        }
-        throw;
-    }
-    follow();
-    known_ = factsOf(file_);
-    isUnsynced_ = false;
+    });
 }
 
 }  // namespace quillmere::app

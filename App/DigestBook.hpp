@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "QuillmereKit/Platform/FileSystem.hpp"
+#include "App/KnownFile.hpp"
 
 namespace quillmere::app {
 
@@ -33,7 +33,7 @@ public:
     /// Reads the file in a library's folder. Never fails: a missing or unreadable one holds no digest.
     explicit DigestBook(const std::filesystem::path& folder);
 
-    [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+    [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_.path(); }
 
     /// Why the file, or a part of it, could not be read.
     [[nodiscard]] const std::optional<std::string>& problem() const noexcept { return problem_; }
@@ -58,14 +58,12 @@ private:
     void catchUp();
     [[nodiscard]] Digests changed() const;
 
-    std::filesystem::path file_;
+    KnownFile file_;
     Digests digests_;  // in the file, as last read or written
     std::map<std::string, std::optional<std::string>, std::less<>>
-        changes_;                     // noted since; nothing for a forgotten one
-    std::optional<FileFacts> known_;  // the file as last read or written
+        changes_;  // noted since; nothing for a forgotten one
     std::optional<std::string> problem_;
     std::string_view reasonToKeep_;  // why the file must be kept aside before it is replaced; empty if it need not
-    bool isUnsynced_ = false;        // what was last saved is in place, and a power cut may undo it
 };
 
 }  // namespace quillmere::app

@@ -82,7 +82,7 @@ SettingsFile::SettingsFile(std::filesystem::path file) : file_(std::move(file)) 
     try {
         catchUp();
     } catch (const FileError& error) {
-        choices_.problems.push_back(cannotBeRead(file_, error));  // the first change asks again
+        choices_.problems.push_back(cannotBeRead(file_.path(), error));  // the first change asks again
     }
 }
 
@@ -97,7 +97,7 @@ SettingsFile::Choices SettingsFile::choices(Members members) const {
             read(name, document.root(), made.settings);
         } catch (const JSONError& error) {
             made.notUnderstood.insert(name);
-            made.problems.push_back("The setting \"" + name + "\" in \"" + file_.string() +
+            made.problems.push_back("The setting \"" + name + "\" in \"" + file().string() +
                                     "\" is not understood, its default counts: " + error.what());
         }
     }
@@ -108,36 +108,27 @@ SettingsFile::Choices SettingsFile::choices(Members members) const {
 // Takes in what the file holds, unless that is known. Where it is gone or damaged, what is known of it stands. Throws
 // `FileError` where it cannot be read now.
 void SettingsFile::catchUp() {
-    const auto facts = replacedFile::lookAt(file_);
-    if (!facts || facts == known_) return;
+    const auto take = [&](std::string_view text) {
+        choices_ = choices(membersIn(text));
+        isDamaged_ = false;
+    };
     const auto noteDamage = [&](const Error& error) {
-        choices_.problems = {cannotBeRead(file_, error)};
+        choices_.problems = {cannotBeRead(file(), error)};
         isDamaged_ = true;
     };
-    try {
-        const auto text = readFileIfPresent(file_, mostBytes);
-        if (!text) return;
-        choices_ = choices(membersIn(*text));
-        isDamaged_ = false;
-    } catch (const FileError& error) {
-        if (!replacedFile::isForGood(error)) throw;
-        noteDamage(error);
-    } catch (const JSONError& error) {
-        noteDamage(error);
-    }
-    known_ = facts;
+    file_.catchUp(mostBytes, take, noteDamage);
 }
 
 void SettingsFile::reset(std::string_view name) {
     catchUp();
-    if (choices_.members.contains(name) || isUnsynced_) replace(name, std::nullopt);
+    if (choices_.members.contains(name) || file_.isUnsynced()) replace(name, std::nullopt);
 }
 
 // The right to replace the file, among all processes, and what it holds now.
 std::shared_ptr<FolderLock> SettingsFile::beginChange() {
-    const auto folder = file_.parent_path();
+    const auto folder = file().parent_path();
     createFolders(folder);
-    auto lock = replacedFile::lockFor(file_);
+    auto lock = replacedFile::lockFor(file());
     removeOldTemporaries(folder);
     catchUp();
     return lock;
@@ -145,10 +136,10 @@ std::shared_ptr<FolderLock> SettingsFile::beginChange() {
 
 void SettingsFile::keepWhatIsLost(std::string_view name) {
     if (!isDamaged_ && !choices_.notUnderstood.contains(name)) return;
-    if (kept_ == known_) return;  // a change that failed has kept it
+    if (kept_ == file_.facts()) return;  // a change that failed has kept it
     const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
-    replacedFile::keep(file_, isDamaged_ ? "unreadable" : "before", now);
-    kept_ = known_;
+    replacedFile::keep(file(), isDamaged_ ? "unreadable" : "before", now);
+    kept_ = file_.facts();
 }
 
 void SettingsFile::replace(std::string_view name, std::optional<std::string> json) {
@@ -166,29 +157,16 @@ void SettingsFile::replace(std::string_view name, std::optional<std::string> jso
         }
         next = choices(std::move(members));
         text = textOf(next.members);
-        if (text.size() > mostBytes) throw FileError("write", file_, std::make_error_code(std::errc::file_too_large));
+        if (text.size() > mostBytes) throw FileError("write", file(), std::make_error_code(std::errc::file_too_large));
         keepWhatIsLost(name);
     } catch (const FileError& error) {
         throw error.notInPlace();  // whatever is in place here, the choice is not
     }
     // From here on nothing but the writing can fail.
-    const auto follow = [&]() noexcept {
+    file_.write(text, [&]() noexcept {
         choices_ = std::move(next);
         isDamaged_ = false;
-    };
-    try {
-        writeDurably(file_, text);
-    } catch (const FileError& error) {
-        if (error.isInPlace()) {
-            follow();
-            known_.reset();
-            isUnsynced_ = true;
-        }
-        throw;
-    }
-    follow();
-    known_ = factsOf(file_);
-    isUnsynced_ = false;
+    });
 }
 
 }  // namespace quillmere::app

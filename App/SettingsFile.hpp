@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "App/KnownFile.hpp"
 #include "QuillmereKit/Generation/GenerationMode.hpp"
 #include "QuillmereKit/Generation/GenerationModel.hpp"
 #include "QuillmereKit/Generation/GenerationPace.hpp"
@@ -55,7 +56,7 @@ public:
     /// Reads the file. Never fails: a missing file holds no choice, and what is wrong with another, `problems` tells.
     explicit SettingsFile(std::filesystem::path file = defaultFile());
 
-    [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+    [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_.path(); }
 
     /// The choices as they were last read or written.
     [[nodiscard]] const Settings& settings() const noexcept { return choices_.settings; }
@@ -90,12 +91,10 @@ private:
     void keepWhatIsLost(std::string_view name);
     void replace(std::string_view name, std::optional<std::string> json);
 
-    std::filesystem::path file_;
+    KnownFile file_;
     Choices choices_;
-    std::optional<FileFacts> known_;  // the file as last read or written
-    std::optional<FileFacts> kept_;   // the one of which a copy was kept last
-    bool isDamaged_ = false;          // what `known_` is of can never be read
-    bool isUnsynced_ = false;         // the last change is in place, and a power cut may undo it
+    std::optional<FileFacts> kept_;  // the file of which a copy was kept last
+    bool isDamaged_ = false;         // the file as it is known can never be read
 };
 
 }  // namespace quillmere::app

@@ -10,8 +10,8 @@
 #include "QuillmereKit/Platform/FolderLock.hpp"
 
 /// What the stores share that keep a list of the user's in one file and replace it whole, and in part the library's
-/// folder with its manifest: absence and damage are told
-/// from a disk that cannot answer. Not part of the library's interface. Thread-safe; blocks on disk.
+/// folder with its manifest: absence and damage are told from a disk that cannot answer. Not part of the library's
+/// interface. Thread-safe; blocks on disk.
 namespace quillmere::replacedFile {
 
 /// What stands at a path, links not followed, or nothing where certainly nothing does. Throws `FileError` where that
