@@ -7,9 +7,9 @@
 #include <functional>
 #include <future>
 #include <set>
-#include <unordered_set>
 #include <utility>
 
+#include "QuillmereKit/Library/UsedFiles.hpp"
 #include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
@@ -353,6 +353,10 @@ bool LoopFolder::load(LoopTable& table) {
     }
     manifest.reset();
 
+    listLocks_.clear();
+    for (const auto& entry : listing) {
+        if (entry.name.ends_with(lockName) && entry.name != lockName) listLocks_.push_back(entry.name);
+    }
     std::erase_if(listing, [](const FolderEntry& entry) {
         const bool isMigration = entry.name.starts_with(migrationPrefix) && entry.name.ends_with(migrationSuffix);
         const bool isFile = entry.kind == FileFacts::Kind::regular && (isTemporaryFileName(entry.name) || isMigration);
@@ -364,39 +368,36 @@ bool LoopFolder::load(LoopTable& table) {
 }
 
 void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating) {
+    if (!lock_) return;
     const auto leftovers = std::exchange(leftovers_, {});
     // Without a readable manifest nobody knows what the folder's files are for.
-    if (!lock_ || reasonToKeep_ == unreadable) return;
+    if (reasonToKeep_ == unreadable) return;
+    const bool isWhole = !reasonToKeep_;  // an entry that was dropped may name any of them but a temporary file
+    const bool areListsAtRest =
+        std::ranges::none_of(listLocks_, [&](const auto& name) { return FolderLock::isHeld(path() / name); });
     std::vector<std::filesystem::path> files;
     std::vector<std::filesystem::path> folders;
     std::vector<std::filesystem::path> empty;  // perhaps: what was in them went before the process did
     for (const auto& entry : leftovers) {
         const auto place = path() / entry.name;
-        if (entry.kind == FileFacts::Kind::regular && !migrating.contains(place)) files.push_back(place);
+        if (entry.kind == FileFacts::Kind::regular) {
+            const bool isDead =
+                isTemporaryFileName(entry.name) ? areListsAtRest : isWhole && !migrating.contains(place);
+            if (isDead) files.push_back(place);
+        }
         // A working folder without a lock file may be another program's: only a free lock proves that its run is over.
-        if (entry.kind != FileFacts::Kind::folder) continue;
+        if (entry.kind != FileFacts::Kind::folder || !isWhole) continue;
         if (isFree(place / lockName)) folders.push_back(place);
         if (isNothingAt(place / lockName)) empty.push_back(place);
     }
     if (files.empty() && folders.empty() && empty.empty()) return;
 
-    // Where the folder is reached through a link, a piece may name its file by another way into it.
-    std::error_code error;
-    const auto real = std::filesystem::canonical(path(), error);
-    if (error) return;
-    std::unordered_set<std::string> used;  // every path inside the folder that an entry needs, the folders too
-    const auto use = [&](std::filesystem::path place) {
-        for (; place != path(); place = place.parent_path()) used.insert(place.native());
-    };
-    table.forEach([&](const StoredLoop& loop) {
-        if (loop.isInside) return use(fileInside(loop));
-        const auto file = fileOf(loop.url);
-        if (!file) return;
-        const auto place = std::filesystem::weakly_canonical(*file, error);
-        if (!error && place.native().starts_with(real.native() + "/")) use(path() / place.lexically_relative(real));
-    });
-    std::erase_if(files, [&](const auto& file) { return used.contains(file.native()); });
-    std::erase_if(folders, [&](const auto& folder) { return used.contains(folder.native()); });
+    // A piece may name its file by another way, through links in the folder or from outside.
+    UsedFiles used(*this);
+    table.forEach([&](const StoredLoop& loop) { used.add(loop); });
+    if (used.doubt()) return;
+    std::erase_if(files, [&](const auto& file) { return used.contains(file); });
+    std::erase_if(folders, [&](const auto& folder) { return used.containsBelow(folder); });
     for (const auto& file : files) {
         ignoringFailure([&] { remembering(SyncDoubt::reachOfFolder({}), [&] { files_.remove(file); }); });
     }
@@ -406,12 +407,12 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
 
 void LoopFolder::takeLock() {
     createFolders(path());
-    lock_.reset();
     lock_ = FolderLock::acquire(lockFile());
 }
 
-bool LoopFolder::isManifestForeign() const noexcept {
-    return !isNothingAt(manifestFile_) && manifest_ != factsOf(manifestFile_);
+bool LoopFolder::isManifestForeign() const {
+    const auto present = replacedFile::lookAt(manifestFile_);
+    return present && present != manifest_;
 }
 
 void LoopFolder::save(std::string_view manifest, Scope scope) {
@@ -419,16 +420,20 @@ void LoopFolder::save(std::string_view manifest, Scope scope) {
         throw FileError("write", manifestFile_, std::make_error_code(std::errc::file_too_large));
     }
     // A manifest that somebody else put there since is not ours to lose.
+    const auto present = replacedFile::lookAt(manifestFile_);
+    const bool isForeign = present && present != manifest_;
     const bool losesEntries = scope == Scope::inside && listsOutside_;
-    if ((isManifestForeign() || losesEntries) && !reasonToKeep_) reasonToKeep_ = before;
+    if ((isForeign || losesEntries) && !reasonToKeep_) reasonToKeep_ = before;
     const auto ofNames = SyncDoubt::reachOfFolder({});
-    if (reasonToKeep_ && !isNothingAt(manifestFile_)) {
+    // Who tries again for as long as the disk is full must not push out the copies that count.
+    if (reasonToKeep_ && present && present != kept_) {
         try {
             const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
             remembering(ofNames, [&] { keepCopyAside(manifestFile_, *reasonToKeep_, now); });
         } catch (const FileError& error) {
             throw error.notInPlace();  // the copy may be, the manifest is not
         }
+        kept_ = present;
     }
     reasonToKeep_.reset();
     if (losesEntries) listsOutside_ = false;

@@ -106,7 +106,9 @@ public:
 
     /// Removes what dead processes had left in the folder when it was loaded, if this one may write in it and the
     /// manifest could be read: temporary files, those of migrations too, and renderers' working folders whose lock file
-    /// is free. Spares what an entry uses, and the files of `migrating`, which this process is working on.
+    /// is free. Spares what an entry uses, the files of `migrating`, which this process is working on, and temporary
+    /// files while somebody writes a list of the user's in this folder. Where it cannot be told what the entries use,
+    /// nothing is removed, and where not all could be read, no more than temporary files; the next start tries again.
     void cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating);
 
     /// Whether this process may write in the folder: it holds the lock on the lock file that is there now.
@@ -116,15 +118,16 @@ public:
     /// and `FileError` if the folder cannot be made.
     void takeLock();
 
-    /// Whether the manifest is there and another than this process last read or wrote.
-    [[nodiscard]] bool isManifestForeign() const noexcept;
+    /// Whether the manifest is there and another than this process last read or wrote. Throws `FileError` where that
+    /// cannot be told.
+    [[nodiscard]] bool isManifestForeign() const;
 
     /// Whether the manifest could not be read when that was last tried, for a reason that may have passed: an input
     /// error, a missing right. One whose text is damaged was read.
     [[nodiscard]] bool isManifestUnread() const noexcept { return isUnread_; }
     /// Why, where it was the system that refused: read again, the manifest may be there.
     [[nodiscard]] const std::optional<FileError>& refusal() const noexcept { return refusal_; }
-    /// Lets the manifest count as unread: what was read of it was lost again.
+    /// Lets the manifest count as unread: what was read of it was lost again, or is not what it holds now.
     void forgetManifest() noexcept { isUnread_ = true; }
 
     /// Which entries a manifest's text lists.
@@ -159,11 +162,13 @@ private:
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
+    std::optional<FileFacts> kept_;                 // the one of which a copy was kept last
     bool listsOutside_ = false;                     // it names files elsewhere of which no copy is kept
     bool isOutsideNew_ = false;                     // it will, once it lists all
     bool isUnread_ = false;
     std::optional<FileError> refusal_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
+    std::vector<std::string> listLocks_;  // and the locks of lists that lie in the folder
 };
 
 }  // namespace quillmere

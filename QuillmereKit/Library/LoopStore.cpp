@@ -65,24 +65,6 @@ bool isPartOfFileName(std::string_view moodID) {
            moodID.find('\0') == std::string_view::npos;
 }
 
-// Whether a standard path lies below a folder's, by text alone; no folder has an empty path.
-bool isBelow(const std::filesystem::path& folder, const std::filesystem::path& place) {
-    return !folder.empty() && place.native().starts_with(folder.native() + "/");
-}
-
-// Whether a link lies on a path, as far as that can be looked at.
-bool goesThroughALink(const std::filesystem::path& file) {
-    std::filesystem::path place;
-    for (const auto& component : file) {
-        place /= component;
-        std::error_code error;
-        const auto type = std::filesystem::symlink_status(place, error).type();
-        if (type == std::filesystem::file_type::symlink) return true;
-        if (error) return false;
-    }
-    return false;
-}
-
 }  // namespace
 
 template <>
@@ -100,38 +82,6 @@ LoopStore::BundledSeed decode<LoopStore::BundledSeed>(const JSONValue& value) {
 
 // MARK: the state that stores share
 
-UsedFiles::UsedFiles(const LoopFolder& folder) : folder_(folder) {
-    realFolder_ = std::filesystem::canonical(folder.path(), folderError_);
-    if (LoopFolder::meansNoFile(folderError_)) folderError_.clear();
-}
-
-void UsedFiles::add(const StoredLoop& loop) {
-    if (loop.isPlain) {
-        names_.insert(*folder_.plainName(loop.url));
-        return;
-    }
-    const auto file = LoopFolder::fileOf(loop.url);
-    if (!file) return;
-    const auto place = standardPath(*file);
-    paths_.insert(place.native());
-    if (folderError_ && !doubt_) doubt_.emplace("look at", folder_.path(), folderError_);
-    std::error_code error;
-    const auto real = std::filesystem::canonical(*file, error);
-    if (!error) {
-        paths_.insert(real.native());
-    } else if (!doubt_ && !LoopFolder::meansNoFile(error)) {
-        if (isBelow(realFolder_, place) || folder_.names(place) || goesThroughALink(*file)) {
-            doubt_.emplace("look at", *file, error);
-        }
-    }
-}
-
-bool UsedFiles::contains(const std::filesystem::path& file) const {
-    if (file.parent_path() == folder_.path() && names_.contains(file.filename().native())) return true;
-    if (paths_.contains(file.native())) return true;
-    return paths_.contains((realFolder_ / file.lexically_relative(folder_.path())).native());
-}
-
 LoopStore::State::State(std::filesystem::path directory, Access access)
     : folder(std::move(directory), access == Access::writing) {
     folder.load(table);
@@ -143,41 +93,80 @@ std::shared_ptr<LoopStore::State> LoopStore::State::open(const std::filesystem::
     static auto& mutex = *new std::mutex;
     static auto& states = *new std::vector<std::weak_ptr<State>>;
 
-    const std::lock_guard lock(mutex);
-    std::erase_if(states, [](const auto& state) { return state.expired(); });
-    for (const auto& weak : states) {
-        auto state = weak.lock();
-        std::error_code ignored;
-        const bool isSame = state && (state->folder.path() == directory ||
-                                      std::filesystem::equivalent(state->folder.path(), directory, ignored));
-        if (isSame) return state;
+    std::shared_ptr<State> shared;
+    {
+        const std::lock_guard lock(mutex);
+        std::erase_if(states, [](const auto& state) { return state.expired(); });
+        for (const auto& weak : states) {
+            auto state = weak.lock();
+            std::error_code ignored;
+            const bool isSame = state && (state->folder.path() == directory ||
+                                          std::filesystem::equivalent(state->folder.path(), directory, ignored));
+            if (isSame) {
+                shared = std::move(state);
+                break;
+            }
+        }
+        if (!shared) {
+            auto state = std::make_shared<State>(directory, access);
+            states.push_back(state);
+            return state;
+        }
     }
-    auto state = std::make_shared<State>(directory, access);
-    states.push_back(state);
-    return state;
+    if (access == Access::writing) {
+        const std::lock_guard lock(shared->mutex);
+        shared->beginWriting();
+    }
+    return shared;
 }
 
 void LoopStore::State::putAll(std::span<LoopArtifact> artifacts) {
-    std::set<LoopKey> keys;
+    Unsaved changes;
     std::vector<LoopTable::Item> items;
     items.reserve(artifacts.size());
     for (auto& artifact : artifacts) {
         const auto place = folder.placeOf(artifact.url);
         if (!place.isInside) folder.noteOutside();
-        keys.insert(LoopKey::of(artifact.identity));
+        const auto key = LoopKey::of(artifact.identity);
+        const auto* const listed = table.find(key);
+        auto& inItsPlace = changes[key];
+        if (listed != nullptr && inItsPlace.empty()) inItsPlace.push_back(listed->artifact());
         items.push_back({std::move(artifact), place});
     }
     table.putAll(items);
-    unsaved.merge(keys);
+    unsaved.merge(changes);  // what the manifest lists is known longer of those that are in there
+}
+
+std::size_t LoopStore::State::remove(std::span<const LoopKey> keys) noexcept {
+    const auto count = table.remove(keys);
+    hasRemovals = hasRemovals || count > 0;
+    return count;
 }
 
 void LoopStore::State::requireLock() {
-    if (folder.hasLock()) {
-        if (folder.isManifestUnread()) catchUp();
-        return;
+    const bool hadLock = folder.hasLock();
+    if (!hadLock) {
+        folder.takeLock();
+        try {
+            if (folder.isManifestForeign()) folder.forgetManifest();
+        } catch (const FileError&) {
+            folder.forgetManifest();  // whether others wrote it is asked again before anything replaces it
+            throw;
+        }
     }
-    folder.takeLock();
-    if (folder.isManifestForeign() || folder.isManifestUnread()) catchUp();
+    if (folder.isManifestUnread()) {
+        catchUp();
+    } else if (!hadLock) {
+        folder.cleanLeftovers(table, migrating);
+    }
+}
+
+void LoopStore::State::beginWriting() {
+    try {
+        requireLock();
+    } catch (const Error&) {
+        // The first change asks again, and says so.
+    }
 }
 
 // The library as it is on disk, with what this process has stored and could not save. Also for a manifest that could
@@ -185,6 +174,7 @@ void LoopStore::State::requireLock() {
 // system refuses once more is left to the next change.
 void LoopStore::State::catchUp() {
     LoopTable present;
+    Unsaved changes;
     try {
         if (!folder.load(present)) {
             if (folder.refusal()) throw FileError(*folder.refusal());
@@ -192,47 +182,96 @@ void LoopStore::State::catchUp() {
             return;
         }
         table.forEach([&](const StoredLoop& loop) {
-            const bool isUnsaved = unsaved.contains(loop.key);
+            const auto unwritten = unsaved.find(loop.key);
+            const bool isUnsaved = unwritten != unsaved.end();
             // Where both know the piece, only what was stored here since counts more than what was written, and not if
             // the other process has moved the piece to another file. A piece that only this one knows was removed by
-            // the other, unless it was never written, or lies outside the folder: ordinary saves leave those out.
+            // the other, with its file, unless it was never written, or lies outside the folder: ordinary saves leave
+            // those out.
             const auto* theirs = present.find(loop.key);
-            const bool isKept = theirs == nullptr
-                                    ? isUnsaved || !loop.isInside
-                                    : isUnsaved && (theirs->url == loop.url || LoopFolder::isCertainlyThere(loop.url));
-            if (isKept) present.put({loop.artifact(), folder.placeOf(loop.url)});
+            bool isKept = false;
+            if (theirs != nullptr) {
+                isKept = isUnsaved && (theirs->url == loop.url || LoopFolder::isCertainlyThere(loop.url));
+            } else {
+                isKept = !loop.isInside ||
+                         (isUnsaved && (unwritten->second.empty() || LoopFolder::isCertainlyThere(loop.url)));
+            }
+            if (!isKept) return;
+            if (isUnsaved) {
+                auto& inItsPlace = changes[loop.key];
+                if (theirs != nullptr) inItsPlace.push_back(theirs->artifact());
+            }
+            present.put({loop.artifact(), folder.placeOf(loop.url)});
         });
     } catch (...) {
         folder.forgetManifest();  // replaced unread, it would cost what others wrote
         throw;
     }
     table = std::move(present);
+    unsaved = std::move(changes);
     folder.cleanLeftovers(table, migrating);
 }
 
+// The table with what the manifest lists in the place of these pieces.
+LoopTable LoopStore::State::listedInsteadOf(const Unsaved& unsafe) const {
+    std::vector<LoopTable::Item> items;
+    items.reserve(table.count());
+    table.forEach([&](const StoredLoop& loop) {
+        const auto found = unsafe.find(loop.key);
+        if (found == unsafe.end()) {
+            items.push_back({loop.artifact(), {.isInside = loop.isInside, .isPlain = loop.isPlain}});
+        } else {
+            for (const auto& each : found->second) items.push_back({each, folder.placeOf(each.url)});
+        }
+    });
+    LoopTable listed;
+    listed.putAll(items);
+    return listed;
+}
+
 template <class MakeText>
-void LoopStore::State::write(LoopFolder::Scope scope, const MakeText& makeText) {
+void LoopStore::State::write(LoopFolder::Scope scope, std::optional<LoopKey> needed, const MakeText& makeText) {
+    Unsaved unsafe;
+    std::exception_ptr failure;
     try {
         requireLock();
         // Audio is durable before the manifest names it.
-        for (const auto key : unsaved) {
-            if (const auto* loop = table.find(key)) folder.sync(loop->url);
+        bool hasNews = hasRemovals;
+        for (const auto& [key, listed] : unsaved) {
+            const auto* const loop = table.find(key);
+            if (loop == nullptr) continue;
+            try {
+                folder.sync(loop->url);
+                hasNews = true;
+            } catch (const FileError&) {
+                if (key == needed) throw;
+                unsafe.emplace(key, listed);
+                if (!failure) failure = std::current_exception();
+            }
         }
-        folder.save(makeText(), scope);
+        if (unsafe.empty()) {
+            folder.save(makeText(table), scope);
+        } else if (hasNews) {
+            auto listed = listedInsteadOf(unsafe);
+            folder.save(makeText(listed), scope);
+        } else {
+            std::rethrow_exception(failure);
+        }
     } catch (...) {
         saveFailure = std::current_exception();
         throw;
     }
-    unsaved.clear();
-    saveFailure = nullptr;
+    unsaved = std::move(unsafe);
+    hasRemovals = false;
+    saveFailure = failure;
 }
 
-void LoopStore::State::save() {
-    write(LoopFolder::Scope::inside, [&]() -> const std::string& { return table.manifest(); });
+void LoopStore::State::save(std::optional<LoopKey> needed) {
+    write(LoopFolder::Scope::inside, needed, [](LoopTable& listed) -> const std::string& { return listed.manifest(); });
 }
 
-void LoopStore::State::savePretty() {
-    write(LoopFolder::Scope::all, [&] { return table.prettyManifest(); });
+void LoopStore::State::savePretty(LoopKey needed) {
+    write(LoopFolder::Scope::all, needed, [](const LoopTable& listed) { return listed.prettyManifest(); });
 }
 
 void LoopStore::State::saveIgnoringFailure() noexcept {
@@ -303,14 +342,30 @@ void LoopStore::State::mergeSeeds(const ResourceBundle& bundle, Access access) {
             }
             isChanged = true;
         }
-        for (const auto& fingerprint : seed.replaces.value_or(std::vector<std::string>{})) {
-            const auto replaced = LoopKey::fromText(fingerprint);
-            if (replaced && replaced != key && table.remove(std::array{*replaced}) > 0) isChanged = true;
-        }
+        if (removeReplaced(seed, key)) isChanged = true;
     }
     if (isChanged) saveIgnoringFailure();
     // What was saved without these pieces is not all that was to be saved.
     if (failure && !saveFailure) saveFailure = failure;
+}
+
+// Whether there were pieces that the seed replaces. They are listed until it is itself.
+bool LoopStore::State::removeReplaced(const BundledSeed& seed, LoopKey key) {
+    bool hasRemoved = false;
+    const auto unwritten = unsaved.find(key);
+    for (const auto& fingerprint : seed.replaces.value_or(std::vector<std::string>{})) {
+        const auto replaced = LoopKey::fromText(fingerprint);
+        const auto* const loop = replaced && replaced != key ? table.find(*replaced) : nullptr;
+        if (loop == nullptr) continue;
+        hasRemoved = true;
+        if (unwritten != unsaved.end()) {
+            unwritten->second.push_back(loop->artifact());
+            table.remove(std::array{*replaced});
+        } else {
+            remove(std::array{*replaced});
+        }
+    }
+    return hasRemoved;
 }
 
 // Whether the piece is in the table now. Throws `FileError` where its audio is there and could not be copied.
@@ -427,7 +482,7 @@ void LoopStore::addPersistent(LoopArtifact artifact) {
     const std::lock_guard lock(state_->mutex);
     const auto key = LoopKey::of(artifact.identity);
     state_->put(std::move(artifact));
-    state_->savePretty();
+    state_->savePretty(key);
     // The others are saved even if this piece cannot be; its caller has to know.
     const auto* loop = state_->table.find(key);
     if (loop && !loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));

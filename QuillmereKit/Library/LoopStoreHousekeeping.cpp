@@ -47,7 +47,7 @@ std::int64_t LoopStore::prune(const std::set<std::string>& keeping) {
     // An entry goes even where its file cannot be deleted: what the caller does not want is not offered again.
     std::erase_if(files, [&](const auto& file) { return used.contains(file); });
     folder.remove(files);
-    state_->table.remove(victims);
+    state_->remove(victims);
     state_->saveIgnoringFailure();
     return static_cast<std::int64_t>(victims.size());
 }
@@ -94,7 +94,7 @@ std::vector<LoopArtifact> LoopStore::trash(const std::function<bool(const LoopAr
         trashed.push_back(std::move(candidate.artifact));
     }
     if (trashed.empty()) return {};
-    state_->table.remove(keys);
+    state_->remove(keys);
     state_->saveIgnoringFailure();
     return trashed;
 }
@@ -123,7 +123,7 @@ bool LoopStore::setLoudness(const AudioLoudness& loudness, const LoopArtifact& a
     if (loop == nullptr || loop->artifact() != artifact) return false;
     if (!LoopFolder::isRegularFile(artifact.url)) return false;
     state_->put(artifact.withLoudness(loudness));
-    state_->save();
+    state_->save(key);
     return true;
 }
 

@@ -125,7 +125,7 @@ void LoopStore::State::discardOwn(const Discard& discard, const path& file) cons
 bool LoopStore::State::takeBack(const LoopArtifact& before) {
     put(before);
     try {
-        save();
+        save(LoopKey::of(before.identity));
         return true;
     } catch (const FileError& error) {
         return error.isInPlace();
@@ -136,10 +136,11 @@ bool LoopStore::State::takeBack(const LoopArtifact& before) {
 
 void LoopStore::State::record(const LoopArtifact& changed, const LoopArtifact& before) {
     try {
+        const auto key = LoopKey::of(changed.identity);
         put(changed);
-        save();
+        save(key);
         // A piece that no manifest can hold is left out of it, and then the manifest names no file of it.
-        if (table.find(LoopKey::of(changed.identity))->isEncodable) return;
+        if (table.find(key)->isEncodable) return;
         throw EncodingError("The manifest cannot hold this piece.");
     } catch (const FileError& error) {
         if (takeBack(before) || !error.isInPlace()) throw error.notInPlace();

@@ -8,41 +8,15 @@
 #include <optional>
 #include <set>
 #include <span>
-#include <string>
-#include <string_view>
-#include <system_error>
 #include <unordered_set>
 #include <vector>
 
 #include "QuillmereKit/Library/LoopFolder.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Library/LoopTable.hpp"
+#include "QuillmereKit/Library/UsedFiles.hpp"
 
 namespace quillmere {
-
-/// The files that some pieces use, whatever their URLs look like. Lives no longer than the pieces.
-class UsedFiles {
-public:
-    explicit UsedFiles(const LoopFolder& folder);
-
-    void add(const StoredLoop& loop);
-
-    /// Whether one of the pieces is known to use the folder's own file at this standard path.
-    [[nodiscard]] bool contains(const std::filesystem::path& file) const;
-
-    /// Why any file of the folder may be in use besides, and then none may be removed: the system does not say where a
-    /// piece's file lies, and its path is in the folder or goes through a link. What lies elsewhere, as far as can be
-    /// seen without a link on the way, is no file of the folder's, be it a mount that is gone.
-    [[nodiscard]] const std::optional<FileError>& doubt() const noexcept { return doubt_; }
-
-private:
-    const LoopFolder& folder_;
-    std::filesystem::path realFolder_;            // the folder without links; empty if it cannot be had
-    std::error_code folderError_;                 // why, unless it is not there
-    std::unordered_set<std::string_view> names_;  // of plain files directly in the folder
-    std::unordered_set<std::string> paths_;       // of all others, as they are spelled and where they really lie
-    std::optional<FileError> doubt_;
-};
 
 /// The files of one lossless migration.
 struct MigrationFiles {
@@ -68,17 +42,26 @@ struct LoopStore::State {
     /// The same for many, which are taken away: all of them, or none if memory runs out.
     void putAll(std::span<LoopArtifact> artifacts);
 
-    /// Writes the manifest in its ordinary form; throws what `LoopFolder::save` throws, and notes it.
-    void save();
+    /// Removes pieces from memory; how many of them were there.
+    std::size_t remove(std::span<const LoopKey> keys) noexcept;
+
+    /// Writes the manifest in its ordinary form. New audio that cannot be made safe stops no other piece: the manifest
+    /// then lists what it did in place of that piece, and why is noted. Throws, and notes, what `LoopFolder::save`
+    /// throws, and why the audio of the piece `needed` cannot be made safe; nothing is written then.
+    void save(std::optional<LoopKey> needed = std::nullopt);
 
     /// The same where no caller could act on a failure: it is only noted.
     void saveIgnoringFailure() noexcept;
 
     /// Writes the manifest with all pieces, in the form meant for people. Throws and notes as `save` does.
-    void savePretty();
+    void savePretty(LoopKey needed);
 
     /// Whether it is known which of the folder's files the pieces use; notes why not.
     [[nodiscard]] bool isSureOf(const UsedFiles& used);
+
+    /// Takes the lock for a store that is to write, as opening the folder for that would have done. Not to get it is no
+    /// failure yet: the first change says so.
+    void beginWriting();
 
     /// Calls `discard`; an exception counts as false.
     [[nodiscard]] static bool tryDiscard(const Discard& discard, const FileURL& url) noexcept;
@@ -120,21 +103,28 @@ struct LoopStore::State {
     /// The same where the caller only wants to know; notes why not.
     [[nodiscard]] bool mayChangeFiles() noexcept;
 
+    /// Pieces by fingerprint, each with what the manifest lists in its place: itself as it was, others that it
+    /// replaces.
+    using Unsaved = std::map<LoopKey, std::vector<LoopArtifact>>;
+
     std::mutex mutex;
     LoopFolder folder;
     LoopTable table;
     std::unordered_set<LoopKey> bundledIDs;     // all seeds of the application's resources, imported now or earlier
     std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
     std::set<std::filesystem::path> migrating;  // temporary files of the migrations at work
-    std::set<LoopKey> unsaved;                  // pieces stored since the last save that succeeded
+    Unsaved unsaved;                            // stored since they were last saved
+    bool hasRemovals = false;                   // pieces were removed since the last save
     std::exception_ptr saveFailure;             // of the last save, or why files had to stay; null if it succeeded
 
 private:
     bool importSeed(const LoopStore::BundledSeed& seed, const ResourceBundle& bundle);
+    bool removeReplaced(const LoopStore::BundledSeed& seed, LoopKey key);
     bool takeBack(const LoopArtifact& before);
     void catchUp();
+    [[nodiscard]] LoopTable listedInsteadOf(const Unsaved& unsafe) const;
     template <class MakeText>
-    void write(LoopFolder::Scope scope, const MakeText& makeText);
+    void write(LoopFolder::Scope scope, std::optional<LoopKey> needed, const MakeText& makeText);
 };
 
 }  // namespace quillmere

@@ -307,7 +307,15 @@ bool removeFolder(const std::filesystem::path& folder) {
 }
 
 std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::string_view reason, Date now) {
-    const auto copy = putAside(file, reason, now, [&](const auto& aside) { copyFile(file, aside); });
+    const auto copy = putAside(file, reason, now, [&](const auto& aside) {
+        try {
+            copyFile(file, aside);
+        } catch (const FileError& error) {
+            // Who tries again makes another: what may be gone tomorrow must not push out the copies that count.
+            if (error.isInPlace()) ::unlinkat(AT_FDCWD, aside.c_str(), 0);
+            throw;
+        }
+    });
     try {
         removeOldCopies(file, reason, copy);
     } catch (const FileError&) {

@@ -198,6 +198,42 @@ TEST_F(LoopStoreSafetyTests, ManifestThatSomebodyChangedMeanwhileIsKeptAside) {
     EXPECT_THAT(listedURLs(), SizeIs(2));
 }
 
+TEST_F(LoopStoreSafetyTests, PieceWhoseAudioCannotBeMadeSafeStopsNoOther) {
+    const auto unsafe = artifactAt(identity("deepcode"), FileURL::fromPath(folder / std::string(300, 'x')));
+    const auto first = piece("sprint");
+    const auto second = piece("winddown");
+    const auto third = piece("recovery");
+    {
+        auto store = open();
+        store.add(unsafe);
+        EXPECT_NE(store.lastSaveError(), std::nullopt);
+        EXPECT_THROW(store.addPersistent(unsafe), FileError);
+        store.add(first);
+        EXPECT_THAT(store.lastSaveError().value_or(""), HasSubstr("xxx")) << "of the one that is not saved";
+        store.addPersistent(second);
+        store.add({unsafe, third});
+        EXPECT_TRUE(store.setLoudness({.integratedLUFS = -18.0, .peak = 1, .seconds = 1}, first));
+        EXPECT_EQ(store.prune({unsafe.id(), first.id(), third.id()}), 1);
+        EXPECT_THAT(store.lastSaveError().value_or(""), HasSubstr("xxx"));
+        EXPECT_TRUE(store.contains(unsafe.identity));
+    }
+    const auto store = open();
+    EXPECT_EQ(store.count(), 2U);
+    EXPECT_TRUE(store.contains(first.identity));
+    EXPECT_TRUE(store.contains(third.identity));
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+}
+
+TEST_F(LoopStoreSafetyTests, PieceStaysListedAsItWasWhereItsNewAudioCannotBeMadeSafe) {
+    const auto listed = piece("deepcode");
+    writeManifest(std::vector{listed});
+    auto store = open();
+    store.add(listed.withURL(FileURL::fromPath(folder / std::string(300, 'x'))));
+    store.add(piece("sprint"));
+    EXPECT_NE(store.lastSaveError(), std::nullopt);
+    EXPECT_THAT(listedURLs(), testing::UnorderedElementsAre(listed.url.text(), piece("sprint").url.text()));
+}
+
 TEST_F(LoopStoreSafetyTests, OrdinaryUseKeepsNoCopies) {
     {
         auto store = open();
@@ -654,6 +690,55 @@ TEST_F(LoopStoreSharingTests, PieceThatCouldNotBeSavedYetGuardsItsWorkingFolder)
     EXPECT_THAT(listedURLs(), SizeIs(2));
 }
 
+TEST_F(LoopStoreSharingTests, PieceThatTheOtherProcessRemovedDoesNotComeBackWithAMeasurement) {
+    const auto removed = piece("deepcode");
+    const auto remade = piece("winddown");
+    writeManifest(std::vector{removed, remade});
+    std::optional<LoopStore> store;
+    {
+        const test::OtherProcess other(folder / ".lock");
+        store.emplace(folder, ResourceBundle(home.path() / "App"));
+        for (const auto& measured : {removed, remade}) {
+            EXPECT_THROW(store->setLoudness({.integratedLUFS = -18.0, .peak = 1, .seconds = 1}, measured),
+                         LibraryInUse);
+        }
+        std::filesystem::remove(removed.url.path());
+        writeManifest("[]");
+    }
+    store->add(piece("sprint"));
+    EXPECT_EQ(store->lastSaveError(), std::nullopt);
+    EXPECT_FALSE(store->contains(removed.identity));
+    EXPECT_TRUE(store->contains(remade.identity)) << "its file is there";
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
+TEST_F(LoopStoreSharingTests, SecondStoreThatIsToWriteTakesTheLockThatTheFirstDidNot) {
+    home.putFile("App/seeds.json", R"([{"file":"seed","seconds":1,"identity":)" +
+                                       encodeJSON(identity("sprint"), JSONWriter::Form::compact) + "}]");
+    home.putFile("App/seed.m4a", "audio");
+    for (const bool isRefused : {false, true}) {
+        SCOPED_TRACE(isRefused);
+        std::filesystem::remove_all(folder);
+        const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
+        std::optional<LoopStore> first;
+        if (isRefused) {
+            const test::OtherProcess other(folder / ".lock");
+            first.emplace(folder, ResourceBundle(home.path() / "App"));
+        } else {
+            first.emplace(folder, ResourceBundle(home.path() / "App"), nullptr, LoopStore::Access::reading);
+        }
+        EXPECT_EQ(first->count(), 0U);
+        EXPECT_FALSE(FolderLock::isHeld(folder / ".lock"));
+
+        const auto second = open();
+        EXPECT_TRUE(FolderLock::isHeld(folder / ".lock"));
+        EXPECT_FALSE(std::filesystem::exists(temporary));
+        EXPECT_TRUE(second.contains(identity("sprint")));
+        EXPECT_TRUE(first->contains(identity("sprint")));
+        EXPECT_THAT(listedURLs(), SizeIs(1));
+    }
+}
+
 TEST_F(LoopStoreSharingTests, StoreThatCameLateNeitherPrunesNorTrashesWhatItHasNotSeen) {
     auto other = std::make_optional<test::OtherProcess>(folder / ".lock");
     auto late = open();
@@ -811,6 +896,56 @@ TEST_F(LoopStoreLeftoverTests, FileThatAnEntryUsesIsNoLeftover) {
     EXPECT_EQ(store.count(), 2U);
     EXPECT_TRUE(std::filesystem::exists(folder / name));
     EXPECT_TRUE(std::filesystem::exists(folder / firstWork / "a.wav"));
+}
+
+TEST_F(LoopStoreLeftoverTests, FileThatAnEntryReachesThroughALinkInTheFolderIsNoLeftover) {
+    const auto inWork = home.putFile("Loops/" + firstWork + "/audio.wav", "precious");
+    home.putFile("Loops/" + firstWork + "/.lock", "");
+    const auto migrated = home.putFile("Loops/.take.wav.migration.m4a", "precious");
+    std::filesystem::create_directory_symlink(firstWork, folder / "folder");
+    std::filesystem::create_symlink(firstWork + "/audio.wav", folder / "file.wav");
+    std::filesystem::create_symlink(".take.wav.migration.m4a", folder / "take.m4a");
+    for (const auto& [name, audio] :
+         {std::pair("folder/audio.wav", inWork), std::pair("file.wav", inWork), std::pair("take.m4a", migrated)}) {
+        SCOPED_TRACE(name);
+        const auto listed = artifactAt(identity("deepcode"), FileURL::fromPath(folder / name));
+        writeManifest(std::vector{listed});
+        const auto store = open();
+        EXPECT_EQ(store.all(), std::vector{listed});
+        EXPECT_TRUE(std::filesystem::exists(audio));
+        // The next name is for a folder with both files again.
+        home.putFile("Loops/" + firstWork + "/audio.wav", "precious");
+        home.putFile("Loops/" + firstWork + "/.lock", "");
+        home.putFile("Loops/.take.wav.migration.m4a", "precious");
+    }
+}
+
+TEST_F(LoopStoreLeftoverTests, FileThatADroppedEntryNamesIsNoLeftoverAsLongAsTheManifestNamesIt) {
+    const auto audio = home.putFile("Loops/" + firstWork + "/audio.wav", "precious");
+    home.putFile("Loops/" + firstWork + "/.lock", "");
+    const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half");
+    const auto later = piece("deepcode");
+    writeManifest(std::vector{later.withURL(FileURL::fromPath(audio)), later});
+    {
+        auto store = open();
+        EXPECT_EQ(store.all(), std::vector{later}) << "of equal fingerprints the last counts";
+        EXPECT_TRUE(std::filesystem::exists(audio));
+        EXPECT_FALSE(std::filesystem::exists(temporary));
+        store.add(piece("sprint"));
+    }
+    static_cast<void>(open());
+    EXPECT_FALSE(std::filesystem::exists(audio)) << "no manifest names it any more, but for a copy";
+}
+
+TEST_F(LoopStoreLeftoverTests, TemporaryFilesStayWhileSomebodyWritesAListOfTheUsersInTheFolder) {
+    const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "moods, half written");
+    {
+        const test::OtherProcess other(folder / ".Moods.lock");
+        static_cast<void>(open());
+        EXPECT_TRUE(std::filesystem::exists(temporary));
+    }
+    static_cast<void>(open());
+    EXPECT_FALSE(std::filesystem::exists(temporary));
 }
 
 TEST_F(LoopStoreLeftoverTests, LinkOrFolderUnderATemporaryNameIsLeftAlone) {

@@ -99,6 +99,33 @@ TEST(LinkedLibraries, FinishedWorkThatAPieceNamesByItsRealPlaceIsNoLeftover) {
     }
 }
 
+TEST(LinkedLibraries, FinishedWorkStaysWhereTheRealPlaceOfAPieceCannotBeFoundOut) {
+    const std::string work = "Render-01234567-89AB-4DEF-8123-456789ABCDEF";
+    for (const char* call : {"realpath", "stat", "lstat", "readlink"}) {
+        for (int failing = 1;; ++failing) {
+            SCOPED_TRACE(call + (" " + std::to_string(failing)));
+            const TemporaryFolder home;
+            const auto audio = home.putFile("Real/" + work + "/audio.wav", "precious");
+            home.putFile("Real/" + work + "/.lock", "");
+            for (const char* name : {"Loops", "Another"}) {
+                std::filesystem::create_directory_symlink("Real", home.path() / name);
+            }
+            const auto piece =
+                LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1),
+                                             FileURL::fromPath(home.path() / "Another" / work / "audio.wav"));
+            home.putFile("Real/manifest.json", encodeJSON(std::vector{piece}, JSONWriter::Form::compact));
+            std::string struck;
+            {
+                const SystemCallFaults faults({.failing = failing, .error = EIO, .call = call});
+                const LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
+                struck = faults.struck();
+            }
+            EXPECT_TRUE(std::filesystem::exists(audio));
+            if (struck.empty() || testing::Test::HasFailure()) break;
+        }
+    }
+}
+
 TEST(LinkedLibraries, PieceElsewhereThatCannotBeLookedAtKeepsNoFileOfTheFolder) {
     UnseenPiece library("Mount/unseen.wav");
     library.home.putFile("Mount/unseen.wav", "RIFF");

@@ -221,6 +221,7 @@ Operation addSeveral() {
         for (const auto& each : several) put(fileOf(home, each), audio(each));
     };
     for (const auto& each : several) operation.isUnsynced.insert(inLoops(each));
+    operation.isPiecemeal = true;
     return operation;
 }
 

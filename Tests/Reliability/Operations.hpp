@@ -52,7 +52,8 @@ struct Operation {
     bool isOpening = false;                 ///< It reads the file anew, so that what it cannot read is not in memory.
     bool isDoneByAnyStart = false;          ///< So that it is done after the next start, whatever became of it.
     bool tellsByAnswer = false;             ///< What it could not do, a false or a smaller number tells.
-    bool isExact = true;  ///< An exception that does not say "in place" says that nothing was written.
+    bool isExact = true;       ///< An exception that does not say "in place" says that nothing was written.
+    bool isPiecemeal = false;  ///< Each entry that it adds may be there or not: what fails for one stops no other.
     /// Where the change takes two steps, what the store's file may hold between them, whatever ends it there.
     std::function<Lines(const std::filesystem::path& home)> midway = {};
     /// What the store's file listed before, and lists no longer when it is done: memory still holds it, and from then
