@@ -50,7 +50,7 @@ public:
           pace_(options.pace.value_or(host.settingsFile().settings().pace)),
           breakSeconds_(options.breakSeconds.value_or(interval(pace_))),
           seed_(options.seed.value_or(randomSeed())),
-          digests_(store_->directory()) {
+          digests_(Host::digests(*store_)) {
         queue_ = std::make_unique<GenerationQueue>(enginesFor(options.engine, store_), store_, options.seconds);
     }
 

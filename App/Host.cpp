@@ -104,6 +104,13 @@ const std::shared_ptr<LoopStore>& Host::writableStore() {
     return store();
 }
 
+DigestBook Host::digests(const LoopStore& store) {
+    DigestBook book(store.directory());
+    if (book.problem()) book = DigestBook(store.directory());  // what the disk did not give it may give now
+    if (book.problem()) warn(*book.problem());
+    return book;
+}
+
 SettingsFile& Host::settingsFile() {
     if (!settings_) {
         settings_.emplace();

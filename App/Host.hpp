@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "App/DigestBook.hpp"
 #include "App/ExitCode.hpp"
 #include "App/SettingsFile.hpp"
 #include "QuillmereKit/Library/LoopStore.hpp"
@@ -36,6 +37,9 @@ public:
     /// The same for a verb that changes the library. Throws `LibraryInUse` if another process holds it, before anything
     /// is done.
     [[nodiscard]] const std::shared_ptr<LoopStore>& writableStore();
+
+    /// The digests of a library's pieces; what could not be read of them, asked twice, is then said on standard error.
+    [[nodiscard]] static DigestBook digests(const LoopStore& store);
 
     /// The user's choices, read on first use; what could not be read of them is then said on standard error.
     [[nodiscard]] SettingsFile& settingsFile();

@@ -30,7 +30,10 @@ struct Refused {
 class Migration {
 public:
     explicit Migration(Host& host)
-        : host_(host), store_(host.writableStore()), own_(store_->directory()), digests_(store_->directory()) {}
+        : host_(host), store_(host.writableStore()), own_(store_->directory()), digests_(Host::digests(*store_)) {
+        // Packed now, damaged samples would count as those that were made.
+        if (digests_.problem()) throw Error("No piece is packed while the digests cannot be read whole.");
+    }
 
     void run() {
         const auto candidates = store_->losslessMigrationCandidates();
@@ -75,7 +78,7 @@ private:
                 refused_.push_back({fingerprint, "It has changed meanwhile.", false});
                 return;
             }
-            digests_.set(fingerprint, digest);
+            if (!made) digests_.set(fingerprint, digest);
             const auto now = store_->artifact(fingerprint);
             const auto place = now ? fileOf(*now) : std::nullopt;
             const auto result = place ? own_.facts(*place) : std::nullopt;

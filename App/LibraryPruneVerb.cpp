@@ -66,7 +66,7 @@ void prune(Host& host, double minutes, bool isWanted) {
     const bool isDone = isWanted && !plan.victims.empty();
     if (isDone) {
         store->prune(plan.keeping);
-        DigestBook digests(store->directory());
+        DigestBook digests = Host::digests(*store);
         for (const auto& victim : plan.victims) digests.forget(victim.piece.id());
         try {
             digests.save([&](const std::string& fingerprint) { return store->artifact(fingerprint).has_value(); });

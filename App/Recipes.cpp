@@ -26,13 +26,14 @@ namespace {
 constexpr AudioFormat engineFormat = {AudioFormat::Codec::linearPCM, 16, 48000, 2};
 
 // Whether the file is still the whole WAV file that an engine wrote, as far as anybody can tell: where the digest of
-// the samples was kept when they were made, they are still those.
+// the samples was kept when they were made, they are still those. While that cannot be read, nobody can tell.
 bool isEngineFile(const LoopStore& store, const LoopArtifact& piece) {
     try {
         AudioFile audio(piece.url.path());
         if (audio.format() != engineFormat || audio.frames() != std::llround(piece.seconds * 48000)) return false;
-        const auto made = DigestBook(store.directory()).digest(piece.id());
-        return !made || *made == AudioPCM::digest(audio);
+        const auto digests = Host::digests(store);
+        const auto made = digests.digest(piece.id());
+        return made ? *made == AudioPCM::digest(audio) : !digests.problem();
     } catch (const Error&) {  // damaged, gone, or without loss where no module can read that
         return false;
     }

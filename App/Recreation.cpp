@@ -113,7 +113,7 @@ std::optional<Recreation> recreate(const LoopRecipe& recipe, const std::string& 
     done.isSame = isSameAudio(done.piece, done.pcmDigest, recipe, digest);
     if (done.isNew) {
         try {
-            DigestBook digests(store->directory());
+            DigestBook digests = Host::digests(*store);
             digests.set(done.piece.id(), done.pcmDigest);
             digests.save([&](const std::string& fingerprint) { return store->artifact(fingerprint).has_value(); });
         } catch (const FileError& error) {

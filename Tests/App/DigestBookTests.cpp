@@ -8,7 +8,10 @@
 #include <optional>
 #include <string>
 
+#include "App/Host.hpp"
+#include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/ResourceBundle.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
@@ -92,6 +95,25 @@ TEST_F(DigestBookTests, AFileThatCouldNotBeReadAtFirstIsReadBeforeItIsReplaced) 
         if (isOver || HasFailure()) break;
     }
     EXPECT_GT(struck, 2);
+}
+
+TEST_F(DigestBookTests, VerbsAskTwiceForAFileThatTheDiskDidNotGive) {
+    putTwo();
+    const LoopStore store(folder.path(), ResourceBundle(folder.path()), {}, LoopStore::Access::reading);
+    int struck = 0;
+    for (int call = 1;; ++call) {
+        SCOPED_TRACE("call " + std::to_string(call));
+        const SystemCallFaults faults({.failing = call, .error = EIO});
+        const auto book = Host::digests(store);
+        EXPECT_EQ(book.problem(), std::nullopt);
+        EXPECT_EQ(book.digest(first), digestOf('a'));
+        if (faults.struck().empty() || HasFailure()) break;
+        ++struck;
+    }
+    EXPECT_GT(struck, 2);
+
+    const SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read", .persists = true});
+    EXPECT_TRUE(Host::digests(store).problem());
 }
 
 TEST_F(DigestBookTests, SavingFailsAsLongAsTheFileCannotBeRead) {

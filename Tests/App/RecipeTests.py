@@ -126,6 +126,16 @@ class RecipeTests(HostTest):
             other.writeframes(whole[44:])
         self.assertNotIn("audioSHA256", json.loads(self.export(piece["identity"], "rate.json").read_text()))
 
+    def test_the_audios_digest_is_not_written_while_the_digests_cannot_be_read(self):
+        piece = self.piece()
+        (self.loops / "digests.json").write_text("damaged")
+
+        file = self.place / "piece.json"
+        done = self.run_host("recipe", "export", fingerprint(piece["identity"]), "--output", file)
+
+        self.assertNotIn("audioSHA256", json.loads(file.read_text()))
+        self.assertIn("digests.json", done.err)
+
     def test_the_beginning_of_a_fingerprint_names_the_piece(self):
         known = fingerprint(self.piece()["identity"])
         self.assertEqual(self.run_json("recipe", "export", known[:6])["fingerprint"], known)

@@ -219,8 +219,9 @@ class VerifyTests(VerifyTest):
     def test_digests_that_cannot_be_read_are_kept_aside(self):
         (self.loops / "digests.json").write_text("damaged")
 
-        self.generate("--seed", 1, seconds=1)
+        done = self.generate("--seed", 1, seconds=1)
 
+        self.assertIn("digests.json", done.err)
         (kept,) = self.loops.glob("digests.unreadable-*.json")
         self.assertEqual(kept.read_text(), "damaged")
         self.assertEqual(len(self.digests()), 1)
@@ -285,6 +286,23 @@ class MigrateTests(VerifyTest):
         self.assertEqual([piece["fingerprint"] for piece in done["migrated"]], [other])
         self.assertEqual(self.file_of(mark).suffix, ".wav")
         self.assertEqual(self.digests()[mark], "0" * 64)
+
+    def test_nothing_is_packed_while_the_digests_cannot_be_read(self):
+        mark = self.piece(1)
+        self.piece(2)
+        whole = json.dumps({"version": 1, "digests": {mark: "0" * 64}})
+        one_odd = json.dumps({"version": 1, "digests": {mark: "odd"}})
+        for text in (whole[:-20], one_odd):
+            (self.loops / "digests.json").write_text(text)
+            before = self.snapshot(".lock")
+
+            done = self.library("migrate", "--json", expect=1)
+
+            self.assertIn("digests.json", done.err)
+            self.assertEqual(self.snapshot(".lock"), before)
+
+        (self.loops / "digests.json").unlink()
+        self.library("migrate")
 
     def test_a_piece_that_cannot_be_packed_stays_as_it_is(self):
         mark = self.put(1, audio=None)
