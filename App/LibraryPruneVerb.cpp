@@ -9,6 +9,7 @@
 #include "App/Pieces.hpp"
 #include "App/PrunePlan.hpp"
 #include "App/Terminal.hpp"
+#include "QuillmereKit/Library/LoopFolder.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
 
@@ -35,13 +36,51 @@ std::set<std::string> savedRecipes() {
     return fingerprints;
 }
 
-void printAsJSON(const PrunePlan& plan, bool isDone) {
+// What became of a plan.
+struct Pruned {
+    std::set<std::string> deleted;  // fingerprints of the pieces that are gone, entry and file
+    std::set<std::string> dropped;  // of those whose entries alone are gone
+    std::uint64_t bytes = 0;        // of the deleted ones
+
+    // What a line of a piece ends with.
+    [[nodiscard]] const char* remark(const std::string& fingerprint) const {
+        if (deleted.contains(fingerprint)) return "";
+        return dropped.contains(fingerprint) ? "  (its file stays)" : "  (not deleted)";
+    }
+};
+
+// The store may refuse, and a file may stay though its entry went: what is told is what can be seen afterwards.
+Pruned carryOut(const PrunePlan& plan, LoopStore& store) {
+    store.prune(plan.keeping);
+    Pruned pruned;
+    DigestBook digests = Host::digests(store);
+    for (const auto& victim : plan.victims) {
+        const auto fingerprint = victim.piece.id();
+        const auto file = fileOf(victim.piece);
+        if (store.artifact(fingerprint)) continue;
+        if (!file || !LoopFolder::isNothingAt(*file)) {
+            pruned.dropped.insert(fingerprint);
+            continue;
+        }
+        digests.forget(fingerprint);
+        pruned.deleted.insert(fingerprint);
+        pruned.bytes += victim.bytes;
+    }
+    try {
+        digests.save([&](const std::string& fingerprint) { return store.artifact(fingerprint).has_value(); });
+    } catch (const FileError& error) {
+        Host::warn(error.what());  // an entry too many does no harm
+    }
+    return pruned;
+}
+
+void printAsJSON(const PrunePlan& plan, const std::optional<Pruned>& pruned) {
     JSONWriter writer(JSONWriter::Form::pretty);
     writer.beginObject();
-    writer.member("isDone", isDone);
+    writer.member("isDone", pruned && !pruned->deleted.empty());
     writer.member("kept", static_cast<std::int64_t>(plan.keeping.size()));
     writer.key("bytes");
-    writer.unsignedInteger(plan.bytes());
+    writer.unsignedInteger(pruned ? pruned->bytes : plan.bytes());
     writer.key("pieces");
     writer.beginArray();
     for (const auto& victim : plan.victims) {
@@ -51,6 +90,7 @@ void printAsJSON(const PrunePlan& plan, bool isDone) {
         writer.member("seconds", victim.piece.seconds);
         writer.key("bytes");
         writer.unsignedInteger(victim.bytes);
+        writer.member("isDeleted", pruned && pruned->deleted.contains(victim.piece.id()));
         writer.endObject();
     }
     writer.endArray();
@@ -58,35 +98,33 @@ void printAsJSON(const PrunePlan& plan, bool isDone) {
     printJSON(writer);
 }
 
+void printAsText(const PrunePlan& plan, const std::optional<Pruned>& pruned) {
+    for (const auto& victim : plan.victims) {
+        std::printf("%s  %s%s\n", pieceLine(victim.piece).c_str(), sizeText(victim.bytes).c_str(),
+                    pruned ? pruned->remark(victim.piece.id()) : "");
+    }
+    std::printf("%s %zu of %zu pieces, %s.%s\n",
+                pruned ? "Deleted" : "To be deleted:", pruned ? pruned->deleted.size() : plan.victims.size(),
+                plan.victims.size() + plan.keeping.size(), sizeText(pruned ? pruned->bytes : plan.bytes()).c_str(),
+                pruned || plan.victims.empty() ? "" : " Nothing was changed; --yes deletes.");
+}
+
 void prune(Host& host, double minutes, bool isWanted) {
     auto safe = savedRecipes();
     const auto& store = isWanted ? host.writableStore() : host.readingStore();
     safe.merge(store->bundledFingerprints());
     const auto plan = PrunePlan::make(store->all(), store->directory(), minutes * 60, safe);
-    const bool isDone = isWanted && !plan.victims.empty();
-    if (isDone) {
-        store->prune(plan.keeping);
-        DigestBook digests = Host::digests(*store);
-        for (const auto& victim : plan.victims) digests.forget(victim.piece.id());
-        try {
-            digests.save([&](const std::string& fingerprint) { return store->artifact(fingerprint).has_value(); });
-        } catch (const FileError& error) {
-            Host::warn(error.what());  // an entry too many does no harm
-        }
+    std::optional<Pruned> pruned;
+    if (isWanted && !plan.victims.empty()) pruned = carryOut(plan, *store);
+    host.json ? printAsJSON(plan, pruned) : printAsText(plan, pruned);
+    if (!pruned) return;
+    if (const auto remaining = plan.victims.size() - pruned->deleted.size(); remaining > 0) {
+        host.fail(ExitCode::failure, std::to_string(remaining) + " pieces were not deleted, or their files were not.");
     }
-    if (host.json) {
-        printAsJSON(plan, isDone);
-    } else {
-        for (const auto& victim : plan.victims) {
-            std::printf("%s  %s\n", pieceLine(victim.piece).c_str(), sizeText(victim.bytes).c_str());
-        }
-        std::printf("%s %zu of %zu pieces, %s.%s\n", isDone ? "Deleted" : "To be deleted:", plan.victims.size(),
-                    plan.victims.size() + plan.keeping.size(), sizeText(plan.bytes()).c_str(),
-                    isDone || plan.victims.empty() ? "" : " Nothing was changed; --yes deletes.");
-    }
-    if (!isDone) return;
     if (const auto error = store->lastSaveError()) {
-        host.fail(ExitCode::notSaved, "The library could not be saved: " + *error);
+        // Where nothing has changed, the work failed.
+        const bool isChanged = !pruned->deleted.empty() || !pruned->dropped.empty();
+        host.fail(isChanged ? ExitCode::notSaved : ExitCode::failure, "The library could not be saved: " + *error);
     }
 }
 

@@ -85,7 +85,11 @@ void trash(Host& host, const TrashOptions& options) {
                       " pieces were not moved: there is no trash for their place, or their files are not the library's "
                       "own.");
     }
-    if (saveError) host.fail(ExitCode::notSaved, "The library could not be saved: " + *saveError);
+    if (saveError) {
+        // Where nothing was moved, the work failed.
+        host.fail(moved.empty() ? ExitCode::failure : ExitCode::notSaved,
+                  "The library could not be saved: " + *saveError);
+    }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <map>
 #include <ranges>
 
+#include "App/ManifestFile.hpp"
 #include "App/Pieces.hpp"
 #include "QuillmereKit/Platform/OwnFolder.hpp"
 
@@ -32,7 +33,8 @@ PrunePlan PrunePlan::make(const std::vector<LoopArtifact>& pieces, const std::fi
     for (const auto& piece : pieces) {
         auto fingerprint = piece.id();
         const auto file = fileOf(piece);
-        const auto facts = file ? own.facts(*file) : std::nullopt;
+        const bool isAudio = file && !isLibraryRecord(file->filename().native());
+        const auto facts = isAudio ? own.facts(*file) : std::nullopt;
         if (facts) {
             moods[piece.identity.moodID].push_back({&piece, std::move(fingerprint), *facts});
         } else {

@@ -25,8 +25,9 @@ struct PrunePlan {
     [[nodiscard]] std::uint64_t bytes() const;
 
     /// Keeps, mood by mood, the newest pieces by the time of their files until they last `seconds`; with them all whose
-    /// fingerprints are among `safe`, recordings, and pieces whose files are not the folder's own or cannot be looked
-    /// at. Of files of the same time the lower fingerprint counts as the newer. Asks the disk for each piece.
+    /// fingerprints are among `safe`, recordings, and pieces whose files are not the folder's own, are named like lists
+    /// or locks, or cannot be looked at. Of files of the same time the lower fingerprint counts as the newer. Asks the
+    /// disk for each piece.
     [[nodiscard]] static PrunePlan make(const std::vector<LoopArtifact>& pieces, const std::filesystem::path& folder,
                                         double seconds, const std::set<std::string>& safe);
 };

@@ -307,6 +307,45 @@ class PruneTests(LibraryTest):
         self.assertEqual(json.loads((self.loops / "digests.json").read_text()),
                          {"version": 1, "digests": {kept: "1" * 64}})
 
+    def keep_digests(self, *marks):
+        text = json.dumps({"version": 1, "digests": {mark: "0" * 64 for mark in marks}})
+        (self.loops / "digests.json").write_text(text)
+        return text
+
+    def test_what_may_not_be_deleted_is_not_called_deleted(self):
+        marks = [self.put(1), self.put(2)]
+        self.put_behind_a_closed_folder(3)
+        digests = self.keep_digests(*marks)
+
+        for form in ((), ("--json",)):
+            done = self.library_as_a_bound_user("prune", "--keep", 0, "--yes", *form, expect=1)
+
+            self.assertIn("Nothing is removed", done.err)
+            self.assertEqual(len(self.audio()), 2)
+            self.assertEqual((self.loops / "digests.json").read_text(), digests)
+            if form:
+                told = json.loads(done.out)
+                self.assertEqual((told["isDone"], told["bytes"]), (False, 0))
+                self.assertEqual([piece["isDeleted"] for piece in told["pieces"]], [False, False])
+            else:
+                self.assertEqual(done.out.count("(not deleted)"), 2)
+                self.assertIn("Deleted 0 of 3 pieces", done.out)
+
+    def test_a_file_that_stays_is_told_and_keeps_its_digest(self):
+        (self.loops / "fixed").mkdir()
+        gone, stays = self.put(1), self.put(2, name="fixed/x.wav")
+        self.keep_digests(gone, stays)
+        (self.loops / "fixed").chmod(0o555)
+        self.addCleanup((self.loops / "fixed").chmod, 0o755)
+
+        done = self.library_as_a_bound_user("prune", "--keep", 0, "--yes", expect=1)
+
+        (line,) = [line for line in done.out.splitlines() if line.endswith("(its file stays)")]
+        self.assertIn(stays, line)
+        self.assertIn("Deleted 1 of 2 pieces", done.out)
+        self.assertTrue((self.loops / "fixed" / "x.wav").exists())
+        self.assertEqual(list(json.loads((self.loops / "digests.json").read_text())["digests"]), [stays])
+
     def test_a_library_in_use_is_not_pruned(self):
         self.put(1)
         process = self.start("generate", "--mood", "designflow", "--count", "500", "--json")
@@ -378,6 +417,16 @@ class TrashTests(LibraryTest):
         self.assertIn("not moved", done.out)
         self.assertEqual(self.file_of(mark).read_bytes(), before)
         self.assertEqual(self.marks(), [mark])
+
+    def test_what_may_be_another_pieces_file_stays_and_the_work_failed(self):
+        mark = self.put(1)
+        self.put_behind_a_closed_folder(2)
+
+        done = self.library_as_a_bound_user("trash", mark, "--yes", expect=1)
+
+        self.assertIn("Moved 0 of 1", done.out)
+        self.assertIn("Nothing is removed", done.err)
+        self.assertEqual(len(self.audio()), 1)
 
     def test_a_library_that_cannot_be_saved_is_an_error(self):
         mark = self.put(1)

@@ -75,6 +75,25 @@ class LibraryTest(HostTest):
     def write_manifest(self):
         (self.loops / "manifest.json").write_text(json.dumps(self.entries), encoding="utf-8")
 
+    def library_as_a_bound_user(self, *arguments, **options):
+        """Runs the verb as somebody whom the rights of files bind. They do not bind who runs everything; such a one
+        gives the home away before."""
+        user = {}
+        if os.geteuid() == 0:
+            user = {"user": 65534, "group": 65534, "extra_groups": []}
+            self.place.chmod(0o755)
+            for path in (self.home, *self.home.rglob("*")):
+                os.chown(path, 65534, 65534, follow_symlinks=False)
+        return self.library(*arguments, environment={"TMPDIR": str(self.home)}, **user, **options)
+
+    def put_behind_a_closed_folder(self, seed):
+        """A piece of which nobody can tell whether it is one of the library's other files."""
+        closed = self.place / "closed"
+        closed.mkdir(mode=0)
+        self.addCleanup(closed.chmod, 0o755)
+        (self.loops / "link").symlink_to(closed)
+        return self.put(seed, audio=None, name="link/x.wav")
+
     def file_of(self, mark):
         return next(file for file in self.loops.iterdir() if mark in file.name)
 
