@@ -31,13 +31,11 @@ LoopStore::Discard deleteOwn(const std::filesystem::path& folder) {
 }
 
 // An empty library and one whose list cannot be read must not look the same.
-void warnOfUnreadableManifest(const std::filesystem::path& folder) {
-    try {
-        static_cast<void>(readManifest(manifestFile(folder)));
-    } catch (const Error& error) {
-        Host::warn("The list of the library's pieces \"" + manifestFile(folder).string() +
-                   "\" cannot be read: " + error.what() + " 'quillmere library recover' tells what can be taken back.");
-    }
+void warnOfUnreadableManifest(const LoopStore& store) {
+    const auto problem = store.manifestProblem();
+    if (!problem) return;
+    Host::warn("The list of the library's pieces \"" + manifestFile(store.directory()).string() +
+               "\" cannot be read: " + *problem + " 'quillmere library recover' tells what can be taken back.");
 }
 
 // What ships with the program could not be brought in.
@@ -75,7 +73,7 @@ const std::shared_ptr<LoopStore>& Host::open(LoopStore::Access access) {
     if (!store_) {
         store_ =
             std::make_shared<LoopStore>(libraryFolder(), ResourceBundle::main(), deleteOwn(libraryFolder()), access);
-        if (store_->count() == 0) warnOfUnreadableManifest(store_->directory());
+        warnOfUnreadableManifest(*store_);
         warnOfUnsavedSeeds(*store_);
     }
     return store_;

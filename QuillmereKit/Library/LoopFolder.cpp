@@ -305,6 +305,7 @@ std::optional<JSONDocument> LoopFolder::readManifest() {
     reasonToKeep_.reset();
     isUnread_ = false;
     refusal_.reset();
+    problem_.reset();
     try {
         auto text = readFileIfPresent(manifestFile_, manifestLimit);
         if (text) return JSONDocument::parseInPlace(*std::move(text));
@@ -313,8 +314,10 @@ std::optional<JSONDocument> LoopFolder::readManifest() {
         isUnread_ = true;
         // What is no file, or too large, is so the next time too.
         if (!replacedFile::isForGood(error)) refusal_ = error;
-    } catch (const JSONError&) {
+        problem_ = error.what();
+    } catch (const JSONError& error) {
         reasonToKeep_ = unreadable;
+        problem_ = error.what();
     }
     return std::nullopt;
 }
@@ -348,8 +351,9 @@ bool LoopFolder::load(LoopTable& table) {
     try {
         if (manifest && !table.fill(manifest->root(), place)) isWhole = false;
         if (!isWhole && !reasonToKeep_) reasonToKeep_ = before;
-    } catch (const JSONError&) {
+    } catch (const JSONError& error) {
         reasonToKeep_ = unreadable;
+        problem_ = error.what();
     }
     manifest.reset();
 

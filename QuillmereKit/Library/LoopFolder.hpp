@@ -136,6 +136,9 @@ public:
         all,
     };
 
+    /// What is wrong with the manifest that was last read, where it could not be read at all.
+    [[nodiscard]] const std::optional<std::string>& manifestProblem() const noexcept { return problem_; }
+
     /// Lets the folder know of a piece whose file lies elsewhere: the next manifest with `Scope::all` lists it.
     void noteOutside() noexcept { isOutsideNew_ = true; }
 
@@ -167,6 +170,7 @@ private:
     bool isOutsideNew_ = false;                     // it will, once it lists all
     bool isUnread_ = false;
     std::optional<FileError> refusal_;
+    std::optional<std::string> problem_;
     std::vector<FolderEntry> leftovers_;  // what loading found that may be a dead process's
     std::vector<std::string> listLocks_;  // and the locks of lists that lie in the folder
 };

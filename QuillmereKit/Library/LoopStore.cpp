@@ -525,6 +525,11 @@ void LoopStore::protectFromMigration(const std::set<std::string>& fingerprints, 
     }
 }
 
+std::optional<std::string> LoopStore::manifestProblem() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->folder.manifestProblem();
+}
+
 std::optional<std::string> LoopStore::lastSaveError() const {
     const std::lock_guard lock(state_->mutex);
     if (state_->saveFailure) {

@@ -218,6 +218,11 @@ public:
     /// lossless file names its WAV file, on disk too, before that one goes.
     bool migrateToLossless(const LoopArtifact& artifact, const Encode& encode, const std::stop_token& stop = {});
 
+    /// What was wrong with the manifest when it was last read, where nothing of it could be: the pieces that it lists
+    /// are not here, and what has been saved since, be it only what ships with the application, stands in its place. A
+    /// sentence for the user.
+    [[nodiscard]] std::optional<std::string> manifestProblem() const;
+
     /// Why the last save failed, which pieces it had to leave out, why a seed could not be brought in, or which piece
     /// could not be looked at, so that files had to stay, until a save succeeds with all. A sentence for the user.
     [[nodiscard]] std::optional<std::string> lastSaveError() const;

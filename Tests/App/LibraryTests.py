@@ -71,6 +71,23 @@ class ListTests(LibraryTest):
         (self.loops / "manifest.json").write_text("[]")
         self.assertEqual(self.library("list").err, "")
 
+    def test_a_list_that_cannot_be_read_is_told_though_what_ships_with_the_program_stands_in_its_place(self):
+        shipped = self.place / "shipped" / "Loops"
+        shipped.mkdir(parents=True)
+        (shipped / "first.m4a").write_bytes(b"music")
+        (shipped / "seeds.json").write_text(json.dumps(
+            [{"file": "first", "identity": identity(seed=1), "seconds": 120}]))
+        self.environment["QUILLMERE_RESOURCES"] = str(shipped.parent)
+        self.put(2)
+        (self.loops / "manifest.json").write_text(json.dumps(self.entries)[:-20])
+
+        done = self.library("prune", "--keep", 60, "--yes")
+
+        self.assertIn("cannot be read", done.err)
+        self.assertIn("library recover", done.err)
+        self.assertEqual(self.marks(), [fingerprint(identity(seed=1))])
+        self.assertEqual(self.library("prune", "--keep", 60, "--yes").err, "")
+
     def test_lists_the_pieces_by_mood_and_then_by_fingerprint(self):
         marks = {mood: [self.put(seed, mood) for seed in (1, 2, 3)] for mood in ("winddown", "deepcode")}
 

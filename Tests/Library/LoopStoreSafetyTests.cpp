@@ -58,6 +58,7 @@ TEST_F(LoopStoreSafetyTests, UnreadableManifestLoadsNothingAndIsKeptAsideBeforeT
         writeManifest(text);
         auto store = open();
         EXPECT_EQ(store.count(), 0U);
+        EXPECT_TRUE(store.manifestProblem());
         EXPECT_EQ(manifestText(), text);
         EXPECT_THAT(namesBeginning("manifest"), SizeIs(1));
 

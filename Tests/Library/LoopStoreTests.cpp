@@ -585,6 +585,19 @@ TEST_F(LoopStoreSeedTests, UnchangedLibraryIsNotWrittenAgain) {
     EXPECT_EQ(std::filesystem::last_write_time(folder / "manifest.json"), before);
 }
 
+TEST_F(LoopStoreSeedTests, ManifestThatSeedsReplaceIsToldToHaveBeenUnreadable) {
+    writeManifest(std::string("[{\"identity\":"));
+    ship({seed(identity("deepcode"), "one")});
+    shipAudio("one");
+    {
+        const auto store = open();
+        EXPECT_EQ(store.count(), 1U);
+        EXPECT_TRUE(store.manifestProblem());
+    }
+
+    EXPECT_EQ(open().manifestProblem(), std::nullopt) << "the new one can be read";
+}
+
 TEST_F(LoopStoreSeedTests, SeedThatCannotBeCopiedIsToldAndBroughtInWhenItCan) {
     const auto small = identity("deepcode");
     const auto large = identity("sprint");
