@@ -10,8 +10,9 @@
 #include "App/PrunePlan.hpp"
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Library/LoopFolder.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
-#include "QuillmereKit/Sharing/RecipeBundle.hpp"
+#include "QuillmereKit/Sharing/RecipeVault.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -24,9 +25,10 @@ std::set<std::string> savedRecipes() {
     if (!data) return fingerprints;
     const auto file = *data / "saved.json";
     try {
-        const auto text = readFileIfPresent(file, recipeFileLimit);
-        if (!text) return fingerprints;
-        for (const auto& recipe : RecipeBundle::decode(*text).recipes) {
+        if (!replacedFile::lookAt(file)) return fingerprints;
+        // A link that leads nowhere is no empty vault: what it names may only be away.
+        const auto text = readFile(file, RecipeVault::mostBytes, FinalLink::followed);
+        for (const auto& recipe : RecipeBundle::decode(text).recipes) {
             fingerprints.insert(recipe.fingerprint);
             fingerprints.insert(recipe.identity.fingerprint());
         }
@@ -35,6 +37,9 @@ std::set<std::string> savedRecipes() {
     }
     return fingerprints;
 }
+
+// Nobody may save a recipe whose piece is about to be deleted. Nothing where the user has no place for a vault.
+std::shared_ptr<FolderLock> lockVault() { return UserFolders::applicationData() ? Host::lockData() : nullptr; }
 
 // What became of a plan.
 struct Pruned {
@@ -110,6 +115,7 @@ void printAsText(const PrunePlan& plan, const std::optional<Pruned>& pruned) {
 }
 
 void prune(Host& host, double minutes, bool isWanted) {
+    const auto lock = isWanted ? lockVault() : nullptr;
     auto safe = savedRecipes();
     const auto& store = isWanted ? host.writableStore() : host.readingStore();
     safe.merge(store->bundledFingerprints());

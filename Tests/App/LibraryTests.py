@@ -1,12 +1,13 @@
 """The host's verbs `library list`, `show`, `measure`, `prune` and `trash`."""
 import json
 import math
+import os
 import re
 import unittest
 from urllib.parse import quote
 
 from host import interrupt
-from library import LibraryTest, fingerprint, identity, write_wav
+from library import LibraryTest, fingerprint, holding, identity, write_wav
 
 
 class ListTests(LibraryTest):
@@ -279,13 +280,51 @@ class PruneTests(LibraryTest):
 
     def test_deletes_nothing_while_the_vault_cannot_be_read(self):
         self.put(1)
-        (self.home / "saved.json").write_text("{")
-        before = self.snapshot()
+        vault = self.home / "saved.json"
+        for make in (lambda: vault.write_text("{"), lambda: vault.symlink_to(self.place / "away.json"), vault.mkdir):
+            vault.unlink(missing_ok=True)
+            make()
+            before = self.snapshot(".lock")
 
-        done = self.library("prune", "--keep", 0, "--yes", expect=1)
+            done = self.library("prune", "--keep", 0, "--yes", expect=1)
 
-        self.assertIn("saved.json", done.err)
-        self.assertEqual(self.snapshot(), before)
+            self.assertIn("saved.json", done.err)
+            self.assertEqual(self.snapshot(".lock"), before)
+
+    def test_keeps_what_is_in_a_vault_behind_a_link(self):
+        mark = self.put(1)
+        self.put(2)
+        self.vault(identity(seed=1))
+        (self.home / "saved.json").rename(self.place / "elsewhere.json")
+        (self.home / "saved.json").symlink_to(self.place / "elsewhere.json")
+
+        self.prune("--keep", 0, "--yes")
+
+        self.assertEqual(self.marks(), [mark])
+
+    def test_keeps_what_is_in_the_largest_vault(self):
+        mark = self.put(1)
+        self.put(2)
+        self.vault(identity(seed=1))
+        with (self.home / "saved.json").open("a") as file:
+            file.write(" " * (64 * 1024 * 1024 - file.tell()))
+
+        self.prune("--keep", 0, "--yes")
+
+        self.assertEqual(self.marks(), [mark])
+
+    def test_deletes_nothing_while_somebody_may_be_saving_a_recipe(self):
+        mark = self.put(1)
+        descriptor = holding(self.home)
+
+        refused = self.library("prune", "--keep", 0, "--yes", expect=4)
+        self.prune("--keep", 0)
+        os.close(descriptor)
+
+        self.assertIn("a patient holder", refused.err)
+        self.assertEqual(self.marks(), [mark])
+        self.prune("--keep", 0, "--yes")
+        self.assertEqual(self.marks(), [])
 
     def test_keeps_the_seeds_of_the_application(self):
         seed = self.put(1)
