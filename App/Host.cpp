@@ -43,6 +43,12 @@ void warnOfUnsavedSeeds(const LoopStore& store) {
     if (const auto error = store.lastSaveError()) Host::warn("The library could not be saved: " + *error);
 }
 
+std::filesystem::path defaultLibraryFolder() {
+    const auto data = UserFolders::applicationData();
+    if (!data) throw Error("There is no home folder. Name a place with --home.");
+    return *data / "Loops";
+}
+
 bool hasSeeds() {
     const auto resources = ResourceBundle::main();
     return resources.resource("seeds", "json", "Loops") || resources.resource("seeds", "json");
@@ -55,18 +61,13 @@ void Host::prepare() const {
 }
 
 std::filesystem::path Host::libraryFolder() const {
-    if (!library.empty()) {
-        const auto named = std::filesystem::absolute(library);
-        if (std::ranges::find(named, "..") == named.end()) return named.lexically_normal();
-        // "link/.." is not where the link lies, but leads from where it ends.
-        std::error_code error;
-        auto place = std::filesystem::weakly_canonical(named, error);
-        if (error) throw FileError("look at", named, error);
-        return place;
-    }
-    const auto data = UserFolders::applicationData();
-    if (!data) throw Error("There is no home folder. Name a place with --home.");
-    return *data / "Loops";
+    const auto named = library.empty() ? defaultLibraryFolder() : std::filesystem::absolute(library);
+    if (std::ranges::find(named, "..") == named.end()) return named.lexically_normal();
+    // "link/.." is not where the link lies, but leads from where it ends.
+    std::error_code error;
+    auto place = std::filesystem::weakly_canonical(named, error);
+    if (error) throw FileError("look at", named, error);
+    return place;
 }
 
 const std::shared_ptr<LoopStore>& Host::open(LoopStore::Access access) {

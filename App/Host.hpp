@@ -49,7 +49,7 @@ public:
     /// another process holds it.
     [[nodiscard]] static std::shared_ptr<FolderLock> lockData();
 
-    /// Where the loop library lies.
+    /// Where the loop library lies: absolute and made standard.
     [[nodiscard]] std::filesystem::path libraryFolder() const;
 
     /// Says on standard error why something failed and notes how the program will end.

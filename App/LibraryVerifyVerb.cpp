@@ -9,6 +9,7 @@
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
+#include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere::app {
 namespace {
@@ -70,7 +71,8 @@ void addLibraryVerifyVerb(Verb library, Host& host) {
     verb.callback([&host] {
         host.prepare();
         // A mistyped place must not be called sound.
-        if (!host.library.empty() && !fileExists(host.libraryFolder())) {
+        const bool isNamed = !host.library.empty() || UserFolders::isMoved();
+        if (isNamed && !fileExists(host.libraryFolder())) {
             throw Error("There is no library \"" + host.libraryFolder().string() + "\".");
         }
         const Interruption interruption;

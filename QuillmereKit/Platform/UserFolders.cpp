@@ -91,6 +91,8 @@ void moveTo(const path& home) {
     movedHome = std::move(absolute);
 }
 
+bool isMoved() { return moved().has_value(); }
+
 bool isAutomatedHarness() noexcept { return std::getenv("XCTestConfigurationFilePath") != nullptr; }
 
 }  // namespace quillmere::UserFolders

@@ -28,6 +28,9 @@ namespace UserFolders {
 /// instances are first used; it goes before `QUILLMERE_HOME`. `home` must not be empty.
 void moveTo(const std::filesystem::path& home);
 
+/// Whether `moveTo` or `QUILLMERE_HOME` names the application's folder: then somebody may have mistyped it.
+[[nodiscard]] bool isMoved();
+
 /// Whether the process runs under the automated harness: the environment holds "XCTestConfigurationFilePath".
 /// Shared instances then live in per-process temporary folders.
 [[nodiscard]] bool isAutomatedHarness() noexcept;

@@ -28,9 +28,21 @@ class VerifyTests(VerifyTest):
                                          "unlisted": [], "unreadable": []})
 
     def test_a_mistyped_place_is_not_called_sound(self):
-        done = self.library("verify", "--library", self.place / "mistyped", expect=1)
-        self.assertIn("There is no library", done.err)
-        self.assertFalse((self.place / "mistyped").exists())
+        place = self.place / "mistyped"
+        for words, options in ((("--library", place), {}), (("--home", place), {"home": False}),
+                               ((), {"home": False, "environment": {"QUILLMERE_HOME": str(place)}})):
+            done = self.library("verify", *words, expect=1, **options)
+            self.assertIn("There is no library", done.err)
+            self.assertFalse(place.exists())
+
+    def test_a_home_may_be_named_in_any_form(self):
+        self.generate("--seed", 1, seconds=1)
+        os.symlink(self.home / "Loops", self.place / "link")
+
+        for home in ("./home", "home/.", "home//", "nothing/../home", "link/.."):
+            self.library("verify", "--home", home, home=False, cwd=self.place)
+            self.library("verify", home=False, cwd=self.place, environment={"QUILLMERE_HOME": home})
+        self.library("verify", "--home", ".", home=False, cwd=self.home)
 
     def test_one_changed_sample_is_damage(self):
         mark = self.put(1)
@@ -187,11 +199,14 @@ class VerifyTests(VerifyTest):
         self.assertEqual((len(found["unreadable"]), found["unlisted"]), (1, []))
 
     def test_an_empty_library_is_sound(self):
-        self.loops.rmdir()
-        self.home.rmdir()
-
         self.assertTrue(self.verify()["isSound"])
-        self.assertFalse(self.home.exists())
+        self.assertEqual(list(self.loops.iterdir()), [])
+
+    def test_so_is_one_that_is_not_there_yet_where_nobody_named_a_place(self):
+        done = self.library("verify", "--json", home=False)
+
+        self.assertTrue(json.loads(done.out)["isSound"])
+        self.assertFalse((self.place / "data").exists())
 
     def test_verifies_while_another_process_writes(self):
         process = self.start("generate", "--mood", "designflow", "--count", "500", "--seconds", "1", "--json")

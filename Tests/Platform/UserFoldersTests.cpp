@@ -87,12 +87,14 @@ TEST_F(UserFoldersTests, AreAllInTheFolderThatTheApplicationsVariableNames) {
     environment.set("QUILLMERE_HOME", "/elsewhere");
     EXPECT_EQ(UserFolders::applicationData(), "/elsewhere");
     EXPECT_EQ(UserFolders::configuration(), "/elsewhere");
+    EXPECT_TRUE(UserFolders::isMoved());
 
     environment.set("QUILLMERE_HOME", "relative");
     EXPECT_EQ(UserFolders::applicationData(), std::filesystem::current_path() / "relative");
 
     environment.set("QUILLMERE_HOME", "");
     EXPECT_EQ(UserFolders::applicationData(), "/data/Quillmere");
+    EXPECT_FALSE(UserFolders::isMoved());
 }
 
 TEST_F(UserFoldersTests, TemporaryFilesGoWhereTheSystemSays) {
