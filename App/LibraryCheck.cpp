@@ -59,8 +59,8 @@ struct FolderContent {
 };
 
 // Every file in the folder that is none of the library's records, links and others that are no folder included. What
-// cannot be looked at is said, and the rest is looked at all the same.
-FolderContent contentOf(const fs::path& top) {
+// cannot be looked at is said, and the rest is looked at all the same. Throws `CancellationError` when `stop` asks.
+FolderContent contentOf(const fs::path& top, const std::stop_token& stop) {
     FolderContent content;
     std::vector<fs::path> folders{top};
     const auto fail = [&](const fs::path& place, const std::error_code& error) {
@@ -74,6 +74,7 @@ FolderContent contentOf(const fs::path& top) {
         std::error_code error;
         fs::directory_iterator place(folder, error);
         for (; !error && place != fs::directory_iterator(); place.increment(error)) {
+            if (stop.stop_requested()) throw CancellationError();
             const auto& entry = *place;
             std::error_code unseen;
             const auto type = entry.symlink_status(unseen).type();
@@ -160,7 +161,7 @@ LibraryCheck LibraryCheck::make(
     const fs::path& folder, const std::stop_token& stop,
     const std::function<void(std::size_t index, std::size_t count, const std::string& fingerprint)>& onPiece) {
     LibraryCheck result;
-    auto [files, unreadable] = contentOf(folder);
+    auto [files, unreadable] = contentOf(folder, stop);
     result.unreadable = std::move(unreadable);
     Entries entries;
     try {
@@ -196,9 +197,11 @@ LibraryCheck LibraryCheck::make(
     used.add(entries);
     used.add(now);
     for (const auto& file : files) {
+        if (stop.stop_requested()) throw CancellationError();
         if (used.contains(file) || !factsOf(file) || (isBeingWritten && isOnItsWay(file))) continue;
         result.unlisted.push_back(file.string());
     }
+    if (stop.stop_requested()) throw CancellationError();
     return result;
 }
 
