@@ -52,19 +52,24 @@ std::vector<MoodSpec> decodeFile(std::string_view text) {
     return document.root().member<std::vector<MoodSpec>>("moods");
 }
 
-/// The moods of a file; nothing where it is gone, or holds no list of moods, which `isDamaged` tells apart. Throws
-/// `FileError` where it cannot be read now.
-std::optional<std::vector<MoodSpec>> readMoods(const std::filesystem::path& file, bool& isDamaged) {
+/// `keptAs`: the name that a damaged file has now; empty if it still has its own.
+std::string cannotBeRead(const std::filesystem::path& file, const std::string& reason, const std::string& keptAs = {}) {
+    const std::string kept = keptAs.empty() ? "" : " (kept as \"" + keptAs + "\")";
+    return "The moods \"" + file.string() + "\"" + kept + " cannot be read: " + reason;
+}
+
+/// The moods of a file; nothing where it is gone, or holds no list of moods: then `damage` says why, and so it will
+/// stay. Throws `FileError` where it cannot be read now.
+std::optional<std::vector<MoodSpec>> readMoods(const std::filesystem::path& file, std::optional<std::string>& damage) {
     try {
         const auto text = readFileIfPresent(file, CustomMoodStore::mostBytes);
         if (text) return decodeFile(*text);
-        return std::nullopt;
     } catch (const FileError& error) {
         if (!replacedFile::isForGood(error)) throw;
-    } catch (const Error&) {
-        // Damaged, and so it will stay.
+        damage = error.what();
+    } catch (const Error& error) {
+        damage = error.what();
     }
-    isDamaged = true;
     return std::nullopt;
 }
 
@@ -84,7 +89,8 @@ void CustomMoodStore::load() {
     if (file_.empty()) return;
     try {
         find();
-    } catch (const FileError&) {
+    } catch (const FileError& error) {
+        loadProblem_ = cannotBeRead(file_, error.what());
         return;  // the disk could not answer; the first change asks again
     }
     removeOldTemporaries(place_.value_or(file_).parent_path());
@@ -96,25 +102,60 @@ void CustomMoodStore::find() {
     const bool isLink = place != file_;
     const auto facts = place ? replacedFile::lookAt(*place) : std::nullopt;
     const bool isFile = facts && facts->kind == FileFacts::Kind::regular;
-    bool isDamaged = false;
-    auto specs = isFile ? readMoods(*place, isDamaged) : std::nullopt;
-    if (isDamaged && !isLink) moveDamagedAside(*facts);
+    std::optional<std::string> damage;
+    auto specs = isFile ? readMoods(*place, damage) : std::nullopt;
+    const auto keptAs = damage && !isLink ? moveDamagedAside(*facts) : "";
+    const bool isOther = !specs && !damage && (isLink || (facts && !isFile));
+    if (isOther) damage = FileError("read", file_, FileFault::fileNotRegular).what();
     // A link that names no mood file is the user's: no update replaces it, and each asks again what it names.
     if (!isLink || specs) place_ = place;
+    loadProblem_ = damage ? std::optional(cannotBeRead(file_, *damage, keptAs)) : std::nullopt;
     if (!specs) return;
     known_ = facts;
     specs_ = *std::move(specs);
 }
 
-// Where it cannot be moved, a copy is kept before the first update replaces it.
-void CustomMoodStore::moveDamagedAside(const FileFacts& facts) const {
+// Returns its new name. Where it cannot be moved, a copy is kept before the first update replaces it.
+std::string CustomMoodStore::moveDamagedAside(const FileFacts& facts) const {
     try {
         const auto lock = replacedFile::lockFor(file_);
         // Another process may have written a new one by now.
-        if (replacedFile::lookAt(file_) == facts) moveAside(file_, "unreadable", now_());
+        if (replacedFile::lookAt(file_) != facts) return "";
+        return moveAside(file_, "unreadable", now_()).filename();
     } catch (const Error&) {
-        return;
+        return "";
     }
+}
+
+std::optional<std::string> CustomMoodStore::loadProblem() const {
+    const std::lock_guard lock(mutex_);
+    return loadProblem_;
+}
+
+void CustomMoodStore::refresh() {
+    const std::lock_guard guard(mutex_);
+    if (file_.empty()) return;
+    try {
+        if (!place_) return find();
+        const auto present = replacedFile::lookAt(*place_);
+        if (!isNews(present)) return;
+        std::optional<std::string> damage;
+        if (auto theirs = readMoods(*place_, damage)) {
+            specs_ = *std::move(theirs);
+            known_ = present;
+            loadProblem_.reset();
+        } else if (damage) {
+            loadProblem_ = cannotBeRead(file_, *damage);
+        }
+    } catch (const FileError& error) {
+        loadProblem_ = cannotBeRead(file_, error.what());
+        known_.reset();  // so that it is read the next time
+    }
+}
+
+// Whether another process may have written the file that is there.
+bool CustomMoodStore::isNews(const std::optional<FileFacts>& present) const {
+    return present && present->kind == FileFacts::Kind::regular && present != known_;
 }
 
 std::vector<MoodSpec> CustomMoodStore::all() const {
@@ -163,17 +204,16 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
 
     // Where another process wrote the file since, its list is the one to change.
     auto next = specs_;
-    bool isDamaged = false;
-    const auto present = replacedFile::lookAt(*place_);
-    if (present && present->kind == FileFacts::Kind::regular && present != known_) {
-        if (auto theirs = readMoods(*place_, isDamaged)) next = *std::move(theirs);
+    std::optional<std::string> damage;
+    if (isNews(replacedFile::lookAt(*place_))) {
+        if (auto theirs = readMoods(*place_, damage)) next = *std::move(theirs);
     }
     change(next);
 
     const std::string text = encodeFile(next);
     if (text.size() > mostBytes) throw FileError("write", *place_, make_error_code(std::errc::file_too_large));
     try {
-        if (isDamaged) replacedFile::keep(*place_, "unreadable", now_());
+        if (damage) replacedFile::keep(*place_, "unreadable", now_());
     } catch (const FileError& error) {
         throw error.notInPlace();
     }
@@ -181,11 +221,16 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
         writeDurably(*place_, text);
     } catch (const FileError& error) {
         known_.reset();
-        if (error.isInPlace()) specs_ = std::move(next);  // what the file now holds
+        if (error.isInPlace()) hold(std::move(next));  // what the file now holds
         throw;
     }
     known_ = factsOf(*place_);
-    specs_ = std::move(next);
+    hold(std::move(next));
+}
+
+void CustomMoodStore::hold(std::vector<MoodSpec> specs) noexcept {
+    specs_ = std::move(specs);
+    loadProblem_.reset();
 }
 
 }  // namespace quillmere

@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -22,8 +23,9 @@ namespace quillmere {
 /// what is not on disk.
 ///
 /// Where another process wrote the file since, an update changes what that one wrote; until then the list is what this
-/// process last read or wrote. A lock on a file beside it (".Moods.lock" for "Moods.json") keeps the updates of two
-/// processes apart: one that finds it held is refused. Within a process one store should serve each file.
+/// process last read or wrote, unless it is asked to `refresh`. A lock on a file beside it (".Moods.lock" for
+/// "Moods.json") keeps the updates of two processes apart: one that finds it held is refused. Within a process one
+/// store should serve each file.
 ///
 /// Thread-safe: yes; one plain mutex, held for the whole of an update. Blocks on disk: only where a member says so.
 class CustomMoodStore {
@@ -40,6 +42,7 @@ public:
     ///
     /// Where the disk cannot answer, the list is empty and the file stays; the first update reads it again, and fails
     /// if it still cannot be read. What is no regular file is left alone: the list is empty, and every update fails.
+    /// An empty list is told from one that could not be read by `loadProblem`.
     ///
     /// A link in the file's place is followed where it names a mood file, which updates then replace. Any other link is
     /// left alone, for what it names may only be away: the list is empty, and every update fails.
@@ -50,6 +53,15 @@ public:
 
     /// Where the list is kept; empty, and every update fails, for a user without any home folder.
     [[nodiscard]] const std::filesystem::path& url() const noexcept { return file_; }
+
+    /// Why the file could not be read when that was last tried, as a sentence: the list may then lack what the user
+    /// keeps. Nothing once the file was read, or written by an update, and where there is none.
+    [[nodiscard]] std::optional<std::string> loadProblem() const;
+
+    /// Takes in what another process wrote since, and a file that could not be read before: for who decides by the list
+    /// what to change. Never fails: where the file cannot be read the list stays, and `loadProblem` says why. Blocks on
+    /// disk.
+    void refresh();
 
     /// The user's moods, in the user's order.
     [[nodiscard]] std::vector<MoodSpec> all() const;
@@ -72,7 +84,9 @@ public:
 private:
     void load();
     void find();
-    void moveDamagedAside(const FileFacts& facts) const;
+    [[nodiscard]] std::string moveDamagedAside(const FileFacts& facts) const;
+    [[nodiscard]] bool isNews(const std::optional<FileFacts>& present) const;
+    void hold(std::vector<MoodSpec> specs) noexcept;
     void update(const std::function<void(std::vector<MoodSpec>&)>& change);
 
     const std::filesystem::path file_;
@@ -83,6 +97,7 @@ private:
     std::vector<MoodSpec> specs_;
     std::optional<std::filesystem::path> place_;  // of the file itself, behind a link; nothing until that is known
     std::optional<FileFacts> known_;              // the file as last read or written
+    std::optional<std::string> loadProblem_;
 };
 
 }  // namespace quillmere

@@ -25,6 +25,10 @@ std::filesystem::path sharedDirectory() {
     return UserFolders::temporary() / ("quillmere-vault-" + std::to_string(getpid()));
 }
 
+std::string cannotBeRead(const std::filesystem::path& file, const std::string& reason) {
+    return "The vault \"" + file.string() + "\" cannot be read: " + reason;
+}
+
 }  // namespace
 
 std::string RecipeVault::ImportResult::summary() const {
@@ -45,7 +49,8 @@ RecipeVault::RecipeVault(const std::optional<std::filesystem::path>& directory) 
     createFolders(file_.parent_path());
     try {
         find();
-    } catch (const FileError&) {
+    } catch (const FileError& error) {
+        loadProblem_ = cannotBeRead(file_, error.what());
         return;  // the disk could not answer; the first change asks again
     }
     removeOldTemporaries(place_.value_or(file_).parent_path());
@@ -115,6 +120,26 @@ RecipeVault::ImportResult RecipeVault::importing(std::string_view bytes) {
     return result;
 }
 
+std::optional<std::string> RecipeVault::loadProblem() const {
+    const std::lock_guard lock(mutex_);
+    return loadProblem_;
+}
+
+void RecipeVault::refresh() {
+    const std::lock_guard writing(writing_);
+    try {
+        if (place_) {
+            takeInOthers();
+        } else {
+            find();
+        }
+    } catch (const FileError& error) {
+        known_.reset();  // so that it is read the next time
+        const std::lock_guard lock(mutex_);
+        loadProblem_ = cannotBeRead(file_, error.what());
+    }
+}
+
 std::optional<std::string> RecipeVault::lastSaveError() const {
     const std::lock_guard lock(mutex_);
     return lastSaveError_;
@@ -137,8 +162,9 @@ RecipeVault::Contents RecipeVault::read(const std::filesystem::path& place) {
         return contents;
     } catch (const FileError& error) {
         if (!replacedFile::isForGood(error)) throw;
-    } catch (const Error&) {
-        // Damaged, and so it will stay.
+        contents.damage = cannotBeRead(place, error.what());
+    } catch (const Error& error) {
+        contents.damage = cannotBeRead(place, error.what());
     }
     contents.isWhole = false;
     return contents;
@@ -150,7 +176,12 @@ void RecipeVault::find() {
     auto contents = place ? read(*place) : Contents{};
     // A link that names no vault's file is the user's: no change replaces it, and each asks again what it names.
     const bool isVault = contents.facts && (contents.isWhole || !contents.recipes.empty());
-    if (place != file_ && !isVault) return;
+    if (place != file_ && !isVault) {
+        const FileError isNoVault("read", file_, FileFault::fileNotRegular);
+        const std::lock_guard lock(mutex_);
+        loadProblem_ = contents.damage ? std::move(contents.damage) : cannotBeRead(file_, isNoVault.what());
+        return;
+    }
     place_ = place;
     takeIn(std::move(contents));
 }
@@ -192,6 +223,15 @@ void RecipeVault::takeIn(Contents theirs) {
     known_ = theirs.facts;
     knownFingerprints_ = std::move(theirs.fingerprints);
     isUnreadable_ = !theirs.isWhole;
+    loadProblem_ = std::move(theirs.damage);
+}
+
+// Takes in the file if another process wrote it since.
+void RecipeVault::takeInOthers() {
+    const auto present = replacedFile::lookAt(*place_);
+    if (!present || present == known_) return;
+    auto theirs = read(*place_);
+    if (theirs.facts) takeIn(std::move(theirs));  // one that is gone again removes nothing
 }
 
 // Writes what can be written; returns what was left out, if anything was.
@@ -200,11 +240,7 @@ std::optional<std::string> RecipeVault::write() {
     if (!place_) throw FileError("write", file_, FileFault::fileNotRegular);
     createFolders(place_->parent_path());  // it may have been taken away since
     const auto lock = replacedFile::lockFor(*place_);
-    const auto present = replacedFile::lookAt(*place_);
-    if (present && present != known_) {  // another process wrote it since
-        auto theirs = read(*place_);
-        if (theirs.facts) takeIn(std::move(theirs));  // one that is gone again removes nothing
-    }
+    takeInOthers();
     RecipeBundle bundle;
     std::optional<std::string> leftOut;
     for (auto recipes = saved(); LoopRecipe & recipe : recipes) {
@@ -228,6 +264,8 @@ std::optional<std::string> RecipeVault::write() {
     const auto noteWritten = [&]() noexcept {
         known_ = factsOf(*place_);
         knownFingerprints_ = std::move(fingerprints);
+        const std::lock_guard guard(mutex_);
+        loadProblem_.reset();
     };
     try {
         writeDurably(*place_, bytes);

@@ -25,7 +25,7 @@ namespace quillmere {
 /// additions and their removals. A lock on ".saved.lock" beside the file is held while it is written; a change that
 /// finds it held stays in memory, and `lastSaveError` names the holder.
 ///
-/// Thread-safe: yes. Blocks on disk: construction and every change; reading the list never does.
+/// Thread-safe: yes. Blocks on disk: construction, every change and `refresh`; reading the list never does.
 class RecipeVault {
 public:
     /// The vault's file is never larger, in bytes: a longer one is not read, nor ever written.
@@ -47,8 +47,9 @@ public:
     [[nodiscard]] static RecipeVault& shared();
 
     /// Opens the vault in `directory` (default: the application's data folder), making it if missing. Throws
-    /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault. A relative path is
-    /// taken from the current folder, now; an empty one stops the process.
+    /// `FileError` if it cannot be made; a file that is missing or unreadable makes an empty vault, and `loadProblem`
+    /// tells the one from the other. A relative path is taken from the current folder, now; an empty one stops the
+    /// process.
     ///
     /// A link in the file's place is followed where it names a vault's file, which changes then replace. Any other link
     /// is left alone, for what it names may only be away: the vault is empty, and every write fails.
@@ -56,6 +57,15 @@ public:
 
     /// The vault's file.
     [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+
+    /// Why the file could not be read when that was last tried, as a sentence: the list may then lack what the user
+    /// keeps. Nothing once the file was read or written, and where there is none.
+    [[nodiscard]] std::optional<std::string> loadProblem() const;
+
+    /// Takes in what another process wrote since, and a file that could not be read before: for who decides by the list
+    /// what to change or to hand out. Never fails: where the file cannot be read the list stays, and `loadProblem` says
+    /// why. Writes nothing.
+    void refresh();
 
     /// The recipes, oldest first.
     [[nodiscard]] std::vector<LoopRecipe> saved() const;
@@ -86,11 +96,13 @@ private:
         std::optional<FileFacts> facts;
         std::vector<LoopRecipe> recipes;  // each fingerprint once
         std::set<std::string, std::less<>> fingerprints;
-        bool isWhole = true;  // nothing would be lost if the recipes were written again
+        bool isWhole = true;                // nothing would be lost if the recipes were written again
+        std::optional<std::string> damage;  // why nothing could be read, and will not be
     };
     [[nodiscard]] static Contents read(const std::filesystem::path& place);
     void find();
     void takeIn(Contents theirs);
+    void takeInOthers();
     bool append(LoopRecipe recipe);
     void persist();
     std::optional<std::string> write();
@@ -98,6 +110,7 @@ private:
     std::filesystem::path file_;
     mutable std::mutex mutex_;
     std::vector<LoopRecipe> recipes_;           // guarded by mutex_
+    std::optional<std::string> loadProblem_;    // guarded by mutex_
     std::optional<std::string> lastSaveError_;  // guarded by mutex_
     std::mutex writing_;  // held while the file is written, so that the newest list is written last; before mutex_
 

@@ -1,5 +1,6 @@
 #include "QuillmereKit/Moods/CustomMoodStore.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -488,6 +489,85 @@ TEST_F(CustomMoodStoreTests, AFileThatCannotBeReadIsNeverReplaced) {
     EXPECT_TRUE(store->all().empty());
     EXPECT_EQ(folder.content("Moods.json"), before);
     EXPECT_EQ(names(folder), std::vector<std::string>{"Moods.json"});
+}
+
+TEST_F(CustomMoodStoreTests, AListThatCouldNotBeReadIsToldFromAnEmptyOne) {
+    EXPECT_EQ(open().loadProblem(), std::nullopt);  // there is none
+
+    const auto problemOf = [&] { return open().loadProblem().value_or("none"); };
+    folder.putFile("Moods.json", "{");
+    EXPECT_THAT(problemOf(), testing::HasSubstr(std::string("(kept as \"") + asideName + "\") cannot be read: "));
+    EXPECT_EQ(problemOf(), "none");  // it is moved aside
+    std::filesystem::create_directory(file);
+    EXPECT_THAT(problemOf(), testing::HasSubstr("regular file"));
+    std::filesystem::remove(file);
+    for (const char* target : {"away/Moods.json", asideName}) {
+        std::filesystem::create_symlink(target, file);
+        EXPECT_THAT(problemOf(), testing::HasSubstr("Moods.json\" cannot be read: "));
+        std::filesystem::remove(file);
+    }
+
+    CustomMoodStore(file).save(mood("my-a"));
+    EXPECT_EQ(problemOf(), "none");
+    const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+    EXPECT_THAT(problemOf(), testing::HasSubstr("Input/output error"));
+}
+
+TEST_F(CustomMoodStoreTests, AListThatCouldNotBeReadIsReadWhenItIsAskedForAgainOrChanged) {
+    CustomMoodStore(file).save(mood("my-a"));
+    for (const bool isChange : {false, true}) {
+        SCOPED_TRACE(isChange);
+        std::optional<CustomMoodStore> store;
+        {
+            const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read", .persists = true});
+            store.emplace(file);
+            store->refresh();
+            EXPECT_TRUE(store->all().empty());
+            EXPECT_NE(store->loadProblem(), std::nullopt);
+        }
+
+        isChange ? store->save(mood("my-a")) : store->refresh();
+
+        EXPECT_EQ(ids(*store), std::vector<std::string>{"my-a"});
+        EXPECT_EQ(store->loadProblem(), std::nullopt);
+    }
+}
+
+TEST_F(CustomMoodStoreTests, RefreshingTakesInWhatAnotherProcessWroteSince) {
+    CustomMoodStore theirs(file);
+    auto mine = open();
+    theirs.save(mood("my-a"));
+    EXPECT_TRUE(mine.all().empty());
+
+    mine.refresh();
+    EXPECT_EQ(ids(mine), std::vector<std::string>{"my-a"});
+
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO});
+        mine.refresh();
+        EXPECT_NE(mine.loadProblem(), std::nullopt);
+    }
+    mine.refresh();
+    EXPECT_EQ(mine.loadProblem(), std::nullopt) << "it is the file that was read before";
+
+    theirs.save(mood("my-b"));
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+        mine.refresh();
+        EXPECT_EQ(faults.struck(), "read");
+    }
+    EXPECT_EQ(ids(mine), std::vector<std::string>{"my-a"});
+    EXPECT_THAT(mine.loadProblem().value_or("none"), testing::HasSubstr("Input/output error"));
+
+    folder.putFile("Moods.json", "{");
+    mine.refresh();
+    EXPECT_EQ(ids(mine), std::vector<std::string>{"my-a"});
+    EXPECT_NE(mine.loadProblem(), std::nullopt);
+    EXPECT_EQ(folder.content("Moods.json"), "{");
+
+    mine.save(mood("my-c"));
+    EXPECT_EQ(mine.loadProblem(), std::nullopt);
+    EXPECT_EQ(folder.content(asideName), "{") << "kept before it is replaced";
 }
 
 TEST_F(CustomMoodStoreTests, ALinkToAMoodFileIsFollowedByReadingAndSaving) {

@@ -342,6 +342,82 @@ TEST_F(RecipeVaultTests, AFileThatCannotBeReadIsNeverReplaced) {
     EXPECT_THAT(keptAside(), testing::IsEmpty());
 }
 
+TEST_F(RecipeVaultTests, AVaultThatCouldNotBeReadIsToldFromAnEmptyOne) {
+    EXPECT_EQ(RecipeVault(place).loadProblem(), std::nullopt);  // there is none
+
+    const auto problemOf = [&] { return RecipeVault(place).loadProblem().value_or("none"); };
+    folder.putFile("vault/saved.json", "{");
+    EXPECT_THAT(problemOf(), testing::HasSubstr("saved.json\" cannot be read: "));
+    std::filesystem::remove(place / "saved.json");
+    std::filesystem::create_directory(place / "saved.json");
+    EXPECT_THAT(problemOf(), testing::HasSubstr("regular file"));
+    std::filesystem::remove(place / "saved.json");
+    std::filesystem::create_symlink("away.json", place / "saved.json");
+    EXPECT_THAT(problemOf(), testing::HasSubstr("saved.json\" cannot be read: "));
+    std::filesystem::remove(place / "saved.json");
+
+    RecipeVault(place).save(builtInRecipe());
+    EXPECT_EQ(problemOf(), "none");
+    const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+    EXPECT_THAT(problemOf(), testing::HasSubstr("Input/output error"));
+}
+
+TEST_F(RecipeVaultTests, AVaultThatCouldNotBeReadIsReadWhenItIsAskedForAgainOrChanged) {
+    RecipeVault(place).save(builtInRecipe(1));
+    for (const bool isChange : {false, true}) {
+        SCOPED_TRACE(isChange);
+        std::optional<RecipeVault> vault;
+        {
+            const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read", .persists = true});
+            vault.emplace(place);
+            vault->refresh();
+            EXPECT_EQ(vault->count(), 0U);
+            EXPECT_NE(vault->loadProblem(), std::nullopt);
+        }
+
+        isChange ? static_cast<void>(vault->save(builtInRecipe(2))) : vault->refresh();
+
+        EXPECT_EQ(vault->saved().front(), builtInRecipe(1));
+        EXPECT_EQ(vault->loadProblem(), std::nullopt);
+    }
+}
+
+TEST_F(SharedVaultTests, RefreshingTakesInWhatAnotherProcessSavedAndWritesNothing) {
+    mine.save(builtInRecipe(1));
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO});
+        mine.refresh();
+        EXPECT_NE(mine.loadProblem(), std::nullopt);
+    }
+    mine.refresh();
+    EXPECT_EQ(mine.loadProblem(), std::nullopt) << "it is the file that was read before";
+
+    theirs.save(builtInRecipe(2));
+    theirs.remove(builtInRecipe(1).fingerprint);
+    const auto before = folder.content("vault/saved.json");
+
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "read"});
+        mine.refresh();
+        EXPECT_EQ(faults.struck(), "read");
+    }
+    EXPECT_EQ(mine.saved(), std::vector{builtInRecipe(1)});
+    EXPECT_THAT(mine.loadProblem().value_or("none"), testing::HasSubstr("Input/output error"));
+
+    mine.refresh();
+    EXPECT_EQ(mine.saved(), std::vector{builtInRecipe(2)});
+    EXPECT_EQ(mine.loadProblem(), std::nullopt);
+    EXPECT_EQ(folder.content("vault/saved.json"), before);
+
+    folder.putFile("vault/saved.json", "{");
+    mine.refresh();
+    EXPECT_EQ(mine.saved(), std::vector{builtInRecipe(2)});
+    EXPECT_NE(mine.loadProblem(), std::nullopt);
+    mine.save(builtInRecipe(3));
+    EXPECT_EQ(mine.loadProblem(), std::nullopt);
+    EXPECT_THAT(keptAside(), testing::SizeIs(1));
+}
+
 TEST_F(RecipeVaultTests, ALockThatCannotBeHadIsReportedWithItsCause) {
     RecipeVault vault(place);
     {
