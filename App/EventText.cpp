@@ -1,5 +1,6 @@
 #include "App/EventText.hpp"
 
+#include "App/Output.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 
 namespace quillmere::app {
@@ -71,7 +72,7 @@ std::string jsonLine(const GenerationQueue::Event& event) {
                    [&](const Progress::Failed& p) {
                        writer.member("event", "failed");
                        writer.member("fingerprint", p.identity.fingerprint());
-                       writer.member("message", p.message);
+                       writer.member("message", jsonText(p.message));
                    },
                    [&](const Progress::Idle&) { writer.member("event", "idle"); },
                    [&](const Progress::Stopping&) { writer.member("event", "stopping"); },

@@ -16,9 +16,9 @@ namespace quillmere::app {
 
 void printJSON(JSONWriter& writer) { std::printf("%s\n", safeJSON(writer.take()).c_str()); }
 
-std::string pathText(const std::filesystem::path& path) {
-    return isValidUTF8(path.native()) ? path.native() : safeForTerminal(path.native());
-}
+std::string jsonText(std::string_view text) { return isValidUTF8(text) ? std::string(text) : safeForTerminal(text); }
+
+std::string pathText(const std::filesystem::path& path) { return jsonText(path.native()); }
 
 std::filesystem::path absolutePath(const std::filesystem::path& named) {
     auto path = std::filesystem::absolute(named);

@@ -11,7 +11,10 @@ namespace quillmere::app {
 /// Prints the whole text of `writer` and a line end on standard output, safe for a terminal.
 void printJSON(JSONWriter& writer);
 
-/// A path as JSON can hold it: bytes that are no UTF-8 are replaced.
+/// A text as JSON can hold it: bytes that are no UTF-8, as a message has that names a file, are replaced.
+[[nodiscard]] std::string jsonText(std::string_view text);
+
+/// The same for a path.
 [[nodiscard]] std::string pathText(const std::filesystem::path& path);
 
 /// A path that a user named, from the root on: as short as it can be, but with its ".." where they stand, since

@@ -144,6 +144,11 @@ class GenerateTests(HostTest):
         self.generate("--engine", "/no/such/engine", expect=1)
         self.generate("--engine", "'unclosed", expect=1)
 
+    def test_a_failure_whose_text_is_not_utf8_is_an_event_like_any_other(self):
+        done = self.generate("--json", "--engine", self.place / "no\udcffsuch", expect=1)
+        failed = [json.loads(line) for line in done.out.splitlines()]
+        self.assertIn("no\ufffdsuch", [event["message"] for event in failed if event["event"] == "failed"][0])
+
     def test_interrupting_leaves_nothing_half_done(self):
         process = self.start("generate", "--mood", "designflow", "--count", "500", "--json")
         while "finished" not in process.stdout.readline():
