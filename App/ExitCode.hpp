@@ -9,7 +9,7 @@ enum class ExitCode {
     usage = 2,          ///< The command line is wrong.
     damage = 3,         ///< `library verify` found damaged, missing or unlisted files.
     libraryInUse = 4,   ///< Another process holds the library.
-    notSaved = 5,       ///< The work was done, but the library could not be saved.
+    notSaved = 5,       ///< The work was done, but it could not be saved, or a power cut may still undo the change.
     interrupted = 130,  ///< Ctrl-C, or a polite request to end.
 };
 

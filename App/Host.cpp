@@ -118,6 +118,23 @@ SettingsFile& Host::settingsFile() {
     return *settings_;
 }
 
+SettingsFile& Host::presentSettings() {
+    if (!settings_) settings_.emplace();
+    settings_->catchUp();
+    for (const auto& problem : settings_->problems()) warn(problem);
+    return *settings_;
+}
+
+void Host::change(const std::function<void()>& change) {
+    try {
+        change();
+    } catch (const FileError& error) {
+        if (!error.isInPlace()) throw;
+        fail(ExitCode::notSaved,
+             std::string(error.what()) + ". The change is in place, but a power cut may still undo it.");
+    }
+}
+
 std::shared_ptr<FolderLock> Host::lockData() {
     const auto data = UserFolders::applicationData();
     if (!data) throw Error("There is no home folder. Name a place with --home.");

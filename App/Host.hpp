@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,15 @@ public:
 
     /// The user's choices, read on first use; what could not be read of them is then said on standard error.
     [[nodiscard]] SettingsFile& settingsFile();
+
+    /// The same for a verb that changes them: as the file holds them now. Throws `FileError` where it cannot be read,
+    /// for what is not known is not to be replaced.
+    [[nodiscard]] SettingsFile& presentSettings();
+
+    /// Makes a change to the user's moods or settings. Where only the sync of its folder failed, the change is in
+    /// place: that is said, the verb goes on, and the program will end with `notSaved`. Anything else that `change`
+    /// throws passes through.
+    void change(const std::function<void()>& change);
 
     /// The right to change the user's moods, recipes and radio, for as long as it is held: take it before the store in
     /// question is first used, so that nothing that another process writes meanwhile is lost. Throws `LibraryInUse` if

@@ -2,13 +2,27 @@
 
 #include "App/Choice.hpp"
 #include "App/CommandLine.hpp"
+#include "App/Host.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
 #include "App/UsageError.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 
 namespace quillmere::app {
+
+CustomMoodStore& ownMoods() {
+    auto& moods = CustomMoodStore::shared();
+    moods.refresh();
+    if (const auto problem = moods.loadProblem()) Host::warn(*problem);
+    return moods;
+}
+
+void requireReadable(const std::string& id) {
+    if (!id.starts_with(MoodSpec::idPrefix)) return;
+    auto& moods = CustomMoodStore::shared();
+    moods.refresh();
+    if (const auto problem = moods.loadProblem()) throw Error(*problem);
+}
 
 std::vector<std::string> moodIDs() {
     std::vector<std::string> ids;
@@ -17,6 +31,7 @@ std::vector<std::string> moodIDs() {
 }
 
 Mood namedMood(const std::string& option, const std::string& id) {
+    requireReadable(id);
     if (const auto mood = MoodCatalog::mood(id)) return *mood;
     throw UsageError(option, "there is no mood \"" + safeForTerminal(id) + "\"." +
                                  didYouMean(id, moodIDs(), " 'quillmere moods' lists them."));

@@ -10,7 +10,6 @@
 #include "App/Terminal.hpp"
 #include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 
 namespace quillmere::app {
@@ -68,7 +67,7 @@ void listAsText(const std::vector<Mood>& moods) {
 }
 
 void list(const Host& host) {
-    const auto moods = MoodCatalog::all(CustomMoodStore::shared());
+    const auto moods = MoodCatalog::all(ownMoods());
     host.json ? listAsJSON(moods) : listAsText(moods);
 }
 
@@ -113,7 +112,7 @@ void create(Host& host, const MoodChanges& changes) {
     const auto lock = host.lockData();
     MoodSpec made = MoodSpec::blank(MoodGlyph::wave);
     changes.applyTo(made);
-    CustomMoodStore::shared().save(made);
+    host.change([&] { ownMoods().save(made); });
     if (host.json) {
         printMood(Mood(made));
     } else {
@@ -127,7 +126,7 @@ void edit(Host& host, const std::string& id, const MoodChanges& changes) {
     const MoodSpec before = ownMood(id);
     MoodSpec after = before;
     changes.applyTo(after);
-    if (after != before) CustomMoodStore::shared().save(after);
+    if (after != before) host.change([&] { CustomMoodStore::shared().save(after); });
     if (host.json) {
         printMood(Mood(after));
     } else {
@@ -140,7 +139,7 @@ void edit(Host& host, const std::string& id, const MoodChanges& changes) {
 void remove(Host& host, const std::string& id, bool isMeant) {
     const auto lock = host.lockData();
     const MoodSpec mood = ownMood(id);
-    if (isMeant) CustomMoodStore::shared().remove(mood.id);
+    if (isMeant) host.change([&] { CustomMoodStore::shared().remove(mood.id); });
     if (host.json) {
         JSONWriter writer(JSONWriter::Form::pretty);
         writer.beginObject();

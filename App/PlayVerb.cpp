@@ -55,6 +55,7 @@ public:
         const std::optional<std::string_view> model =
             options.model.empty() ? std::nullopt : std::optional<std::string_view>(options.model);
         for (const auto& id : radio_.moodIDs()) {
+            requireReadable(id);
             auto pool = store.playbackPool(id, model, {});
             if (pool.empty()) {
                 throw Error("There is no music for the mood \"" + id + "\" yet. 'quillmere generate --mood " + id +

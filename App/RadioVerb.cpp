@@ -21,8 +21,8 @@ struct Options {
 };
 
 // The radio as it is kept.
-RadioSet keptRadio(Host& host) {
-    if (const auto& radio = host.settingsFile().settings().radio) return *radio;
+RadioSet keptRadio(const SettingsFile& file) {
+    if (const auto& radio = file.settings().radio) return *radio;
     throw Error("There is no radio yet. 'quillmere radio make MOOD...' makes one.");
 }
 
@@ -36,6 +36,7 @@ void show(const Host& host, const RadioSet& radio) {
         writer.endObject();
         return printJSON(writer);
     }
+    static_cast<void>(ownMoods());  // that they cannot be read is no reason to say that they are gone
     std::printf("%s\n", radio.summary().c_str());
     for (const auto& id : radio.moodIDs()) {
         const auto mood = MoodCatalog::mood(id);
@@ -45,7 +46,7 @@ void show(const Host& host, const RadioSet& radio) {
 }
 
 void keep(Host& host, const RadioSet& radio) {
-    host.settingsFile().set("radio", radio);
+    host.change([&] { host.settingsFile().set("radio", radio); });
     show(host, radio);
 }
 
@@ -62,7 +63,7 @@ void make(Host& host, const Options& options) {
 // A mood that is gone can still be taken out.
 void toggle(Host& host, const Options& options) {
     const auto lock = Host::lockData();
-    const auto& kept = host.settingsFile().settings().radio;
+    const auto& kept = host.presentSettings().settings().radio;
     if (!kept || !kept->contains(options.mood)) static_cast<void>(playableMood("mood", options.mood));
     if (!kept) return keep(host, RadioSet::make({options.mood}, std::nullopt).value());
     RadioSet radio = *kept;
@@ -75,7 +76,7 @@ void toggle(Host& host, const Options& options) {
 
 void advance(Host& host) {
     const auto lock = Host::lockData();
-    RadioSet radio = keptRadio(host);
+    RadioSet radio = keptRadio(host.presentSettings());
     radio.advance();
     keep(host, radio);
 }
@@ -92,7 +93,7 @@ void addRadioVerb(Verb program, Host& host) {
     verb.callback([verb, &host] {
         if (verb.isVerbGiven()) return;
         host.prepare();
-        show(host, keptRadio(host));
+        show(host, keptRadio(host.settingsFile()));
     });
     const auto add = [&](const char* name, const char* what, const char* example) {
         Verb part = verb.addVerb(name, what);
@@ -105,7 +106,7 @@ void addRadioVerb(Verb program, Host& host) {
     Verb showing = add("show", "Show the radio", "show --json");
     showing.callback([&host] {
         host.prepare();
-        show(host, keptRadio(host));
+        show(host, keptRadio(host.settingsFile()));
     });
 
     Verb making = add("make", "Make the radio of these moods", "make designflow winddown --on-air winddown");

@@ -3,6 +3,7 @@
 #include "App/CommandLine.hpp"
 #include "App/Engines.hpp"
 #include "App/Host.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
 #include "App/Recipes.hpp"
 #include "App/Recreation.hpp"
@@ -10,7 +11,6 @@
 #include "App/Terminal.hpp"
 #include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 
 namespace quillmere::app {
@@ -145,7 +145,7 @@ LoopRecipe namedRecipe(const std::string& name) {
         return std::move(read.recipes.usable.front());
     }
     std::vector<std::string> known;
-    for (LoopRecipe& recipe : RecipeVault::shared().saved()) {
+    for (LoopRecipe& recipe : readableVault().saved()) {
         if (recipe.fingerprint == name) {
             recipe.validate();  // the file may have been edited by hand
             return std::move(recipe);
@@ -157,10 +157,12 @@ LoopRecipe namedRecipe(const std::string& name) {
 }
 
 // Keeps the recipe's mood among the user's own, so that its pieces are played. A mood of that id stays as it is.
-void keepMood(const LoopRecipe& recipe, bool isWanted) {
+void keepMood(Host& host, const LoopRecipe& recipe, bool isWanted) {
     if (!recipe.identity.moodID.starts_with(MoodSpec::idPrefix) || !recipe.moodSpec) return;
     const auto lock = isWanted ? Host::lockData() : nullptr;
-    auto& moods = CustomMoodStore::shared();
+    if (isWanted) requireReadable(recipe.moodSpec->id);
+    auto& moods = ownMoods();
+    if (moods.loadProblem()) return;                    // whether there is one of that id is not known
     const auto held = moods.spec(recipe.moodSpec->id);  // the user's own specification
     if (held && held->rendersLike(*recipe.moodSpec)) return;
     if (held) {
@@ -169,7 +171,7 @@ void keepMood(const LoopRecipe& recipe, bool isWanted) {
         Host::warn("The mood \"" + recipe.moodSpec->name +
                    "\" is not among yours, so the piece will not be played. --with-mood adds it.");
     } else {
-        moods.save(*recipe.moodSpec);
+        host.change([&] { moods.save(*recipe.moodSpec); });
     }
 }
 
@@ -178,7 +180,7 @@ void recreateRecipe(Host& host, const Options& options) {
     const auto done = recreate(recipe, options.engine, options.digest, host);
     if (!done) return;
     report(*done, host);  // first: the piece is there, whatever becomes of its mood
-    keepMood(recipe, options.isWithMood);
+    keepMood(host, recipe, options.isWithMood);
 }
 
 }  // namespace
@@ -186,7 +188,7 @@ void recreateRecipe(Host& host, const Options& options) {
 void importRecipes(Host& host, const std::string& file) {
     const RecipeFile read = readRecipes(file);
     const auto lock = Host::lockData();
-    auto& vault = RecipeVault::shared();
+    auto& vault = ownVault();
     RecipeVault::ImportResult result;
     if (read.isBundle) {
         result = vault.importing(read.bytes);

@@ -7,12 +7,12 @@
 #include "App/CommandLine.hpp"
 #include "App/DigestBook.hpp"
 #include "App/Host.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
 #include "App/Pieces.hpp"
 #include "App/Terminal.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Library/FileSHA256.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
 #include "QuillmereKit/Moods/MoodCatalog.hpp"
 #include "QuillmereKit/Platform/AudioFile.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
@@ -82,6 +82,7 @@ RecipeFile readRecipes(const std::filesystem::path& file) {
 LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint, const std::optional<std::string>& name) {
     const LoopArtifact piece = namedPiece(store, fingerprint);
     const auto& identity = piece.identity;
+    requireReadable(identity.moodID);
     const auto mood = MoodCatalog::mood(identity.moodID);
     if (!piece.isPlayable()) {
         throw Error("The mood \"" + (mood ? mood->name : identity.moodID) +
@@ -93,6 +94,20 @@ LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint, cons
     return LoopRecipe::make(piece, name.value_or(mood ? mood->name : identity.moodID),
                             own != nullptr ? std::optional(*own) : std::nullopt, piece.engineBuild, piece.origin,
                             std::move(digest));
+}
+
+RecipeVault& ownVault() {
+    auto& vault = RecipeVault::shared();
+    vault.refresh();
+    if (const auto problem = vault.loadProblem()) Host::warn(*problem);
+    return vault;
+}
+
+RecipeVault& readableVault() {
+    auto& vault = RecipeVault::shared();
+    vault.refresh();
+    if (const auto problem = vault.loadProblem()) throw Error(*problem);
+    return vault;
 }
 
 std::string plainWAVDigest(const std::filesystem::path& file) {

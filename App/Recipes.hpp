@@ -30,9 +30,15 @@ struct RecipeFile {
 /// The recipe of the stored piece that a fingerprint, or the beginning of one, names, under the mood's name or the one
 /// given, with everything that is known about it. The digest of the audio file is among that only while the file is
 /// still the one that the engine wrote. Throws `UsageError` as `namedPiece`, and `Error` for a piece of a
-/// user mood that is gone or was changed since: nobody could recreate it.
+/// user mood that is gone or was changed since, for nobody could recreate it, or that cannot be read.
 [[nodiscard]] LoopRecipe recipeOf(const LoopStore& store, const std::string& fingerprint,
                                   const std::optional<std::string>& name);
+
+/// The user's vault as its file holds it now. Where that cannot be read, it is said on standard error.
+[[nodiscard]] RecipeVault& ownVault();
+
+/// The same for who decides by what it holds, or hands that out. Throws `Error` where the file cannot be read.
+[[nodiscard]] RecipeVault& readableVault();
 
 /// The SHA-256 of the plain WAV file that holds the samples of an audio file: the digest that an engine's file had
 /// before it was stored without loss. Throws `FileError`.

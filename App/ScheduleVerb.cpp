@@ -21,9 +21,10 @@ void addScheduleVerb(Verb program, Host& host) {
     verb.callback([window, given, &host] {
         host.prepare();
         const auto lock = given.isGiven() ? Host::lockData() : nullptr;  // before the file is read
-        SettingsFile& file = host.settingsFile();
+        SettingsFile& file = given.isGiven() ? host.presentSettings() : host.settingsFile();
         if (given.isGiven()) {
-            *window == "none" ? file.reset("schedule") : file.set("schedule", chosenWindow(*window));
+            host.change(
+                [&] { *window == "none" ? file.reset("schedule") : file.set("schedule", chosenWindow(*window)); });
         }
         const Settings& settings = file.settings();
         const auto state = ScheduleState::at(std::chrono::system_clock::now(), settings.schedule);

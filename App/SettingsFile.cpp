@@ -105,8 +105,6 @@ SettingsFile::Choices SettingsFile::choices(Members members) const {
     return made;
 }
 
-// Takes in what the file holds, unless that is known. Where it is gone or damaged, what is known of it stands. Throws
-// `FileError` where it cannot be read now.
 void SettingsFile::catchUp() {
     const auto take = [&](std::string_view text) {
         choices_ = choices(membersIn(text));

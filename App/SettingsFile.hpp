@@ -64,6 +64,11 @@ public:
     /// A sentence for each thing that could not be read; a setting named there has its default.
     [[nodiscard]] const std::vector<std::string>& problems() const noexcept { return choices_.problems; }
 
+    /// Takes in what another program wrote since, and a file that the disk would not give before: for who decides by
+    /// the choices what to change. Where the file is gone or damaged, what is known of it stands. Throws `FileError`
+    /// where it cannot be read now.
+    void catchUp();
+
     /// Makes a choice and writes the file durably. Throws `LibraryInUse` while another process writes it, or
     /// `FileError`; the file is then as it was, unless the error says that the change is in place. `name` must be one
     /// of `names` and `value` of its type.
@@ -86,7 +91,6 @@ private:
     };
 
     [[nodiscard]] Choices choices(Members members) const;
-    void catchUp();
     [[nodiscard]] std::shared_ptr<FolderLock> beginChange();
     void keepWhatIsLost(std::string_view name);
     void replace(std::string_view name, std::optional<std::string> json);

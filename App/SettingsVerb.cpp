@@ -4,6 +4,7 @@
 
 #include "App/CommandLine.hpp"
 #include "App/Host.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
 #include "App/SettingsFile.hpp"
 #include "App/Suggestion.hpp"
@@ -11,8 +12,6 @@
 #include "App/TimeWindow.hpp"
 #include "App/UsageError.hpp"
 #include "App/Verbs.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
-#include "QuillmereKit/Moods/MoodCatalog.hpp"
 #include "QuillmereKit/Platform/Text.hpp"
 
 namespace quillmere::app {
@@ -48,16 +47,11 @@ Horizon chosenHorizon(const std::string& text) {
 }
 
 RadioSet chosenRadio(const std::string& text, const std::optional<RadioSet>& present) {
-    std::vector<std::string> known;
-    for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.push_back(mood.id);
     std::vector<std::string> moods;
     std::istringstream words(text);
     for (std::string word; std::getline(words, word, ',');) {
         const std::string id(trimmed(word));
-        if (std::ranges::find(known, id) == known.end()) {
-            refuse("radio", "there is no mood \"" + safeForTerminal(id) + "\"." + didYouMean(id, known));
-        }
-        moods.push_back(id);
+        moods.push_back(namedMood("radio", id).id);
     }
     auto radio = RadioSet::make(moods, present ? std::optional(present->onAir()) : std::nullopt);
     if (!radio) refuse("radio", "name moods, as in designflow,deepcode, or none.");
@@ -173,11 +167,9 @@ void addSettingsVerb(Verb program, Host& host) {
         if (options->isReset && name.empty()) refuse("--reset", "name the setting.");
         const bool isChange = options->isReset || value.isGiven();
         const auto lock = isChange ? Host::lockData() : nullptr;  // before the file is read
-        SettingsFile& file = host.settingsFile();
-        if (options->isReset) {
-            file.reset(name);
-        } else if (value.isGiven()) {
-            choose(file, name, options->value);
+        SettingsFile& file = isChange ? host.presentSettings() : host.settingsFile();
+        if (isChange) {
+            host.change([&] { options->isReset ? file.reset(name) : choose(file, name, options->value); });
         }
         host.json ? printAsJSON(file.settings(), name) : printAsText(file.settings(), name);
     });

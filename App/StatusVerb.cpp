@@ -6,6 +6,7 @@
 #include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/MemoryPressure.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
 #include "App/Pieces.hpp"
 #include "App/ScheduleState.hpp"
@@ -46,12 +47,15 @@ Status statusOf(Host& host) {
     auto sizes = std::async(std::launch::async | std::launch::deferred,
                             [folder = standardPath(host.libraryFolder())] { return FileSizes(folder); });
     const auto& store = *host.readingStore();
-    for (const auto& [moodID, material] : store.material()) {
+    const auto all = store.material();
+    const auto isUsers = [](const std::string& moodID) { return moodID.starts_with(MoodSpec::idPrefix); };
+    const bool hasUsers = std::ranges::any_of(all, [&](const auto& each) { return isUsers(each.first); });
+    if (hasUsers) static_cast<void>(ownMoods());  // which of their pieces are ready depends on them
+    for (const auto& [moodID, material] : all) {
         status.pieces += material.pieces;
         status.seconds += material.seconds;
         // Only a user's mood may have changed since its music was made.
-        const bool isUsers = moodID.starts_with(MoodSpec::idPrefix);
-        status.ready[moodID] = isUsers ? store.playbackPool(moodID, std::nullopt, {}).size() : material.pieces;
+        status.ready[moodID] = isUsers(moodID) ? store.playbackPool(moodID, std::nullopt, {}).size() : material.pieces;
     }
     constexpr double mostSeconds = 1e15;  // a stranger's manifest may hold any number
     status.seconds = std::min(status.seconds, mostSeconds);
@@ -108,7 +112,7 @@ void printAsJSON(const Status& status) {
 
     if (settings.radio) writer.member("radio", settings.radio->summary());
     writer.member("inUseBy", status.holder);
-    writer.member("lastSaveError", status.saveError);
+    writer.member("lastSaveError", status.saveError ? std::optional(jsonText(*status.saveError)) : std::nullopt);
     writer.endObject();
     printJSON(writer);
 }

@@ -32,7 +32,7 @@ void printLine(const LoopRecipe& recipe) {
 }
 
 void list(const Host& host) {
-    const auto recipes = RecipeVault::shared().saved();
+    const auto recipes = ownVault().saved();
     if (host.json) {
         JSONWriter writer(JSONWriter::Form::pretty);
         writer.array(recipes);
@@ -59,14 +59,14 @@ void printOutcome(const Host& host, const LoopRecipe& recipe, const char* key, b
 void add(Host& host, const Options& options) {
     const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name);
     const auto lock = Host::lockData();
-    const bool isNew = RecipeVault::shared().save(recipe);
+    const bool isNew = ownVault().save(recipe);
     printOutcome(host, recipe, "isNew", isNew, isNew ? "Saved" : "Already saved");
     noteSaveError(host);
 }
 
 void remove(Host& host, const Options& options) {
     const auto lock = Host::lockData();
-    auto& vault = RecipeVault::shared();
+    auto& vault = readableVault();
     std::vector<std::string> known;
     for (const LoopRecipe& recipe : vault.saved()) {
         if (recipe.fingerprint != options.fingerprint) {
@@ -84,7 +84,7 @@ void remove(Host& host, const Options& options) {
 }
 
 void exportAll(Host& host, const Options& options) {
-    auto& vault = RecipeVault::shared();
+    const auto& vault = readableVault();
     exportText(host, options.target, vault.exported(), std::to_string(vault.count()) + " recipes",
                [&](JSONWriter& writer) { writer.member("count", static_cast<std::int64_t>(vault.count())); });
 }

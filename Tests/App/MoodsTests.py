@@ -83,6 +83,57 @@ class MoodsTests(HostTest):
         self.assertEqual(self.kept(), [])
         self.assertIn("there is no mood", self.run_host("moods", "delete", mood, "--yes", expect=2).err)
 
+    def test_moods_that_cannot_be_read_are_told_from_none(self):
+        mood = self.make_playable()["id"]
+        file = self.home / "Moods.json"
+        whole = file.read_bytes()
+        refused = (["moods", "edit", mood, "--name", "x"], ["moods", "delete", mood, "--yes"], ["moods", "show", mood],
+                   ["moods", "prompt", mood], ["generate", "--mood", mood], ["settings", "radio", mood],
+                   ["radio", "make", mood], ["play", "--mood", mood, "--output", self.place / "out.wav"])
+
+        for words in refused:
+            done = self.run_failing("openat:error=EIO", [file], *words, expect=1)
+            self.assertIn(f'The moods "{file}" cannot be read: ', done.err)
+        done = self.run_failing("openat:error=EIO", [file], "moods")
+        self.assertIn(f'The moods "{file}" cannot be read: ', done.err)
+        self.assertIn("designflow", done.out)
+        self.assertEqual(file.read_bytes(), whole)
+
+        for words in (*refused, ["moods", "new"], ["moods"]):
+            file.write_text("{broken")
+            done = self.run_host(*words, expect=1 if words in refused else 0)
+            self.assertRegex(done.err, r'The moods ".*" \(kept as "Moods.unreadable-.*"\) cannot be read: ')
+
+    def test_moods_that_could_not_be_read_at_first_are_asked_for_again(self):
+        mood = self.make_playable()["id"]
+        file = [self.home / "Moods.json"]
+
+        self.assertIn(mood, self.run_failing("openat:error=EIO:when=1", file, "moods").out)
+        self.run_failing("openat:error=EIO:when=1", file, "moods", "edit", mood, "--name", "Again")
+        self.assertEqual([each["name"] for each in self.kept()], ["Again"])
+        self.run_failing("openat:error=EIO:when=1", file, "moods", "delete", mood, "--yes")
+        self.assertEqual(self.kept(), [])
+
+    def test_a_change_that_is_in_place_unsynced_is_told_as_one_that_may_be_lost(self):
+        mood = self.make_playable()["id"]
+
+        def change(*words):
+            done = self.run_failing("fsync:error=EIO", [self.home], *words, expect=5)
+            self.assertIn("The change is in place, but a power cut may still undo it.", done.err)
+            return done.out
+
+        made = change("moods", "new", "--name", "Unsynced").split()[0]
+        self.assertEqual([each["id"] for each in self.kept()], [made, mood])
+        self.assertIn("Renamed", change("moods", "edit", mood, "--name", "Renamed"))
+        self.assertIn("Deleted", change("moods", "delete", made, "--yes"))
+        self.assertEqual([each["name"] for each in self.kept()], ["Renamed"])
+        self.assertEqual(change("settings", "pace", "gentle"), "gentle\n")
+        self.assertEqual(self.run_host("settings", "pace").out, "gentle\n")
+        self.assertIn("22:00-06:00", change("schedule", "22:00-06:00"))
+        self.assertIn("> designflow", change("radio", "make", "designflow", "sprint"))
+        self.assertIn("> sprint", change("radio", "next"))
+        self.assertEqual(self.run_json("radio")["onAir"], "sprint")
+
     def test_prompt_is_the_complete_one_at_the_step(self):
         mood = self.make_playable()["id"]
         calm = "TrackType: Music, VocalType: Instrumental, Genre: ambient, Moods: calm, BPM: 60. soft"

@@ -55,6 +55,27 @@ class RadioTests(HostTest):
         self.assertIn("no such mood", self.run_host("radio").out)
         self.assertEqual(self.run_json("radio", "toggle", mood)["moodIDs"], ["designflow"])
 
+    def test_settings_that_could_not_be_read_at_first_are_asked_for_again(self):
+        file = self.home / "settings.json"
+        for words, radio, on_air in ((["radio", "toggle", "recovery"], ["designflow", "sprint", "recovery"], "sprint"),
+                                     (["radio", "next"], ["designflow", "sprint"], "designflow"),
+                                     (["settings", "radio", "sprint,recovery"], ["sprint", "recovery"], "sprint"),
+                                     (["settings", "radio", "recovery,sprint"], ["recovery", "sprint"], "sprint")):
+            self.run_host("radio", "make", "designflow", "sprint", "--on-air", "sprint")
+            self.assertEqual(self.run_failing("openat:error=EIO:when=1", [file], *words).err, "")
+            self.assertEqual((self.kept()["moodIDs"], self.kept()["onAir"]), (radio, on_air))
+
+            before = file.read_bytes()
+            done = self.run_failing("openat:error=EIO", [file], *words, expect=1)
+            self.assertIn("settings.json", done.err)
+            self.assertEqual(file.read_bytes(), before)
+
+    def test_a_mood_that_cannot_be_read_is_not_said_to_be_gone_for_good(self):
+        mood = self.run_json("moods", "new", "--calm-text", "a", "--energetic-text", "b")["id"]
+        self.run_host("radio", "make", "designflow", mood)
+        done = self.run_failing("openat:error=EIO", [self.home / "Moods.json"], "radio")
+        self.assertRegex(done.err, "The moods .* cannot be read")
+
     def test_what_a_file_says_cannot_steer_the_terminal(self):
         self.run_host("radio", "make", "designflow")
         file = self.home / "settings.json"

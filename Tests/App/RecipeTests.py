@@ -327,6 +327,27 @@ class RecipeTests(HostTest):
         self.assertIn("is another one", self.run_host("recipe", "recreate", file, "--with-mood").err)
         self.assertEqual((self.home / "Moods.json").read_bytes(), before)
 
+    def test_where_the_moods_cannot_be_read_none_is_replaced(self):
+        mood, piece = self.custom()
+        file = self.export(piece["identity"])
+        self.run_host("moods", "edit", mood["id"], "--calm-bpm", 90)
+        moods = self.home / "Moods.json"
+        before = moods.read_bytes()
+        words = ["recipe", "recreate", file, "--with-mood"]
+
+        self.assertIn("is another one", self.run_failing("openat:error=EIO:when=1", [moods], *words).err)
+        self.assertEqual(moods.read_bytes(), before)
+        done = self.run_failing("openat:error=EIO", [moods], *words, expect=1)
+        self.assertIn("cannot be read", done.err)
+        self.assertIn("digest ", done.out)
+        done = self.run_failing("openat:error=EIO", [moods], *words[:-1])
+        self.assertIn("cannot be read", done.err)
+        self.assertNotIn("not among yours", done.err)
+        done = self.run_failing("openat:error=EIO", [moods], "recipe", "export", fingerprint(piece["identity"]),
+                                expect=1)
+        self.assertIn("cannot be read", done.err)
+        self.assertEqual(moods.read_bytes(), before)
+
     def test_a_length_that_no_piece_has_is_damage_and_a_longer_one_is_cut(self):
         for seconds in (0, -1, 1e-9, -1e308):
             done = self.run_host("recipe", "recreate", self.write(self.recipe(seconds=seconds)), expect=1)

@@ -91,6 +91,38 @@ class VaultTests(HostTest):
         self.assertEqual(kept, ["{broken"])
         self.assertEqual(len(self.run_json("vault")), 1)
 
+    def test_a_vault_that_cannot_be_read_is_told_from_an_empty_one(self):
+        piece = self.pieces(1)[0]
+        self.run_host("vault", "add", piece)
+        vault, backup = self.home / "saved.json", self.place / "backup.json"
+        self.run_host("vault", "export", "--output", backup)
+        whole, kept = backup.read_bytes(), vault.read_bytes()
+
+        def assert_refused(run):
+            self.assertRegex(run("vault", "list", expect=0).err, 'The vault ".*" cannot be read: ')
+            for words in (["vault", "export"], ["vault", "export", "--force", "--output", backup],
+                          ["vault", "remove", piece, "--yes"], ["recipe", "recreate", piece]):
+                done = run(*words, expect=1)
+                self.assertEqual(done.out, "")
+                self.assertRegex(done.err, 'The vault ".*" cannot be read: ')
+            self.assertEqual(backup.read_bytes(), whole)
+
+        assert_refused(lambda *words, expect: self.run_failing("openat:error=EIO", [vault], *words, expect=expect))
+        self.assertEqual(vault.read_bytes(), kept)
+        vault.write_text("{broken")
+        assert_refused(self.run_host)
+        self.assertEqual(vault.read_text(), "{broken")
+
+    def test_a_vault_that_could_not_be_read_at_first_is_asked_again(self):
+        piece = self.pieces(1)[0]
+        self.run_host("vault", "add", piece)
+        vault = [self.home / "saved.json"]
+
+        self.assertIn(piece, self.run_failing("openat:error=EIO:when=1", vault, "vault").out)
+        self.assertIn("Already", self.run_failing("openat:error=EIO:when=1", vault, "vault", "add", piece).out)
+        self.run_failing("openat:error=EIO:when=1", vault, "vault", "remove", piece, "--yes")
+        self.assertEqual(self.run_json("vault"), [])
+
     def test_a_vault_that_cannot_be_written_is_said_to_be_so(self):
         piece = self.pieces(1)[0]
         (self.home / "saved.json").mkdir()

@@ -67,6 +67,18 @@ class HostTest(unittest.TestCase):
         return subprocess.run([QUILLMERE, *map(str, words), "--home", str(self.home)], env=self.environment,
                               preexec_fn=limit, capture_output=True, text=True, timeout=120)
 
+    def run_failing(self, injection, files, *arguments, expect=0):
+        """Runs the program to its end where its calls on `files` fail as strace's option `inject` says."""
+        words = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={injection}"]
+        words += [f"--trace-path={file}" for file in files]
+        # The leak sanitizer cannot look at a process that is traced.
+        environment = self.environment | {"ASAN_OPTIONS": "detect_leaks=0"}
+        done = subprocess.run([*words, QUILLMERE, *map(str, arguments), "--home", str(self.home)], env=environment,
+                              capture_output=True, text=True, timeout=120)
+        self.assertEqual(done.returncode, expect, f"{arguments}\n{done.stdout}\n{done.stderr}")
+        done.out, done.err = done.stdout, done.stderr
+        return done
+
     def generate(self, *arguments, mood="designflow", seconds=4, count=1, **options):
         return self.run_host("generate", "--mood", mood, "--seconds", seconds, "--count", count, *arguments, **options)
 
