@@ -10,6 +10,7 @@
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/OwnFolder.hpp"
+#include "QuillmereKit/Platform/ReplacedFile.hpp"
 #include "QuillmereKit/Platform/UserFolders.hpp"
 
 namespace quillmere::app {
@@ -139,7 +140,7 @@ std::shared_ptr<FolderLock> Host::lockData() {
     const auto data = UserFolders::applicationData();
     if (!data) throw Error("There is no home folder. Name a place with --home.");
     createFolders(*data);
-    return FolderLock::acquire(*data / ".lock");
+    return replacedFile::acquireLock(*data / ".lock");
 }
 
 void Host::fail(ExitCode code, std::string_view message) {

@@ -54,9 +54,9 @@ public:
     /// throws passes through.
     void change(const std::function<void()>& change);
 
-    /// The right to change the user's moods, recipes and radio, for as long as it is held: take it before the store in
-    /// question is first used, so that nothing that another process writes meanwhile is lost. Throws `LibraryInUse` if
-    /// another process holds it.
+    /// The right to change the user's moods, recipes and settings, for as long as it is held: take it before the store
+    /// in question is first used, so that nothing that another process writes meanwhile is lost. Throws `LibraryInUse`
+    /// if another process holds it. Nothing on a file system that has no locks, where others may change them at once.
     [[nodiscard]] static std::shared_ptr<FolderLock> lockData();
 
     /// Where the loop library lies: absolute and made standard.

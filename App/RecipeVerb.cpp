@@ -162,7 +162,8 @@ void keepMood(Host& host, const LoopRecipe& recipe, bool isWanted) {
     const auto lock = isWanted ? Host::lockData() : nullptr;
     if (isWanted) requireReadable(recipe.moodSpec->id);
     auto& moods = ownMoods();
-    if (moods.loadProblem()) return;                    // whether there is one of that id is not known
+    if (moods.loadProblem()) return;  // whether there is one of that id is not known
+
     const auto held = moods.spec(recipe.moodSpec->id);  // the user's own specification
     if (held && held->rendersLike(*recipe.moodSpec)) return;
     if (held) {

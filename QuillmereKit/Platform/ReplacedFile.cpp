@@ -32,17 +32,21 @@ std::optional<std::filesystem::path> behindLink(const std::filesystem::path& fil
     throw FileError("follow the link", file, error);
 }
 
-std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
-    constexpr std::size_t longestName = 200;  // the name of a file has at most 255 bytes
+std::shared_ptr<FolderLock> acquireLock(const std::filesystem::path& lockFile) {
     constexpr std::array noLocks = {std::errc::function_not_supported, std::errc::operation_not_supported,
                                     std::errc::invalid_argument};
     try {
-        return FolderLock::acquire(file.parent_path() / ("." + file.stem().native().substr(0, longestName) + ".lock"));
+        return FolderLock::acquire(lockFile);
     } catch (const FileError& error) {
         const bool hasLocks = std::ranges::none_of(noLocks, [&](std::errc none) { return error.code() == none; });
         if (hasLocks) throw;
         return nullptr;
     }
+}
+
+std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file) {
+    constexpr std::size_t longestName = 200;  // the name of a file has at most 255 bytes
+    return acquireLock(file.parent_path() / ("." + file.stem().native().substr(0, longestName) + ".lock"));
 }
 
 bool isForGood(const FileError& error) noexcept {

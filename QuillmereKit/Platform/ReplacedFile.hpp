@@ -22,10 +22,13 @@ namespace quillmere::replacedFile {
 /// leads nowhere. Throws `FileError` where that cannot be told.
 [[nodiscard]] std::optional<std::filesystem::path> behindLink(const std::filesystem::path& file);
 
+/// The lock that `FolderLock::acquire` takes, for who can do without: nothing on a file system that has no locks, for
+/// that two programs may then write at once is better than that none can. Throws as that does for every other cause,
+/// one that may pass (`ENOLCK`) too.
+[[nodiscard]] std::shared_ptr<FolderLock> acquireLock(const std::filesystem::path& lockFile);
+
 /// The right to replace the file, among all processes, as long as it is held: a lock on a file beside it that is named
-/// after it, ".Moods.lock" for "Moods.json". Nothing on a file system that has no locks: that two programs may then
-/// write at once is better than that none can. Throws as `FolderLock::acquire` does for every other cause, one
-/// that may pass (`ENOLCK`) too.
+/// after it, ".Moods.lock" for "Moods.json". Nothing, and throws, as `acquireLock`.
 [[nodiscard]] std::shared_ptr<FolderLock> lockFor(const std::filesystem::path& file);
 
 /// Whether an error says for good that what stands there is not a file that can be read: no regular one, or too large.

@@ -134,6 +134,18 @@ class MoodsTests(HostTest):
         self.assertIn("> sprint", change("radio", "next"))
         self.assertEqual(self.run_json("radio")["onAir"], "sprint")
 
+    def test_a_file_system_without_locks_is_no_reason_not_to_change_anything(self):
+        mood = self.make_playable()["id"]
+        locks = [self.home / name for name in (".lock", ".Moods.lock", ".settings.lock")]
+        changes = (["moods", "edit", mood, "--name", "Renamed"], ["settings", "pace", "gentle"],
+                   ["radio", "make", "designflow"], ["schedule", "none"])
+        for error in ("ENOSYS", "EOPNOTSUPP", "EINVAL"):
+            for words in changes:
+                self.run_failing(f"fcntl:error={error}", locks, *words)
+        self.assertEqual(self.kept()[0]["name"], "Renamed")
+        for words in changes:  # that may pass
+            self.assertIn("lock", self.run_failing("fcntl:error=ENOLCK", locks, *words, expect=1).err)
+
     def test_prompt_is_the_complete_one_at_the_step(self):
         mood = self.make_playable()["id"]
         calm = "TrackType: Music, VocalType: Instrumental, Genre: ambient, Moods: calm, BPM: 60. soft"
