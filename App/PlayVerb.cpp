@@ -61,26 +61,16 @@ public:
                 throw Error("There is no music for the mood \"" + id + "\" yet. 'quillmere generate --mood " + id +
                             "' makes some.");
             }
-            if (!playlists_.contains(id)) pieces_ += pool.size();
             playlists_.try_emplace(id, Playlist(std::move(pool), seed));
         }
     }
 
-    /// The next piece that can be opened; nothing when none can.
+    /// The next piece that can be opened; nothing when none can. A mood that has none leaves the air to the next one.
     std::optional<Voice> next(std::int64_t startFrame) {
-        for (std::size_t tries = 0; tries < 2 * pieces_; ++tries) {
-            const LoopArtifact piece = nextPiece();
-            const double gainDB = gainOf(piece);
-            try {
-                Voice voice(piece.url.path(), gainDB);
-                if (voice.frames() < Voice::sampleRate) {
-                    throw Error("\"" + piece.url.path().string() + "\" is shorter than a second.");
-                }
-                played_.push_back({startFrame, piece.id(), piece.identity.moodID, pathText(piece.url.path()), gainDB});
-                return voice;
-            } catch (const Error& error) {
-                if (passedOver_.insert(piece.id()).second) Host::warn(error.what());
-            }
+        if (onAir_ == turn_) advance();
+        for (std::size_t moods = radio_.count(); moods > 0; --moods) {
+            if (auto voice = nextOfMood(startFrame)) return voice;
+            advance();
         }
         return std::nullopt;
     }
@@ -88,16 +78,31 @@ public:
     [[nodiscard]] const std::vector<Played>& played() const noexcept { return played_; }
 
 private:
-    LoopArtifact nextPiece() {
-        if (onAir_ == turn_) {
-            radio_.advance();
-            onAir_ = 0;
-        }
-        ++onAir_;
+    void advance() {
+        radio_.advance();
+        onAir_ = 0;
+    }
+
+    // The next piece of the mood on air that can be opened. Each has been tried after two rounds without one.
+    std::optional<Voice> nextOfMood(std::int64_t startFrame) {
         Playlist& playlist = playlists_.at(radio_.onAir());
-        LoopArtifact piece = *playlist.current();
-        playlist.advance();
-        return piece;
+        for (std::size_t tries = 2 * playlist.count(); tries > 0; --tries) {
+            const LoopArtifact piece = *playlist.current();
+            playlist.advance();
+            const double gainDB = gainOf(piece);
+            try {
+                Voice voice(piece.url.path(), gainDB);
+                if (voice.frames() < Voice::sampleRate) {
+                    throw Error("\"" + piece.url.path().string() + "\" is shorter than a second.");
+                }
+                played_.push_back({startFrame, piece.id(), piece.identity.moodID, pathText(piece.url.path()), gainDB});
+                ++onAir_;
+                return voice;
+            } catch (const Error& error) {
+                if (passedOver_.insert(piece.id()).second) Host::warn(error.what());
+            }
+        }
+        return std::nullopt;
     }
 
     // A piece that was never measured counts as one of which nothing is known yet.
@@ -112,7 +117,6 @@ private:
     std::int64_t turn_;
     std::int64_t onAir_ = 0;  // pieces since the mood came on air
     std::map<std::string, Playlist> playlists_;
-    std::size_t pieces_ = 0;
     std::vector<Played> played_;
     std::set<std::string> passedOver_;  // said so once
 };

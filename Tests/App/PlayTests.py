@@ -157,6 +157,35 @@ class PlayTests(HostTest):
         self.assertEqual(done.err.count("is shorter than a second"), 1)
         self.assertEqual(len(samples(self.output)), 2 * 3 * RATE)
 
+    def test_a_mood_of_which_nothing_can_be_played_leaves_the_air_to_the_others(self):
+        self.library([([1] * RATE, None)] * 2)
+        self.library([([2] * RATE, None)] * 2, mood="sprint")
+        self.library([([3] * RATE, None)] * 2, mood="recovery")
+        for file in self.loops.glob("designflow*.wav"):
+            file.write_bytes(b"no audio")
+        words = ["--mood", "sprint", "--mood", "recovery"]
+
+        played = self.play(*words, "--turn", 2, seconds=6, crossfade=0)
+        self.assertEqual([piece["moodID"] for piece in played["pieces"]],
+                         ["sprint"] * 2 + ["recovery"] * 2 + ["sprint"] * 2)
+        played = self.play(*words, "--turn", 100, "--force", seconds=3, crossfade=0)
+        self.assertEqual([piece["moodID"] for piece in played["pieces"]], ["sprint"] * 3)
+
+        for file in self.loops.glob("*.wav"):
+            file.write_bytes(b"no audio")
+        done = self.run_host("play", "--mood", "designflow", *words, "--output", self.place / "none.wav", expect=1)
+        self.assertIn("No piece could be played", done.err)
+        self.assertEqual(done.err.count("\n"), 7, "each is named once")
+
+    def test_what_cannot_be_played_does_not_count_for_a_moods_turn(self):
+        self.library([([1] * RATE, None)] * 4)
+        self.library([([2] * RATE, None)], mood="sprint")
+        for file in sorted(self.loops.glob("designflow*.wav"))[:2]:
+            file.write_bytes(b"no audio")
+        played = self.play("--mood", "sprint", "--turn", 2, seconds=6, crossfade=0)
+        self.assertEqual([piece["moodID"] for piece in played["pieces"]],
+                         ["designflow"] * 2 + ["sprint"] * 2 + ["designflow"] * 2)
+
     def test_a_mood_without_pieces_says_how_to_get_some(self):
         done = self.run_host("play", "--mood", "sprint", "--output", self.output, expect=1)
         self.assertIn("quillmere generate --mood sprint", done.err)
