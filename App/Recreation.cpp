@@ -89,12 +89,13 @@ std::optional<ImportError> whyNotHere(const LoopRecipe& recipe, const std::optio
 
 std::optional<Recreation> recreate(const LoopRecipe& recipe, const std::string& engine, const std::string& digest,
                                    Host& host) {
-    const EndOfWork end;  // before any thread
     const double seconds = lengthOf(recipe);
     const auto store = host.writableStore();
     const auto engines = enginesFor(engine, store);
     if (const auto refusal = whyNotHere(recipe, engines->engineBuild(recipe.identity))) throw ImportError(*refusal);
 
+    // Before any thread; not before the engine was asked, which may take long: until here a signal ends the program.
+    const EndOfWork end;
     Outcome outcome;
     {
         GenerationQueue queue(engines, store, seconds);

@@ -5,11 +5,13 @@ import json
 import os
 import pathlib
 import resource
+import signal
 import subprocess
+import time
 import unittest
 import wave
 
-from host import QUILLMERE, HostTest, with_lossless
+from host import QUILLMERE, HostTest, interrupt, with_lossless
 
 DAMAGED = "This shared file is damaged."
 OTHER_VERSION = "This shared track was made by a different version of Quillmere. Ask the sender to use Export Audio."
@@ -286,6 +288,19 @@ class RecipeTests(HostTest):
         self.assertEqual(len(self.assert_complete()), 1)
         made = self.run_json("recipe", "recreate", file, "--digest", "0" * 64, expect=1)
         self.assertFalse(made["isSame"])
+
+    def test_an_interrupt_ends_the_question_for_the_engines_build(self):
+        asked = self.place / "asked"
+        engine = self.script("engine", f"#!/bin/sh\necho $$ > {asked}.part\nmv {asked}.part {asked}\nexec sleep 60\n")
+        began = time.monotonic()
+        process = self.start("recipe", "recreate", self.write(self.recipe()), "--engine", engine)
+        while not asked.exists() and process.poll() is None:
+            pass
+        interrupt(process)
+        process.communicate(timeout=60)
+        self.assertEqual(process.returncode, -signal.SIGINT)  # 130 in a shell
+        while pathlib.Path("/proc", asked.read_text().strip()).exists():
+            self.assertLess(time.monotonic() - began, 8, "the engine is asked for ten seconds")
 
     def test_without_a_digest_nothing_is_claimed(self):
         made = self.run_json("recipe", "recreate", self.write(self.recipe()))
