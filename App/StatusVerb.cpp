@@ -112,7 +112,7 @@ void printAsJSON(const Status& status) {
 
     if (settings.radio) writer.member("radio", settings.radio->summary());
     writer.member("inUseBy", status.holder);
-    writer.member("lastSaveError", status.saveError ? std::optional(jsonText(*status.saveError)) : std::nullopt);
+    writer.member("lastSaveError", status.saveError);
     writer.endObject();
     printJSON(writer);
 }

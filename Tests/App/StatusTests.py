@@ -47,6 +47,15 @@ class StatusTests(LibraryTest):
         self.assertTrue(self.status()["horizon"]["isSatisfied"])
         self.assertIn("20 minutes · reached", self.run_host("status").out)
 
+    def test_moods_that_cannot_be_read_are_told_where_their_music_counts(self):
+        self.generate(seconds=2)
+        moods = self.home / "Moods.json"
+        mood = self.run_json("moods", "new", "--calm-text", "a", "--energetic-text", "b")["id"]
+        self.assertEqual(self.run_failing("openat:error=EIO", [moods], "status").err, "")
+        self.generate(mood=mood, seconds=2)
+        done = self.run_failing("openat:error=EIO", [moods], "status")
+        self.assertIn(f'The moods "{moods}" cannot be read: ', done.err)
+
     def test_music_of_a_mood_that_is_gone_is_not_ready(self):
         self.put(1, "my-gone")
 
