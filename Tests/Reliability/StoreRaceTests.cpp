@@ -138,11 +138,17 @@ TEST(MoodAndRecipeRaces, EverythingAtOnceLeavesFilesThatSayWhatMemorySays) {
         EXPECT_GE(MoodCatalog::all(moods).size(), MoodCatalog::builtIn().size());
         EXPECT_EQ(vault.lastSaveError(), std::nullopt);
     };
+    const Runner refresher = [&](std::mt19937&) {
+        moods.refresh();
+        vault.refresh();
+        EXPECT_EQ(moods.loadProblem(), std::nullopt);
+        EXPECT_EQ(vault.loadProblem(), std::nullopt);
+    };
     const Runner sharer = [&](std::mt19937&) {
         const auto result = vault.importing(vault.exported());
         EXPECT_EQ(result.rejected.size(), 0U);
     };
-    race(300, {writer, writer, remover, reader, sharer});
+    race(300, {writer, writer, remover, reader, refresher, sharer});
 
     EXPECT_EQ(CustomMoodStore(home.path() / "Moods.json").all(), moods.all());
     EXPECT_EQ(RecipeVault(home.path() / "Vault").saved(), vault.saved());
