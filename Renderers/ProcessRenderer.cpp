@@ -5,6 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <string_view>
@@ -13,6 +14,7 @@
 
 #include "QuillmereKit/Platform/Descriptor.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
+#include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/Precondition.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
 #include "Renderers/EngineAudio.hpp"
@@ -366,10 +368,27 @@ LoopArtifact ProcessRenderer::render(const LoopIdentity& identity, double second
                           .engineBuild = std::move(engine),
                           .origin = options_.origin};
     cancellation.check();
-    if (folder.moveOut(result.file, file, name)) return artifact;
-    // A crash between the move and the manifest leaves such a file. The store knows whether a piece uses it.
-    if (store_->discardUnstored(artifact.url) && folder.moveOut(result.file, file, name)) return artifact;
+    if (deliver(artifact, [&] { return folder.moveOut(result.file, file, name); })) return artifact;
     throw EngineFailure(Reason::nameInUse, "The library holds a file \u201c" + name + "\u201d already.");
+}
+
+// False where the file that stands in the piece's place must stay.
+bool ProcessRenderer::deliver(const LoopArtifact& piece, const std::function<bool()>& moveOut) {
+    const std::lock_guard lock(delivering_);
+    std::erase_if(delivered_, [&](const LoopArtifact& earlier) {
+        return store_->contains(earlier.identity) || !fileExists(earlier.url.path());
+    });
+    const bool isAwaited = std::ranges::find(delivered_, piece.url, &LoopArtifact::url) != delivered_.end();
+    delivered_.push_back(piece);  // before the move, which nothing may follow that can fail
+    try {
+        // That the store lists nothing there proves nothing: the entry may have been lost, or be about to come.
+        if (moveOut() || (!isAwaited && store_->moveUnstoredAside(piece.url) && moveOut())) return true;
+    } catch (...) {
+        delivered_.pop_back();
+        throw;
+    }
+    delivered_.pop_back();
+    return false;
 }
 
 LoopArtifact ProcessRenderer::render(const LoopIdentity& identity, double seconds, GenerationPace pace,

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -57,14 +58,16 @@ struct ProcessRendererOptions {
 /// The engine works in a `Render-…` folder inside the store's folder. Its file is believed only after the whole family
 /// has ended: it must lie there, not behind a link, and be a WAV file of exactly the frames asked for (48,000 Hz,
 /// stereo, 16 bit). It is measured here, synced, and moved beside the others under the identity's file name, never over
-/// a file that a piece uses; a stray file of that name, which a crash between the move and the manifest leaves behind,
-/// goes through the store's `discardUnstored` first.
+/// anything. A file of that name that no piece uses is a crash's stray, or music whose entry was lost: it is kept,
+/// under the name that the store's `moveUnstoredAside` gives it.
 ///
 /// The pace is told to the engine, sets the family's priority (`gentle` and `background` stand behind everything else),
 /// and the duty cycle is enforced on engines that do not rest by themselves: what has worked too long for its share of
 /// the time is stopped for a while.
 ///
-/// Thread-safe; renders may run at the same time. Destruction cancels what runs and waits for it.
+/// Thread-safe; renders may run at the same time. Of two that deliver the same piece the second fails (nameInUse) as
+/// long as the first one's file lies there and the store does not list it yet; so a store has one renderer for a model.
+/// Destruction cancels what runs and waits for it.
 class ProcessRenderer final : public GenerationService {
 public:
     using GenerationService::render;
@@ -104,6 +107,7 @@ private:
     [[nodiscard]] std::optional<std::string> build(const LoopIdentity& identity, const Cancellation& cancellation);
     [[nodiscard]] std::optional<std::string> askForBuild(const LoopIdentity& identity,
                                                          const Cancellation& cancellation) const;
+    [[nodiscard]] bool deliver(const LoopArtifact& piece, const std::function<bool()>& moveOut);
 
     const std::vector<std::string> command_;
     const std::shared_ptr<LoopStore> store_;
@@ -116,6 +120,9 @@ private:
     std::set<std::string> asking_;               // models whose build is being asked for; guarded by mutex_
     std::map<std::string, std::string> builds_;  // by model; guarded by mutex_
     std::stop_source lifetime_;
+
+    std::mutex delivering_;
+    std::vector<LoopArtifact> delivered_;  // what the store may not list yet; guarded by delivering_
 };
 
 }  // namespace quillmere

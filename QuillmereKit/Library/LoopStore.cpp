@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <span>
@@ -488,15 +489,31 @@ void LoopStore::addPersistent(LoopArtifact artifact) {
     if (loop && !loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
 }
 
+std::optional<std::filesystem::path> LoopStore::unstoredPlace(const FileURL& url) {
+    const auto& folder = state_->folder;
+    const auto file = LoopFolder::fileOf(url);
+    if (!file || !folder.names(*file) || !state_->mayChangeFiles()) return std::nullopt;
+    auto place = standardPath(*file);
+    UsedFiles used(folder);
+    state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
+    if (used.contains(place) || !state_->isSureOf(used)) return std::nullopt;
+    return place;
+}
+
+bool LoopStore::moveUnstoredAside(const FileURL& url) {
+    const std::lock_guard lock(state_->mutex);
+    const auto place = unstoredPlace(url);
+    if (!place || !state_->folder.owns(*place)) return false;
+    moveAside(*place, "unlisted", std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+    return true;
+}
+
 bool LoopStore::discardUnstored(const FileURL& url) {
     const std::lock_guard lock(state_->mutex);
     const auto& folder = state_->folder;
-    const auto file = LoopFolder::fileOf(url);
-    if (!file || !folder.names(*file) || !state_->mayChangeFiles()) return false;
-    const auto place = standardPath(*file);
-    UsedFiles used(folder);
-    state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
-    if (used.contains(place) || !state_->isSureOf(used)) return false;
+    const auto found = unstoredPlace(url);
+    if (!found) return false;
+    const auto& place = *found;
 
     bool isRemoved = false;
     if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place, url);

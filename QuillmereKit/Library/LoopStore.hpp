@@ -131,6 +131,13 @@ public:
     /// or may use (see `prune`), and for the store's own records.
     bool discardUnstored(const FileURL& url);
 
+    /// Moves such a file out of the way instead, durably, to a free name beside it
+    /// ("NAME.unlisted-2024-05-01T10-20-30Z.wav"). For whoever needs the name and did not make the file: that no piece
+    /// uses it may only mean that the entry was lost, and then it is music. Returns whether the name is free now;
+    /// false, with nothing touched, for all that `discardUnstored` leaves alone. Throws `FileError` if it cannot be
+    /// moved.
+    bool moveUnstoredAside(const FileURL& url);
+
     /// The fingerprints of all seeds that ship with the application, imported or not.
     [[nodiscard]] std::set<std::string> bundledFingerprints() const;
 
@@ -229,6 +236,10 @@ public:
 
 private:
     struct State;
+
+    // The file that a URL names, if it lies in the folder and certainly no piece uses it. Under the state's lock.
+    [[nodiscard]] std::optional<std::filesystem::path> unstoredPlace(const FileURL& url);
+
     const std::shared_ptr<State> state_;
     const Discard discard_;
 };

@@ -715,6 +715,38 @@ TEST_F(LoopStoreDiscardTests, StrayFileIsDiscarded) {
     EXPECT_FALSE(store.discardUnstored(url)) << "nothing is left to remove";
 }
 
+TEST_F(LoopStoreDiscardTests, AFileThatNoPieceUsesIsMovedAsideAndKept) {
+    auto store = open();
+    const auto url = stray("rain.wav");
+
+    EXPECT_TRUE(store.moveUnstoredAside(url));
+
+    EXPECT_FALSE(std::filesystem::exists(url.path()));
+    std::vector<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().filename().native().starts_with("rain.unlisted-")) kept.push_back(entry.path().filename());
+    }
+    ASSERT_EQ(kept.size(), 1U);
+    EXPECT_TRUE(kept[0].ends_with(".wav"));
+    EXPECT_EQ(home.content("Loops/" + kept[0]), "RIFF");
+    EXPECT_THAT(discarded, IsEmpty());
+    EXPECT_FALSE(store.moveUnstoredAside(url)) << "nothing is left to move";
+}
+
+TEST_F(LoopStoreDiscardTests, WhatIsNotDiscardedIsNotMovedAsideEither) {
+    auto store = open();
+    const auto rain = piece("deepcode");
+    store.add(rain);
+    const auto outside = home.putFile("outside.wav", "RIFF");
+    std::filesystem::create_symlink(outside, folder / "link.wav");
+
+    for (const auto& file : {rain.url.path(), outside, folder / "link.wav", folder / "manifest.json"}) {
+        SCOPED_TRACE(file);
+        EXPECT_FALSE(store.moveUnstoredAside(FileURL::fromPath(file)));
+        EXPECT_TRUE(std::filesystem::exists(std::filesystem::symlink_status(file)));
+    }
+}
+
 TEST_F(LoopStoreDiscardTests, AnswersWhatDiscardAnswers) {
     auto store = open();
     discards = false;

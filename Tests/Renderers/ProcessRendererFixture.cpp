@@ -91,8 +91,12 @@ LoopArtifact ProcessRendererTests::render(ProcessRenderer& with) {
 }
 
 EngineFailure ProcessRendererTests::failureOf(const std::vector<std::string>& behaviour) {
+    return failureOf(*renderer(behaviour));
+}
+
+EngineFailure ProcessRendererTests::failureOf(ProcessRenderer& with) {
     try {
-        render(behaviour);
+        render(with);
     } catch (const EngineFailure& failure) {
         return failure;
     }

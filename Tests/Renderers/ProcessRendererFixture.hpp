@@ -69,6 +69,7 @@ struct ProcessRendererTests : testing::Test {
 
     /// The same, where it must fail.
     [[nodiscard]] EngineFailure failureOf(const std::vector<std::string>& behaviour);
+    [[nodiscard]] EngineFailure failureOf(ProcessRenderer& with);
 
     /// What lies in the library's folder, its bookkeeping aside.
     [[nodiscard]] std::vector<std::string> library() const;

@@ -4,7 +4,8 @@
 #include <limits.h>
 
 #include <limits>
-#include <utility>
+#include <string>
+#include <vector>
 
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
@@ -27,6 +28,15 @@ struct ProcessRendererLibraryTests : ProcessRendererTests {
 
         EXPECT_FALSE(std::filesystem::exists(note));
         EXPECT_THAT(library(), IsEmpty());
+    }
+
+    /// The files that were moved out of the piece's way.
+    std::vector<std::string> unlisted() const {
+        auto names = library();
+        std::erase_if(names, [&](const auto& name) {
+            return !name.starts_with(identity.filename() + ".unlisted-") || !name.ends_with(".wav");
+        });
+        return names;
     }
 };
 
@@ -71,12 +81,63 @@ TEST_F(ProcessRendererLibraryTests, ALengthThatIsNoneIsRefused) {
     }
 }
 
-TEST_F(ProcessRendererLibraryTests, AStrayFileOfThePiecesNameIsReplaced) {
+TEST_F(ProcessRendererLibraryTests, AFileOfThePiecesNameThatNoPieceListsIsKept) {
     folder.putFile("Loops/" + pieceName(), "from a run that crashed before it was stored");
 
     const auto piece = render({"well"});
 
     EXPECT_EQ(std::filesystem::file_size(piece.url.path()), 44U + 24000 * 4);
+    const auto kept = unlisted();
+    ASSERT_EQ(kept.size(), 1U);
+    EXPECT_EQ(folder.content("Loops/" + kept[0]), "from a run that crashed before it was stored");
+}
+
+TEST_F(ProcessRendererLibraryTests, MusicWhoseManifestWasDamagedIsKeptWhenItIsRenderedAgain) {
+    store->add(render({"well"}));
+    const auto before = folder.content("Loops/" + pieceName());
+    store.reset();
+    folder.putFile("Loops/manifest.json", "[{");
+    store = std::make_shared<LoopStore>(loops, ResourceBundle(folder.path() / "none"),
+                                        [](const FileURL& url) { return std::filesystem::remove(url.path()); });
+
+    store->add(render({"rewrites"}));
+
+    EXPECT_TRUE(store->contains(identity));
+    EXPECT_NE(folder.content("Loops/" + pieceName()), before);
+    const auto kept = unlisted();
+    ASSERT_EQ(kept.size(), 1U);
+    EXPECT_EQ(folder.content("Loops/" + kept[0]), before);
+}
+
+TEST_F(ProcessRendererLibraryTests, AFileThatCannotBeMovedAsideStaysWhereItIs) {
+    identity.moodID = "x";
+    identity.moodID = std::string(NAME_MAX + 1 - pieceName().size(), 'x');  // no longer name is to be had
+    folder.putFile("Loops/" + pieceName(), "stray");
+
+    EXPECT_THROW(render({"well"}), FileError);
+
+    EXPECT_THAT(library(), ElementsAre(pieceName()));
+    EXPECT_EQ(folder.content("Loops/" + pieceName()), "stray");
+}
+
+TEST_F(ProcessRendererLibraryTests, APieceThatIsAboutToBeStoredIsNotMovedAway) {
+    const auto with = renderer({"well"});
+    const auto first = render(*with);
+
+    EXPECT_EQ(failureOf(*with).reason(), Reason::nameInUse);
+
+    EXPECT_THAT(library(), ElementsAre(pieceName()));
+    store->add(first);
+    EXPECT_EQ(store->lastSaveError(), std::nullopt);
+    EXPECT_EQ(failureOf(*with).reason(), Reason::nameInUse);  // a piece uses it now
+}
+
+TEST_F(ProcessRendererLibraryTests, APieceThatNobodyWantedMayBeRenderedAgain) {
+    const auto with = renderer({"well"});
+    for (int time = 0; time < 3; ++time) ASSERT_TRUE(store->discardUnstored(render(*with).url));
+
+    store->add(render(*with));
+
     EXPECT_THAT(library(), ElementsAre(pieceName()));
 }
 
@@ -105,18 +166,6 @@ TEST_F(ProcessRendererLibraryTests, WhatIsNoFileOfTheLibraryIsNeverReplaced) {
 
     EXPECT_EQ(failureOf({"well"}).reason(), Reason::nameInUse);
     EXPECT_EQ(folder.content("Loops/" + pieceName() + "/inside"), "a folder of that name");
-}
-
-TEST_F(ProcessRendererLibraryTests, AStrayFileThatCannotBeDiscardedIsKept) {
-    const auto first = std::exchange(
-        store, std::make_shared<LoopStore>(folder.path() / "Keeps", ResourceBundle(folder.path() / "none"),
-                                           [](const FileURL&) { return false; }));
-    folder.putFile("Keeps/" + pieceName(), "stray");
-
-    EXPECT_EQ(failureOf({"well"}).reason(), Reason::nameInUse);
-
-    EXPECT_EQ(folder.content("Keeps/" + pieceName()), "stray");
-    store = first;
 }
 
 TEST_F(ProcessRendererLibraryTests, ALibraryWhoseFolderIsGoneIsAFailure) {

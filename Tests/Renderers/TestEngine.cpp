@@ -181,6 +181,14 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
          file.finish();
          sayResult("audio.wav", R"(,"seamDB":-41.5,"brightness":0.25,"makeupDB":1.5,"leadIn":0.125)");
      }},
+    // The same length, but another piece: silence.
+    {"rewrites",
+     [] {
+         WAVWriter file("audio.wav", 48000, 2);
+         file.write(std::vector<std::int16_t>(static_cast<std::size_t>(request.frames) * 2));
+         file.finish();
+         sayResult();
+     }},
     {"record",
      [] {
          append(argument(1), request.line + "\n" + fs::current_path().string());
