@@ -24,7 +24,7 @@ public:
         refusedFile,      ///< It named a file outside its working folder, through a link, or one that is not there.
         wrongAudio,       ///< Its file is not the audio that was asked for.
         nameInUse,        ///< The library uses a file of the piece's name for something else.
-        lost,             ///< The supervisor was killed, and the engine with it.
+        lost,             ///< The supervisor was killed, or could not be watched; the engine was ended with it.
     };
 
     /// A failure with its sentence for the user.

@@ -28,6 +28,11 @@ using Reason = EngineFailure::Reason;
 
 constexpr std::size_t errorTailBytes = 4096;
 
+/// What a supervisor may take to end the family besides the grace, and how often it is looked at meanwhile: nothing
+/// tells that it was stopped.
+constexpr std::chrono::milliseconds allowance = std::chrono::seconds(3);
+constexpr std::chrono::milliseconds lookInterval(500);
+
 /// The first words of a message, then the end of what the engine wrote to its standard error.
 std::string withTail(const std::string& text, const std::string& tail) {
     return tail.empty() ? text + "." : text + ": " + tail;
@@ -230,8 +235,12 @@ void EngineRun::turn(EngineListener& listener) {
                                  {writing == 0 ? -1 : input_.number(), writing, 0}}};
     if (::poll(waits.data(), waits.size(), timeout()) < 0) {
         if (errno == EINTR) return;
-        throw std::system_error(errno, std::generic_category(), "poll");
+        const auto cause = std::generic_category().message(errno);
+        control_ = {};  // by which the supervisor knows that it has to end the family
+        throw EngineFailure(Reason::lost, "The engine could not be watched (poll: " + cause + ").");
     }
+    // What the engine did until this moment is read below: it is not blamed for what else this process was busy with.
+    const auto now = Clock::now();
     if (waits[wake].revents != 0) {
         isCancelled_ = true;
         stop();
@@ -241,17 +250,18 @@ void EngineRun::turn(EngineListener& listener) {
     if (waits[output].revents != 0) readOutput(listener);
     if (waits[errors].revents != 0) readErrors();
     if (waits[control].revents != 0) readNotices();
+    if (deadline_) lookAfterSupervisor();
     if (isStopping_) return;
+    checkLimits(now);
     nextReport_ = listener.report(Clock::now());
-    checkLimits();
 }
 
 int EngineRun::timeout() const {
-    if (isStopping_) return -1;
-    auto next = lastHeard_ + settings_.silenceLimit;
-    if (lastLine_) next = std::min(next, *lastLine_ + settings_.lingerLimit);
-    if (nextReport_) next = std::min(next, *nextReport_);
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
+    const auto now = Clock::now();
+    auto next = deadline_ ? now + lookInterval : lastHeard_ + settings_.silenceLimit;
+    if (lastLine_ && !deadline_) next = std::min(next, *lastLine_ + settings_.lingerLimit);
+    if (nextReport_ && !isStopping_) next = std::min(next, *nextReport_);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - now);
     constexpr std::chrono::milliseconds longest = std::chrono::hours(1);
     return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), longest).count());
 }
@@ -299,6 +309,7 @@ void EngineRun::readNotices() {
             engine_ = notice.value;
         } else {
             end_ = notice;
+            expectEnd();
         }
     }
 }
@@ -317,9 +328,8 @@ void EngineRun::hear(EngineListener& listener, std::string_view line) {
     if (heard == EngineListener::Heard::theLast && !lastLine_) lastLine_ = lastHeard_;
 }
 
-void EngineRun::checkLimits() const {
+void EngineRun::checkLimits(Clock::time_point now) const {
     if (end_) return;
-    const auto now = Clock::now();
     if (lastLine_ && now >= *lastLine_ + settings_.lingerLimit) {
         throw EngineFailure(Reason::lingering, withTail("The engine had nothing more to say, but did not end within " +
                                                             inSeconds(settings_.lingerLimit) + ", and was stopped",
@@ -351,7 +361,7 @@ void EngineRun::drain(EngineListener& listener) {
 
 void EngineRun::checkEnd() const {
     using Kind = supervisor::Notice::Kind;
-    if (!end_) {
+    if (isLost_) {
         throw EngineFailure(Reason::lost, withTail("The engine was lost: its supervisor was killed", errorText()));
     }
     switch (end_->kind) {
@@ -379,9 +389,23 @@ void EngineRun::fail() noexcept {
 void EngineRun::stop() noexcept {
     if (isStopping_) return;
     isStopping_ = true;
+    expectEnd();
     request_ = {};
     input_ = {};
     if (control_.isOpen()) ::shutdown(control_.number(), SHUT_WR);
+}
+
+void EngineRun::expectEnd() noexcept {
+    if (!deadline_) deadline_ = Clock::now() + settings_.grace + allowance;
+}
+
+// Whatever an engine started may stop its supervisor too, and then nobody would end the family. The supervisor is told
+// to go on; one that is stopped again and again is given up.
+void EngineRun::lookAfterSupervisor() const noexcept {
+    siginfo_t stopped{};
+    constexpr int justLook = WSTOPPED | WNOHANG | WNOWAIT;
+    if (::waitid(P_PID, static_cast<id_t>(supervisor_), &stopped, justLook) != 0 || stopped.si_pid == 0) return;
+    ::kill(supervisor_, Clock::now() < *deadline_ ? SIGCONT : SIGKILL);
 }
 
 void EngineRun::awaitEnd() noexcept {
@@ -392,7 +416,8 @@ void EngineRun::awaitEnd() noexcept {
     supervisor_ = -1;
     // A supervisor that was killed could not end the family. The system ends the engine itself then; this is for what
     // it started and did not move away.
-    if (!end_ && engine_) ::kill(-*engine_, SIGKILL);
+    isLost_ = !end_ || WIFSIGNALED(status);
+    if (isLost_ && engine_) ::kill(-*engine_, SIGKILL);
 }
 
 }  // namespace quillmere

@@ -89,11 +89,13 @@ private:
     void readNotices();
     void count(std::size_t bytes);
     void hear(EngineListener& listener, std::string_view line);
-    void checkLimits() const;
+    void checkLimits(Clock::time_point now) const;
     void drain(EngineListener& listener);
     void checkEnd() const;
     void fail() noexcept;
     void stop() noexcept;
+    void expectEnd() noexcept;
+    void lookAfterSupervisor() const noexcept;
     void awaitEnd() noexcept;
 
     const Settings settings_;
@@ -113,9 +115,11 @@ private:
     std::optional<Clock::time_point> nextReport_;
     std::optional<pid_t> engine_;
     std::optional<supervisor::Notice> end_;
+    std::optional<Clock::time_point> deadline_;  // for the family, once it has to end
     std::exception_ptr failure_;
     bool isCancelled_ = false;
     bool isStopping_ = false;
+    bool isLost_ = false;
 };
 
 }  // namespace quillmere

@@ -6,6 +6,7 @@
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -119,6 +120,19 @@ TEST_F(ProcessRendererEndTests, AnEngineThatLingersAfterItsResultIsStopped) {
 
     EXPECT_EQ(failureOf({"result-and-no-end"}).reason(), Reason::lingering);
     EXPECT_THAT(library(), IsEmpty());
+}
+
+TEST_F(ProcessRendererEndTests, AnEngineIsNotBlamedForAHandlerThatTakesItsTime) {
+    options.lingerLimit = std::chrono::milliseconds(50);
+    onStage = [&](const GenerationStage& stage) {
+        if (stage != decoding) return;
+        for (const int supervisor : children()) {
+            while (stateOf(supervisor) != 'Z') std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(options.lingerLimit);
+    };
+
+    EXPECT_EQ(render({"says-all-at-once"}).seconds, 0.5);
 }
 
 TEST_F(ProcessRendererEndTests, AReportThatCannotBeReadIsAFailure) {
@@ -285,6 +299,56 @@ TEST_F(ProcessRendererEndTests, NothingThatTheEngineStartedSurvivesTheRender) {
 
     EXPECT_EQ(piece.seconds, 0.5);
     EXPECT_TRUE(processes.areGone());
+}
+
+TEST_F(ProcessRendererEndTests, WhileWhatAnEngineLeftIsEndedTheHostRests) {
+    options.lingerLimit = std::chrono::seconds(1);  // passes meanwhile
+    options.grace = std::chrono::milliseconds(2500);
+    const auto go = folder.path() / "go";
+    ASSERT_EQ(::mkfifo(go.c_str(), 0600), 0);
+    std::jthread witness([&] {
+        processes.awaitBirths(2);
+        std::ofstream(go) << "x";
+    });
+    const auto worked = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+    };
+    const auto before = worked();
+
+    render({"orphans", processes.lock(), processes.fifo(), go.string()});
+
+    EXPECT_LT(worked() - before, std::chrono::milliseconds(500));
+}
+
+// What it does to its supervisor.
+
+TEST_F(ProcessRendererEndTests, AnEngineThatStopsItsSupervisorIsEnded) {
+    options.lingerLimit = std::chrono::milliseconds(50);
+
+    EXPECT_EQ(failureOf({"stops-supervisor"}).reason(), Reason::lingering);
+
+    EXPECT_THAT(library(), IsEmpty());
+}
+
+TEST_F(ProcessRendererEndTests, ARenderWhoseSupervisorIsStoppedCanBeCancelled) {
+    stopWhenDecoding();
+
+    EXPECT_THROW(render({"stops-supervisor-and-stays"}), CancellationError);
+}
+
+TEST_F(ProcessRendererEndTests, WhoeverStopsTheSupervisorAgainAndAgainIsKilled) {
+    options.grace = std::chrono::seconds(1);  // enough to begin with it
+    const auto go = folder.path() / "go";
+    ASSERT_EQ(::mkfifo(go.c_str(), 0600), 0);
+
+    const auto failure =
+        failureOf({"leaves-one-who-stops-the-supervisor", processes.lock(), processes.fifo(), go.string()});
+
+    EXPECT_EQ(failure.reason(), Reason::lost);
+    processes.awaitDeaths();
+    EXPECT_THAT(library(), IsEmpty());
 }
 
 // Cancellation.

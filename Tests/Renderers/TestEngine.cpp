@@ -212,6 +212,12 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
          writeAudio("audio.wav", request.frames);
          std::cout << "result {\"file\":\"audio.wav\",\"seconds\":" << secondsText() << "}" << std::flush;
      }},
+    // Everything in one piece.
+    {"says-all-at-once",
+     [] {
+         writeAudio("audio.wav", request.frames);
+         std::cout << "decoder\nresult {\"file\":\"audio.wav\",\"seconds\":" << secondsText() << "}\n" << std::flush;
+     }},
     // Floods.
     {"garbage",
      [] {
@@ -322,6 +328,38 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
      [] {
          haveChildren([] { liveVisibly(argument(1), argument(2)); });
          std::ifstream(argument(3)).get();  // until both announced themselves
+         renderWell();
+     }},
+    // Those that stop their supervisor.
+    {"stops-supervisor",
+     [] {
+         ::kill(::getppid(), SIGSTOP);
+         renderWell();
+     }},
+    {"stops-supervisor-and-stays",
+     [] {
+         ::kill(::getppid(), SIGSTOP);
+         say("decoder");
+         sleepForever();
+     }},
+    {"leaves-one-who-stops-the-supervisor",
+     [] {
+         // From when the family is asked to end, which is after the host was told how the engine did.
+         const pid_t supervisor = ::getppid();
+         if (::fork() == 0) {
+             sigset_t polite;
+             sigemptyset(&polite);
+             sigaddset(&polite, SIGTERM);
+             ::alarm(60);  // whatever becomes of the test
+             ::sigprocmask(SIG_BLOCK, &polite, nullptr);
+             liveVisibly(argument(1), argument(2));
+             append(argument(3), "x");
+             int number = 0;
+             ::sigwait(&polite, &number);
+             while (::kill(supervisor, SIGSTOP) == 0) ::sched_yield();
+             sleepForever();
+         }
+         std::ifstream(argument(3)).get();
          renderWell();
      }},
     {"polite",
