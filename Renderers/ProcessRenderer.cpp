@@ -205,7 +205,10 @@ public:
           toWake_(both_.get_token(), [this] { ring(); }),
           fromCaller_(caller, [this] { both_.request_stop(); }),
           fromOwner_(owner, [this] { both_.request_stop(); }) {
-        if (!wake_.isOpen()) throw std::system_error(systemCalls::lastError(), "eventfd");
+        if (!wake_.isOpen()) {
+            throw EngineFailure(Reason::notStarted, "The engine could not be started (eventfd: " +
+                                                        systemCalls::lastError().message() + ").");
+        }
     }
 
     [[nodiscard]] int wake() const noexcept { return wake_.number(); }
@@ -269,8 +272,8 @@ std::optional<std::string> ProcessRenderer::engineBuild(const LoopIdentity& iden
     const Work work(*this);
     try {
         return build(identity, Cancellation({}, lifetime_.get_token()));
-    } catch (const CancellationError&) {
-        return std::nullopt;  // the renderer is being destroyed
+    } catch (const Error&) {
+        return std::nullopt;  // no engine could be asked, or the renderer is being destroyed
     }
 }
 
@@ -288,15 +291,16 @@ std::optional<std::string> ProcessRenderer::build(const LoopIdentity& identity, 
         asking_.erase(mark);
         changed_.notify_all();
     };
+    std::optional<std::string> answer;
     try {
-        auto answer = askForBuild(identity, cancellation);
-        unmark();
-        if (answer) builds_.emplace(identity.model, *answer);
-        return answer;
+        answer = askForBuild(identity, cancellation);
     } catch (...) {
         unmark();
         throw;
     }
+    unmark();
+    if (answer) builds_.emplace(identity.model, *answer);
+    return answer;
 }
 
 std::optional<std::string> ProcessRenderer::askForBuild(const LoopIdentity& identity,

@@ -1,7 +1,9 @@
 #include "QuillmereKit/Generation/GenerationQueue.hpp"
 
 #include <exception>
+#include <memory>
 #include <mutex>
+#include <string>
 
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/Precondition.hpp"
@@ -201,18 +203,20 @@ void GenerationQueue::render(const LoopIdentity& identity, GenerationPace pace, 
         reports->post([this, attempt, stage] { reportStage(attempt, stage); });
     };
 
-    Outcome outcome = Cancelled{};
+    // What tells of the end has its memory before the render: afterwards there may be a finished piece to lose.
+    const auto outcome = std::make_shared<Outcome>(Cancelled{});
+    std::function<void()> tellEnd = [this, attempt, outcome] { endRender(attempt, *outcome); };
     try {
-        if (!stop.stop_requested()) outcome = service_->render(identity, seconds_, pace, onAudio, onStage, stop);
+        if (!stop.stop_requested()) *outcome = service_->render(identity, seconds_, pace, onAudio, onStage, stop);
     } catch (const CancellationError&) {
-        outcome = Cancelled{};
+        *outcome = Cancelled{};
     } catch (const std::exception& error) {
-        outcome = Failure{error.what()};
+        *outcome = Failure{error.what()};
     } catch (...) {
-        outcome = Failure{"The renderer failed without giving a reason."};
+        *outcome = Failure{"The renderer failed without giving a reason."};
     }
     reports->close();
-    executor_.post([this, attempt, outcome = std::move(outcome)] { endRender(attempt, outcome); });
+    executor_.post(std::move(tellEnd));
 }
 
 void GenerationQueue::reportAudio(const UUID& attempt, const GenerationAudio& audio) {
@@ -237,8 +241,7 @@ void GenerationQueue::endRender(const UUID& attempt, const Outcome& outcome) {
         if (!isWanted) {
             store_->discardUnstored(piece->url);
         } else {
-            store_->add(*piece);
-            finish(attempt, Progress::Finished{*piece});
+            finish(attempt, filed(*piece));
         }
     } else if (const auto* failure = std::get_if<Failure>(&outcome); failure != nullptr && isWanted) {
         finish(attempt, Progress::Failed{current_->identity, failure->message});
@@ -248,6 +251,19 @@ void GenerationQueue::endRender(const UUID& attempt, const Outcome& outcome) {
         startRender();
     } else if (drainID_) {
         finishedDraining(*drainID_);
+    }
+}
+
+// Files the wanted piece; what is then to be told.
+GenerationQueue::Progress GenerationQueue::filed(const LoopArtifact& piece) {
+    try {
+        Progress finished = Progress::Finished{piece};  // first, so that nothing that needs memory follows the filing
+        store_->add(piece);
+        return finished;
+    } catch (const std::exception& error) {
+        return Progress::Failed{current_->identity, "The piece could not be filed in the library (" +
+                                                        std::string(error.what()) + "). Its audio stays at " +
+                                                        piece.url.path().string() + "."};
     }
 }
 

@@ -63,7 +63,8 @@ public:
             LoopArtifact piece;  ///< The stored piece.
             friend bool operator==(const Finished&, const Finished&) = default;
         };
-        /// The render failed, for another reason than cancellation.
+        /// The render failed, for another reason than cancellation, or memory ran out while its piece was stored: then
+        /// the piece's file stays, and the message says where.
         struct Failed {
             LoopIdentity identity;  ///< The piece asked for.
             std::string message;    ///< The user's text.
@@ -174,6 +175,7 @@ private:
     void reportAudio(const UUID& attempt, const GenerationAudio& audio);
     void reportStage(const UUID& attempt, const GenerationStage& stage);
     void endRender(const UUID& attempt, const Outcome& outcome);
+    [[nodiscard]] Progress filed(const LoopArtifact& piece);
     void finish(const UUID& attempt, Progress progress);
     void finishedDraining(const UUID& drainID);
     void emit(Progress progress, std::optional<UUID> requestToken);

@@ -15,6 +15,8 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <semaphore>
+#include <stop_token>
 #include <string>
 #include <system_error>
 #include <tuple>
@@ -22,6 +24,7 @@
 #include <variant>
 #include <vector>
 
+#include "QuillmereKit/Generation/GenerationQueue.hpp"
 #include "QuillmereKit/Library/AudioPCM.hpp"
 #include "QuillmereKit/Library/FileSHA256.hpp"
 #include "QuillmereKit/Library/LoopArtifact.hpp"
@@ -36,6 +39,7 @@
 #include "QuillmereKit/Sharing/RecipeBundle.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
 #include "Renderers/EngineProtocol.hpp"
+#include "Renderers/ProcessRenderer.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Reliability/Checks.hpp"
 #include "Tests/Sharing/SampleRecipes.hpp"
@@ -270,6 +274,88 @@ TEST(RefusedAllocationsOfAdding, APieceThatFoundNoRoomIsNoPieceOfThisProcess) {
         if (!outcome.error.empty()) {
             EXPECT_EQ(store.artifact(identity), theirs);
         }
+        if (!wasRefused || HasFailure()) break;
+    }
+}
+
+/// Returns a piece at once; from the first one on memory is refused.
+class ScarceRenderer final : public GenerationService {
+public:
+    ScarceRenderer(LoopArtifact piece, Plan plan) : piece_(std::move(piece)), plan_(plan) {}
+
+    using GenerationService::render;
+    LoopArtifact render(const LoopIdentity&, double, const PartialHandler&, std::stop_token) override {
+        auto piece = piece_;
+        if (const auto plan = std::exchange(plan_, std::nullopt)) refused_.emplace(*plan);
+        return piece;
+    }
+
+private:
+    const LoopArtifact piece_;
+    std::optional<Plan> plan_;
+    std::optional<RefusedMemory> refused_;
+};
+
+TEST(RefusedAllocationsOfTheQueue, AFinishedPieceIsStoredOrItsFileStaysAndIsTold) {
+    SystemCallFaults::syncNothing();
+    using Progress = GenerationQueue::Progress;
+    int failures = 0;
+    for (Plan plan;; plan = next(plan)) {
+        SCOPED_TRACE(nameOf(plan));
+        const TemporaryFolder home;
+        const auto identity = LoopStoreFixture::identity("rain", 2, 1);
+        const auto file = home.putFile("Loops/" + identity.filename() + ".wav", "audio");
+        const auto piece = LoopStoreFixture::artifactAt(identity, FileURL::fromPath(file));
+        const auto store = std::make_shared<LoopStore>(home.path() / "Loops", ResourceBundle(home.path()),
+                                                       [](const FileURL&) { return false; });
+        std::counting_semaphore<> ended(0);
+        std::vector<Progress> ends;
+        GenerationQueue queue(std::make_shared<ScarceRenderer>(piece, plan), store, 120);
+        queue.observe([&](const Progress& progress) {
+            if (std::holds_alternative<Progress::Rendering>(progress.value())) return;
+            RefusedMemory::end();
+            ends.push_back(progress);
+            ended.release();
+        });
+
+        queue.request(identity, GenerationPace::fast);
+        ended.acquire();
+        const bool wasRefused = RefusedMemory::wasRefused();
+
+        ASSERT_EQ(ends.size(), 1U);
+        EXPECT_TRUE(std::filesystem::exists(file));
+        if (const auto* failed = std::get_if<Progress::Failed>(&ends[0].value())) {
+            ++failures;
+            EXPECT_EQ(failed->identity, identity);
+            EXPECT_THAT(failed->message, testing::HasSubstr(file.string()));
+            EXPECT_FALSE(store->contains(identity));
+        } else {
+            EXPECT_EQ(ends[0], Progress(Progress::Finished{piece}));
+            EXPECT_TRUE(store->contains(identity));
+        }
+        queue.request(identity, GenerationPace::fast);
+        ended.acquire();
+        EXPECT_EQ(ends.back(), Progress(Progress::Finished{piece}));
+        if (!wasRefused || HasFailure()) break;
+    }
+    EXPECT_GT(failures, 3);
+}
+
+TEST(RefusedAllocationsOfAnEngine, ItsBuildIsAskedForAgain) {
+    SystemCallFaults::syncNothing();
+    const TemporaryFolder home;
+    const auto identity = LoopStoreFixture::identity("rain", 2, 1);
+    const auto store = std::make_shared<LoopStore>(home.path() / "Loops", ResourceBundle(home.path()),
+                                                   [](const FileURL&) { return false; });
+    for (Plan plan;; plan = next(plan, true)) {
+        SCOPED_TRACE(nameOf(plan));
+        ProcessRenderer renderer({"echo", R"(result {"engineBuild":"an answer that is longer than a short text"})"},
+                                 store);
+        const auto outcome = actRefusing(plan, [&] { static_cast<void>(renderer.engineBuild(identity)); });
+        const bool wasRefused = RefusedMemory::wasRefused();
+
+        EXPECT_TRUE(outcome.error.empty() || outcome.isOutOfMemory) << outcome.error;
+        EXPECT_EQ(renderer.engineBuild(identity), "an answer that is longer than a short text");
         if (!wasRefused || HasFailure()) break;
     }
 }

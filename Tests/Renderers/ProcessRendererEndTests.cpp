@@ -265,15 +265,26 @@ TEST_F(ProcessRendererEndTests, EveryLackOfADescriptorIsAFailureThatLeavesNothin
     ASSERT_EQ(with->engineBuild(identity), "test-engine 1");
     int failures = 0;
     bool hasRendered = false;
-    for (auto limit = openDescriptors(); !hasRendered && limit < openDescriptors() + 64; ++limit) {
+    const int firstFree = ::dup(STDIN_FILENO);
+    ASSERT_GE(firstFree, 0);
+    ::close(firstFree);
+    const auto none = static_cast<rlim_t>(firstFree);
+    for (auto limit = none; !hasRendered && limit < none + 64; ++limit) {
+        SCOPED_TRACE("descriptors below " + std::to_string(limit));
+        const auto unasked = renderer({"well"});
         auto scarce = before;
         scarce.rlim_cur = limit;
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
+        EXPECT_NO_THROW(static_cast<void>(unasked->engineBuild(identity)));
         try {
             render(*with);
             hasRendered = true;
-        } catch (const std::exception&) {
+        } catch (const EngineFailure&) {
             ++failures;
+        } catch (const FileError&) {
+            ++failures;
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << error.what();
         }
         ::setrlimit(RLIMIT_NOFILE, &before);
         if (!hasRendered) {
