@@ -102,14 +102,13 @@ RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCa
             giveUp("open folder", error);
             continue;
         }
-        lock_ = FolderLock::tryAcquire(store / making / lockName);
-        if (lock_ == nullptr) {
-            auto reason = std::errc::no_such_file_or_directory;
-            if (fileExists(store / making)) {
-                reason = FolderLock::isHeld(store / making / lockName) ? std::errc::device_or_resource_busy
-                                                                       : std::errc::no_lock_available;
-            }
-            giveUp("lock", std::make_error_code(reason));
+        try {
+            lock_ = FolderLock::acquire(store / making / lockName);
+        } catch (const LibraryInUse&) {
+            giveUp("lock", std::make_error_code(std::errc::device_or_resource_busy));
+            continue;
+        } catch (const FileError& failure) {
+            giveUp("lock", failure.code());
             continue;
         }
         error = systemCalls::renameWithoutReplacing(store_.number(), making.c_str(), store_.number(), name.c_str());

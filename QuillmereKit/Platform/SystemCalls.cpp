@@ -26,6 +26,16 @@ void unlink(int folder, const char* name, int flags, const std::filesystem::path
     if (::unlinkat(folder, name, flags) != 0 && errno != ENOENT) throw FileError("remove", shown, lastError());
 }
 
+/// Gives the user back the rights on an own folder that is to be emptied: whoever filled it may have taken them away.
+/// Follows no link. Swallows failures, which what comes next meets too.
+void makeRemovable(int folder, const char* name) {
+    const int asUser = AT_EACCESS | AT_SYMLINK_NOFOLLOW;
+    if (::faccessat(folder, name, R_OK | W_OK | X_OK, asUser) == 0 || errno != EACCES) return;
+    const Descriptor place(::openat(folder, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // A folder that may not be read is only to be had as a place, whose rights are changed by a path that leads to it.
+    if (place.isOpen()) ::chmod(("/proc/self/fd/" + std::to_string(place.number())).c_str(), S_IRWXU);
+}
+
 /// A file's time, which may lie centuries outside what a `Date` can hold: then the nearest that it can.
 Date dateFrom(const timespec& time) noexcept {
     using std::chrono::duration_cast;
@@ -217,6 +227,7 @@ std::vector<FolderEntry> entries(int folder, const std::filesystem::path& shown)
 
 void removeFolderAt(int folder, const char* name, const std::filesystem::path& shown) {
     std::error_code error;
+    makeRemovable(folder, name);
     const Descriptor top = openFolderAt(folder, name, error);
     if (error) throw FileError("remove", shown, error);
 
@@ -234,13 +245,16 @@ void removeFolderAt(int folder, const char* name, const std::filesystem::path& s
                 unlink(top.number(), entry.name.c_str(), 0, place);
                 continue;
             }
+            makeRemovable(top.number(), entry.name.c_str());
             const Descriptor inner = openFolderAt(top.number(), entry.name, error);
             if (error) throw FileError("remove", place, error);
             for (const auto& below : entries(inner.number(), place)) {
                 if (below.kind != FileFacts::Kind::folder) {
                     unlink(inner.number(), below.name.c_str(), 0, place / below.name);
-                } else if (::renameat(inner.number(), below.name.c_str(), top.number(), freshTemporaryName().c_str()) !=
-                           0) {
+                    continue;
+                }
+                makeRemovable(inner.number(), below.name.c_str());  // to be moved, a folder must be writable itself
+                if (::renameat(inner.number(), below.name.c_str(), top.number(), freshTemporaryName().c_str()) != 0) {
                     throw FileError("remove", place / below.name, lastError());
                 }
             }

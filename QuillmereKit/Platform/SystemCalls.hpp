@@ -88,7 +88,8 @@ void syncFolder(int folder, const std::filesystem::path& shown);
 /// The entries of an open folder, without "." and "..". The descriptor stays open.
 [[nodiscard]] std::vector<FolderEntry> entries(int folder, const std::filesystem::path& shown);
 
-/// Removes the folder `name` in `folder` with all it holds, following no link, however deep it is.
+/// Removes the folder `name` in `folder` with all it holds, following no link, however deep it is. Folders in it that
+/// are the user's own, but were made unreadable or unwritable, are made writable first.
 void removeFolderAt(int folder, const char* name, const std::filesystem::path& shown);
 
 /// A fresh file under a temporary name in an open folder, removed with the object unless it was given its real name.

@@ -3,13 +3,17 @@
 #include "Renderers/RenderFolder.hpp"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -227,7 +231,8 @@ TEST(RenderFolderTests, WhicheverCallFailsAFolderIsMadeOrItThrowsAndLeavesNothin
                 const SystemCallFaults calls({.failing = call, .error = fault.error, .persists = fault.persists});
                 try {
                     folder.emplace(store.place());
-                } catch (const FileError&) {
+                } catch (const FileError& error) {
+                    EXPECT_EQ(error.code().value(), fault.error) << error.what();
                     ++failures;
                 }
                 struck = calls.struck();
@@ -251,6 +256,57 @@ TEST(RenderFolderTests, WhicheverCallFailsAFolderIsMadeOrItThrowsAndLeavesNothin
         }
         EXPECT_GT(failures, 3);
     }
+}
+
+/// Whether a working folder goes whatever an engine shut up in it, and takes nothing else with it. For an ordinary
+/// user.
+bool isRemovedWhateverItsRights(const path& store) {
+    namespace fs = std::filesystem;
+    const auto allow = [](const path& folder, int rights) { fs::permissions(folder, static_cast<fs::perms>(rights)); };
+    fs::create_directory(store / "mine");
+    allow(store / "mine", 0555);
+    path work;
+    {
+        const RenderFolder folder(store);
+        work = folder.path();
+        for (const char* name : {"readOnly", "unseen", "closed"}) {
+            fs::create_directories(work / name / "deep");
+            std::ofstream(work / name / "deep" / "model.bin") << "weights";
+        }
+        fs::create_directory_symlink(store / "mine", work / "link");
+        for (const auto& [name, rights] : {std::pair("readOnly", 0555), {"unseen", 0333}, {"closed", 0}}) {
+            allow(work / name / "deep", rights);
+            allow(work / name, rights);
+        }
+        allow(work, 0);
+    }
+    return !fs::exists(work) && fs::status(store / "mine").permissions() == static_cast<fs::perms>(0555);
+}
+
+TEST(RenderFolderTests, FoldersThatNobodyMayWriteInGoWithTheRest) {
+    // Root is kept out by no rights, and the tests' own folders keep others out.
+    constexpr uid_t nobody = 65534;
+    const bool isRoot = ::geteuid() == 0;
+    std::string store = "/tmp/quillmere-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(store.data()), nullptr);
+    if (isRoot) {
+        ASSERT_EQ(::chown(store.c_str(), nobody, nobody), 0);
+    }
+
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (isRoot && (::setgroups(0, nullptr) != 0 || ::setgid(nobody) != 0 || ::setuid(nobody) != 0)) ::_exit(2);
+        try {
+            ::_exit(isRemovedWhateverItsRights(store) ? 0 : 1);
+        } catch (const std::exception&) {
+            ::_exit(3);
+        }
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    std::filesystem::remove_all(store);
 }
 
 TEST(RenderFolderTests, WhicheverCallFailsAFolderThatEndsIsRemovedOrKnownAsADeadRuns) {
