@@ -14,9 +14,9 @@ namespace quillmere {
 /// in its place and once.
 ///
 /// The demuxer takes memory for as many samples, tracks and edits as a file claims, wherever in the file it finds the
-/// claim. So the boxes (ISO/IEC 14496-12, 4.2) are walked first, in memory of one size. What is not needed gets another
-/// name on its way to the demuxer, which steps over it; what is needed may claim no more than a file of this size can
-/// hold. That bounds the demuxer's memory by the file's size.
+/// claim. So the boxes (ISO/IEC 14496-12, 4.2) are walked first, in memory bounded by the file's size. What is not
+/// needed gets another name on its way to the demuxer, which steps over it; what is needed may claim no more than a
+/// file of this size can hold. That bounds the demuxer's memory by the file's size.
 class MovieFilter {
 public:
     /// Walks through the file. Throws `std::runtime_error` if its boxes do not fit into each other, if it has no track
