@@ -161,8 +161,19 @@ private:
     std::optional<std::string> answer_;
 };
 
+constexpr milliseconds longestTime = std::chrono::hours(24);
+
+ProcessRendererOptions withinADay(ProcessRendererOptions options) {
+    for (auto* time : {&options.grace, &options.silenceLimit, &options.lingerLimit, &options.buildLimit,
+                       &options.reportInterval, &options.burst}) {
+        *time = std::clamp(*time, milliseconds(0), longestTime);
+    }
+    return options;
+}
+
 milliseconds stretched(milliseconds time, double share) {
-    return std::chrono::duration_cast<milliseconds>(std::chrono::duration<double, std::milli>(time) / share);
+    const auto longer = std::chrono::duration<double, std::milli>(time) / share;
+    return std::min(std::chrono::duration_cast<milliseconds>(longer), longestTime);
 }
 
 /// What every run has in common.
@@ -258,7 +269,7 @@ ProcessRenderer::ProcessRenderer(std::vector<std::string> command, std::shared_p
           return std::move(command);
       }()),
       store_(std::move(store)),
-      options_(std::move(options)) {
+      options_(withinADay(std::move(options))) {
     precondition(store_ != nullptr, "A renderer needs a store.");
 }
 

@@ -22,7 +22,8 @@
 
 namespace quillmere {
 
-/// How a `ProcessRenderer` treats its engine. The defaults suit any engine; tests shorten the times.
+/// How a `ProcessRenderer` treats its engine. The defaults suit any engine; tests shorten the times. A time below zero
+/// counts as zero, one longer than a day as a day, also where it is longer only at a lower duty cycle.
 struct ProcessRendererOptions {
     /// What an engine that was told to stop may take for it before it is killed.
     std::chrono::milliseconds grace = std::chrono::seconds(3);

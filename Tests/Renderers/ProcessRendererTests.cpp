@@ -243,6 +243,24 @@ TEST_F(ProcessRendererTests, AnEngineThatNeverRestsIsStoppedForItsShareOfTheTime
     stop.request_stop();  // a stopped engine can be ended too
 }
 
+TEST_F(ProcessRendererTests, TimesThatAreNoneCountAsADayOrAsNothing) {
+    using std::chrono::milliseconds;
+    for (const auto slow : {GenerationPace::fast, GenerationPace::gentle}) {
+        for (const auto longest : {milliseconds::max(), milliseconds(std::chrono::hours(25))}) {
+            pace = slow;
+            options.grace = options.silenceLimit = options.lingerLimit = options.buildLimit = longest;
+            options.burst = longest;
+            EXPECT_EQ(render({"well"}).engineBuild, "test-engine 1");
+            identity.seed++;
+        }
+    }
+    options.grace = options.burst = options.reportInterval = milliseconds::min();
+    EXPECT_EQ(render({"says", "decoder"}).seconds, 0.5);
+    options.reportInterval = milliseconds::max();
+    identity.seed++;
+    EXPECT_EQ(render({"says", "decoder"}).seconds, 0.5);
+}
+
 TEST_F(ProcessRendererTests, AStoppedEngineGoesOnAndFinishes) {
     pace = GenerationPace::background;
     options.burst = std::chrono::milliseconds(0);
