@@ -38,7 +38,8 @@ public:
     virtual std::optional<Clock::time_point> report(Clock::time_point now) = 0;
 };
 
-/// One run of an engine under the supervisor, from its start until no process of it is left.
+/// One run of an engine under the supervisor, from its start until no process of it is left; of an engine that kills
+/// the supervisor, none in its process group.
 ///
 /// The supervisor and the engine are tied to this process by two descriptors that the system closes for it when it ends
 /// in whatever way: the writing end of the engine's standard input and one end of the supervisor's control socket.

@@ -54,7 +54,9 @@ struct ProcessRendererOptions {
 /// thrown no process, descriptor or file of the render is left, the piece itself aside. The engine runs under
 /// `quillmere-supervisor`, a small program that owns its process group and every process it makes, and ends all of
 /// them, politely, then after `grace` hard, when the render is over, cancelled or failed, and also when this process is
-/// gone in whatever way. Neither inherits a descriptor, a signal mask or a working folder from this process.
+/// gone in whatever way. Neither inherits a descriptor, a signal mask or a working folder from this process. Only an
+/// engine that kills its supervisor gets around that: the render fails (lost), the engine and its process group are
+/// killed, but what it moved elsewhere before lives on.
 ///
 /// The engine works in a `Render-…` folder inside the store's folder. Its file is believed only after the whole family
 /// has ended: it must lie there, not behind a link, and be a WAV file of exactly the frames asked for (48,000 Hz,
