@@ -312,7 +312,7 @@ std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::stri
             copyFile(file, aside);
         } catch (const FileError& error) {
             // Who tries again makes another: what may be gone tomorrow must not push out the copies that count.
-            if (error.isInPlace()) ::unlinkat(AT_FDCWD, aside.c_str(), 0);
+            if (error.isInPlace() && ::unlinkat(AT_FDCWD, aside.c_str(), 0) == 0) throw error.notInPlace();
             throw;
         }
     });

@@ -111,7 +111,7 @@ bool removeFolder(const std::filesystem::path& folder);
 /// Keeps a copy of `file` beside it, under its name without extension, "." + `reason` + "-" + time stamp +
 /// the extension ("manifest.unreadable-2024-05-01T10-20-30Z.json"; a number follows the stamp where the
 /// name is taken), and of such copies for this reason the newest three. The file itself stays. Returns the copy's path.
-/// That an older copy could not be removed is no failure.
+/// That an older copy could not be removed is no failure. A copy whose name could not be made safe is removed again.
 std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::string_view reason, Date now);
 
 /// Moves `file` away under such a name, never over another file. Returns the new path.
