@@ -342,9 +342,9 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
          say("decoder");
          sleepForever();
      }},
-    {"leaves-one-who-stops-the-supervisor",
+    {"leaves-one-who-signals-the-supervisor",
      [] {
-         // From when the family is asked to end, which is after the host was told how the engine did.
+         // Again and again, from when the family is asked to end, which is after the host was told how the engine did.
          const pid_t supervisor = ::getppid();
          if (::fork() == 0) {
              sigset_t polite;
@@ -356,7 +356,7 @@ const std::map<std::string, Behaviour, std::less<>> behaviours = {
              append(argument(3), "x");
              int number = 0;
              ::sigwait(&polite, &number);
-             while (::kill(supervisor, SIGSTOP) == 0) ::sched_yield();
+             while (::kill(supervisor, std::stoi(argument(4))) == 0) ::sched_yield();
              sleepForever();
          }
          std::ifstream(argument(3)).get();
