@@ -17,8 +17,10 @@ namespace quillmere {
 /// The files that some pieces use, whatever their URLs look like. Lives no longer than the pieces.
 class UsedFiles {
 public:
+    /// None yet, of a library in this folder, which must outlive it. Asks the disk where the folder really lies.
     explicit UsedFiles(const LoopFolder& folder);
 
+    /// One piece more. Asks the disk where its file really lies, unless that is plain.
     void add(const StoredLoop& loop);
 
     /// Whether one of the pieces is known to use the folder's own file at this standard path.
