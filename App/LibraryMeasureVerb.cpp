@@ -78,7 +78,7 @@ void measureAll(Host& host) {
         writer.endObject();
         writer.key("failed");
         writer.beginObject();
-        for (const auto& failure : failures) writer.member(failure.fingerprint, failure.message);
+        for (const auto& failure : failures) writer.member(failure.fingerprint, jsonText(failure.message));
         writer.endObject();
         writer.endObject();
         printJSON(writer);

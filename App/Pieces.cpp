@@ -8,11 +8,10 @@
 #include <set>
 #include <utility>
 
+#include "App/MoodChoice.hpp"
 #include "App/Suggestion.hpp"
 #include "App/Terminal.hpp"
 #include "App/UsageError.hpp"
-#include "QuillmereKit/Moods/CustomMoodStore.hpp"
-#include "QuillmereKit/Moods/MoodCatalog.hpp"
 
 namespace quillmere::app {
 
@@ -45,8 +44,11 @@ std::vector<LoopArtifact> piecesOf(const LoopStore& store, const std::string& mo
     auto pieces = store.all();
     if (!moodID.empty()) {
         std::set<std::string> known;
-        for (const Mood& mood : MoodCatalog::all(CustomMoodStore::shared())) known.insert(mood.id);
         for (const auto& piece : pieces) known.insert(piece.identity.moodID);
+        if (!known.contains(moodID)) {
+            requireReadable(moodID);
+            for (auto& id : moodIDs()) known.insert(std::move(id));
+        }
         if (!known.contains(moodID)) {
             throw UsageError("--mood",
                              "there is no mood \"" + safeForTerminal(moodID) + "\"." +

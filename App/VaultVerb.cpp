@@ -57,8 +57,8 @@ void printOutcome(const Host& host, const LoopRecipe& recipe, const char* key, b
 }
 
 void add(Host& host, const Options& options) {
+    const auto lock = Host::lockData();  // before the piece is looked up: nobody prunes it meanwhile
     const LoopRecipe recipe = recipeOf(*host.readingStore(), options.fingerprint, options.name);
-    const auto lock = Host::lockData();
     const bool isNew = ownVault().save(recipe);
     printOutcome(host, recipe, "isNew", isNew, isNew ? "Saved" : "Already saved");
     noteSaveError(host);

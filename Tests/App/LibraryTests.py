@@ -143,6 +143,16 @@ class ListTests(LibraryTest):
         self.assertIn("no piece", self.library("show", mark[:3], expect=2).err)
         self.assertIn("no piece", self.library("show", "", expect=2).err)
 
+    def test_no_mood_is_denied_where_moods_cannot_be_read(self):
+        mood = self.run_json("moods", "new", "--calm-text", "a", "--energetic-text", "b")["id"]
+        unreadable = ("openat:error=EIO", [self.home / "Moods.json"])
+
+        self.assertEqual(self.library("list", "--mood", mood).out, "")
+        done = self.run_failing(*unreadable, "library", "list", "--mood", mood, expect=1)
+        self.assertIn("cannot be read", done.err)
+        self.put(1, mood)
+        self.assertIn(self.marks()[0], self.run_failing(*unreadable, "library", "list", "--mood", mood).out)
+
     def test_text_from_the_manifest_cannot_reach_the_terminal_as_it_is(self):
         mark = self.put(1, "my-\x1b[31mred\u202e", name="x.wav", prompt="\x1b]0;title\x07\u009b2J")
 
@@ -194,6 +204,16 @@ class MeasureTests(LibraryTest):
 
         self.assertEqual(sorted(done["failed"]), sorted([damaged, other_rate]))
         self.assertEqual(list(done["measured"]), [good])
+
+    def test_a_failure_whose_text_is_not_utf8_is_told_like_any_other(self):
+        mark = self.put(1, audio=None)
+        (self.loops / os.fsdecode(b"\xff.wav")).write_bytes(b"RIFF")
+        self.entries[0]["url"] = f"file://{self.loops}/%FF.wav"
+        self.write_manifest()
+
+        done = json.loads(self.library("measure", "--json", expect=1).out)
+
+        self.assertEqual(list(done["failed"]), [mark])
 
     def test_a_library_that_cannot_be_saved_is_told_apart(self):
         mark = self.put(1)
