@@ -713,6 +713,21 @@ TEST_F(LoopStoreSharingTests, PieceThatTheOtherProcessRemovedDoesNotComeBackWith
     EXPECT_THAT(listedURLs(), SizeIs(2));
 }
 
+TEST_F(LoopStoreSharingTests, PieceWhoseAudioCannotBeMadeSafeIsNotConfirmedThoughAnotherWaitsToBeSaved) {
+    const auto unsafe = artifactAt(identity("deepcode"), FileURL::fromPath(folder / std::string(300, 'x')));
+    const auto waiting = piece("sprint");
+    std::optional<LoopStore> store;
+    {
+        const test::OtherProcess other(folder / ".lock");
+        store.emplace(folder, ResourceBundle(home.path() / "App"));
+        store->add(waiting);
+        EXPECT_THAT(store->lastSaveError().value_or(""), HasSubstr("process"));
+    }
+    EXPECT_THROW(store->addPersistent(unsafe), FileError);
+    store->add(piece("winddown"));
+    EXPECT_THAT(listedURLs(), SizeIs(2));
+}
+
 TEST_F(LoopStoreSharingTests, SecondStoreThatIsToWriteTakesTheLockThatTheFirstDidNot) {
     home.putFile("App/seeds.json", R"([{"file":"seed","seconds":1,"identity":)" +
                                        encodeJSON(identity("sprint"), JSONWriter::Form::compact) + "}]");
