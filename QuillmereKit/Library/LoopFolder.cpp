@@ -287,6 +287,12 @@ void LoopFolder::move(const std::filesystem::path& from, const std::filesystem::
     remembering(SyncDoubt::reachOfFile(restOf(to)), [&] { files_.move(from, to); });
 }
 
+void LoopFolder::moveAside(const std::filesystem::path& file, std::string_view reason, Date now) const {
+    remembering(SyncDoubt::reachOfFolder(restOf(file).parent_path()), [&] {
+        quillmere::moveAside(file, reason, now, [&](const auto& from, const auto& to) { files_.move(from, to); });
+    });
+}
+
 // Of a file directly in the folder: the lock, the manifest, the digests and the copies of them. An entry that names one
 // of them must not cost it.
 bool LoopFolder::isBookkeepingName(std::string_view name) noexcept {

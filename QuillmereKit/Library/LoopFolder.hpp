@@ -99,6 +99,9 @@ public:
     /// throws; that a sync failed is remembered for `sync`.
     void move(const std::filesystem::path& from, const std::filesystem::path& to);
 
+    /// The same, to a free name beside it that tells of a reason and the time, as `quillmere::moveAside` makes it.
+    void moveAside(const std::filesystem::path& file, std::string_view reason, Date now) const;
+
     /// Fills an empty table with the entries of the manifest whose files exist as regular files. Returns whether the
     /// manifest could be read; a missing one is an empty one. A manifest that cannot be read, or not be kept whole, is
     /// kept aside before the next save.

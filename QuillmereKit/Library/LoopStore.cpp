@@ -504,7 +504,8 @@ bool LoopStore::moveUnstoredAside(const FileURL& url) {
     const std::lock_guard lock(state_->mutex);
     const auto place = unstoredPlace(url);
     if (!place || !state_->folder.owns(*place)) return false;
-    moveAside(*place, "unlisted", std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now()));
+    const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
+    state_->folder.moveAside(*place, "unlisted", now);
     return true;
 }
 

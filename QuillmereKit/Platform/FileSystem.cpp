@@ -324,8 +324,10 @@ std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::stri
     return copy;
 }
 
-std::filesystem::path moveAside(const std::filesystem::path& file, std::string_view reason, Date now) {
-    return putAside(file, reason, now, [&](const auto& aside) { moveFile(file, aside); });
+std::filesystem::path moveAside(
+    const std::filesystem::path& file, std::string_view reason, Date now,
+    const std::function<void(const std::filesystem::path& from, const std::filesystem::path& to)>& move) {
+    return putAside(file, reason, now, [&](const auto& aside) { move(file, aside); });
 }
 
 }  // namespace quillmere

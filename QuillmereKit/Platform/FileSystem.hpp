@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -114,7 +115,10 @@ bool removeFolder(const std::filesystem::path& folder);
 /// That an older copy could not be removed is no failure. A copy whose name could not be made safe is removed again.
 std::filesystem::path keepCopyAside(const std::filesystem::path& file, std::string_view reason, Date now);
 
-/// Moves `file` away under such a name, never over another file. Returns the new path.
-std::filesystem::path moveAside(const std::filesystem::path& file, std::string_view reason, Date now);
+/// Moves `file` away under such a name, never over another file, by `move`, which behaves as `moveFile` does. Returns
+/// the new path.
+std::filesystem::path moveAside(
+    const std::filesystem::path& file, std::string_view reason, Date now,
+    const std::function<void(const std::filesystem::path& from, const std::filesystem::path& to)>& move = moveFile);
 
 }  // namespace quillmere

@@ -26,6 +26,9 @@ bool isKeptCopy(const std::string& path) {
     return path.find(".unreadable-") != std::string::npos || path.find(".before-") != std::string::npos;
 }
 
+/// A file that stood in the way and was given this name.
+bool isAside(const std::string& path) { return path.find(".unlisted-") != std::string::npos; }
+
 bool holds(const Lines& lines, const std::string& line) { return std::ranges::find(lines, line) != lines.end(); }
 
 Lines without(Lines lines, const std::string& line) {
@@ -96,6 +99,7 @@ Stage::Stage(const Operation& operation) : operation_(operation), descriptors_(o
         EXPECT_TRUE(old != before_.end() && (!after_.contains(path) || after_.at(path) != old->second)) << path;
     }
     for (const auto& path : operation.mayCome) EXPECT_TRUE(after_.contains(path)) << path;
+    for (const auto& path : operation.goesAside) EXPECT_TRUE(before_.contains(path) && !after_.contains(path)) << path;
     checkAfterFailure(std::move(session), outcome);
 }
 
@@ -170,6 +174,13 @@ void Stage::checkFiles(const Tree& tree, bool mayHaveRests, bool lostPower) cons
     checkNothingLost(tree, unlisted());
     for (const auto& [path, content] : before_) {
         if (path == main || mayGo(path)) continue;
+        if (operation_.goesAside.contains(path)) {
+            const auto isThere = [&](const auto& file) {
+                return (file.first == path || isAside(file.first)) && file.second == content;
+            };
+            EXPECT_EQ(std::ranges::count_if(tree, isThere), 1) << path << " is neither there nor aside";
+            continue;
+        }
         if (lostPower && operation_.isUnsynced.contains(path) && !listed.contains(path)) continue;
         const auto* is = contentIn(tree, path);
         const bool isRight = is != nullptr && (isLock(path) || *is == content);  // a lock may name its holder
@@ -185,6 +196,7 @@ void Stage::checkFiles(const Tree& tree, bool mayHaveRests, bool lostPower) cons
             EXPECT_TRUE(before_.contains(path) || after_.contains(path)) << path << " is new";
             continue;
         }
+        if (isAside(path) && !operation_.goesAside.empty()) continue;  // looked at above
         if (isKeptCopy(path)) {
             const bool isBefore = before_.contains(main) && content == before_.at(main);
             const bool isMidway = operation_.midway && linesIn(operation_.shelf, content) == linesMidway_;
@@ -215,7 +227,7 @@ void Stage::checkFiles(const Tree& tree, bool mayHaveRests, bool lostPower) cons
 /// What is replaced keeps the permissions that it had, and what is new has those it should.
 void Stage::checkPermissions() const {
     for (const auto& [path, permissions] : readPermissions(home_)) {
-        if (isRest(path) || isKeptCopy(path)) continue;
+        if (isRest(path) || isKeptCopy(path) || isAside(path)) continue;
         const auto old = permissionsBefore_.find(path);
         const auto made = permissionsAfter_.find(path);
         const bool isRight = (old != permissionsBefore_.end() && permissions == old->second) ||

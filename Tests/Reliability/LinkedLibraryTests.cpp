@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -193,6 +194,35 @@ TEST(LinkedLibraries, FilesThatStayBecauseALinkCannotBeFollowedKeepTheirEntriesA
         EXPECT_FALSE(std::filesystem::exists(library.firstAudio));
         EXPECT_TRUE(std::filesystem::exists(library.secondAudio)) << "the piece that stays plays it";
         EXPECT_EQ(store.lastSaveError(), std::nullopt);
+    }
+}
+
+TEST(LinkedLibraries, LinkPutInAFoldersPlaceLeadsNoFileAsideThatIsNotTheLibrarys) {
+    for (int call = 1;; ++call) {
+        SCOPED_TRACE("before call " + std::to_string(call));
+        const TemporaryFolder home;
+        const auto file = home.putFile("Loops/Sub/rain.wav", "unlisted");
+        home.putFile("Outside/rain.wav", "a stranger's");
+        LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
+        const auto swap = [&] {
+            std::filesystem::rename(home.path() / "Loops/Sub", home.path() / "Loops/Was");
+            std::filesystem::create_directory_symlink(home.path() / "Outside", home.path() / "Loops/Sub");
+        };
+
+        std::string struck;
+        {
+            const SystemCallFaults faults({.failing = call, .meanwhile = swap});
+            try {
+                static_cast<void>(store.moveUnstoredAside(FileURL::fromPath(file)));
+            } catch (const FileError&) {
+                EXPECT_TRUE(std::filesystem::exists(home.path() / "Loops/Was/rain.wav")) << "what failed moved nothing";
+            }
+            struck = faults.struck();
+        }
+
+        EXPECT_EQ(home.content("Outside/rain.wav"), "a stranger's");
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home.path() / "Outside"), {}), 1);
+        if (struck.empty() || testing::Test::HasFailure()) break;
     }
 }
 

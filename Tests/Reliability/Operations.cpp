@@ -395,6 +395,21 @@ Operation discardUnstoredLate() {
     return withCancelledRender(late(onLoops({}, {}), "DiscardUnstoredBesideWhatAnotherProcessWrote", discardRender));
 }
 
+/// Music that no entry names stands where a new piece is to go.
+Operation moveUnstoredAside() {
+    static const std::string place = "Loops/fresh.wav";
+    auto operation = onLoops("MoveUnstoredAside", [](LoopStore& store, const path& home) {
+        return store.moveUnstoredAside(FileURL::fromPath(home / place));
+    });
+    operation.prepare = [](const path& home) {
+        prepareLoops(home);
+        put(home / place, "music whose entry was lost");
+    };
+    operation.goesAside = {place};
+    operation.tellsByAnswer = true;
+    return operation;
+}
+
 /// A piece whose file is outside the folder, listed for good until an ordinary save leaves it out; then a copy of the
 /// list that names it is kept.
 LoopArtifact pieceOutside(const path& home) {
@@ -1038,6 +1053,7 @@ const std::vector<Operation>& operations() {
         prune(),
         trash(),
         discardUnstored(),
+        moveUnstoredAside(),
         importSeeds(),
         cleanLeftovers(),
         addFirst(),

@@ -47,6 +47,7 @@ struct Operation {
     std::function<std::unique_ptr<Session>(const std::filesystem::path& home)> begin;
     std::set<std::string> mayGo = {};       ///< Files that it removes.
     std::set<std::string> mayCome = {};     ///< Files that it makes, besides the store's own.
+    std::set<std::string> goesAside = {};   ///< Files that it gives a new name, with "unlisted" and the time in it.
     std::set<std::string> isUnsynced = {};  ///< Files that somebody wrote before and did not sync.
     bool changesNothing = false;            ///< It leaves all files as they are, but for locks.
     bool isOpening = false;                 ///< It reads the file anew, so that what it cannot read is not in memory.
