@@ -11,6 +11,7 @@
 #include <system_error>
 #include <utility>
 
+#include "QuillmereKit/Library/SyncDoubt.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FileSystem.hpp"
 #include "QuillmereKit/Platform/SystemCalls.hpp"
@@ -73,7 +74,8 @@ std::mutex& making() {
 
 }  // namespace
 
-RenderFolder::RenderFolder(const std::filesystem::path& store) : store_(systemCalls::openFolder(store)) {
+RenderFolder::RenderFolder(const std::filesystem::path& store)
+    : store_(systemCalls::openFolder(store)), doubt_(SyncDoubt::of(store)) {
     for (auto& spare : spare_) {
         spare = Descriptor(::fcntl(store_.number(), F_DUPFD_CLOEXEC, 0));
         if (!spare.isOpen()) throw FileError("open folder", store, systemCalls::lastError());
@@ -170,13 +172,15 @@ bool RenderFolder::moveOut(const std::string& name, const Descriptor& file, cons
     const auto unseen = systemCalls::statusAt(folder_.number(), name.c_str(), present);
     if (unseen && unseen != std::errc::no_such_file_or_directory) throw FileError("look at", from, unseen);
     if (unseen || !isSameFile(present, statusOf(file, from))) refuse("was replaced while it was being checked");
+    auto allNames = SyncDoubt::reachOfFolder({});
     const auto error =
         systemCalls::renameWithoutReplacing(folder_.number(), name.c_str(), store_.number(), newName.c_str());
     if (error == std::errc::file_exists) return false;
     if (error) throw FileError("rename", from, error);
     try {
         systemCalls::syncFolder(store_.number(), path_.parent_path());
-    } catch (const FileError&) {
+    } catch (const FileError& failure) {
+        doubt_->remember(std::move(allNames), failure);
         // Not known to survive a power cut, so it is not delivered; in the library it would be nobody's.
         static_cast<void>(::unlinkat(store_.number(), newName.c_str(), 0));
         throw;

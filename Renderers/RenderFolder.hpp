@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "QuillmereKit/Library/SyncDoubt.hpp"
 #include "QuillmereKit/Platform/Descriptor.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 
@@ -39,7 +40,7 @@ public:
     /// Renames the file `name`, which must still be the one that is open as `file`, into the store's folder, never over
     /// anything, and makes both names durable. Returns false, with nothing changed, if something has that name already.
     /// Throws `EngineFailure` (refusedFile) if `name` is another file now, `FileError` if it failed; the file is then
-    /// not in the store's folder.
+    /// not in the store's folder. That the folder could not be synced is remembered for what else lies in it.
     [[nodiscard]] bool moveOut(const std::string& name, const Descriptor& file, const std::string& newName) const;
 
     /// Removes what runs that died while they made their folder left in the store's folder. Swallows failures: nothing
@@ -49,6 +50,7 @@ public:
 private:
     std::filesystem::path path_;
     Descriptor store_;
+    std::shared_ptr<SyncDoubt> doubt_;
     std::array<Descriptor, 3> spare_;  // so that the folder can be removed when no descriptor is to be had any more
     Descriptor folder_;
     std::shared_ptr<FolderLock> lock_;

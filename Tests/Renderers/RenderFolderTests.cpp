@@ -20,10 +20,12 @@
 #include <utility>
 #include <vector>
 
+#include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/Descriptor.hpp"
 #include "QuillmereKit/Platform/Errors.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
 #include "QuillmereKit/Platform/UUID.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
 
@@ -372,6 +374,31 @@ TEST(RenderFolderTests, WhicheverCallFailsAPieceIsDeliveredOrNotInTheStoresFolde
         }
         EXPECT_GT(failures, 1);
     }
+}
+
+TEST(RenderFolderTests, WhatLayInTheFolderWhenItCouldNotBeSyncedIsWrittenAnewBeforeItIsListed) {
+    const TemporaryFolder home;
+    const auto other = home.putFile("Loops/other.wav", "RIFF");
+    LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
+    const auto inode = [&] {
+        struct stat status {};
+        EXPECT_EQ(::stat(other.c_str(), &status), 0);
+        return status.st_ino;
+    };
+    const auto before = inode();
+    {
+        const RenderFolder folder(home.path() / "Loops");
+        home.putFile("Loops/" + folder.path().filename().native() + "/audio.wav", "a piece");
+        const auto file = folder.open("audio.wav");
+        const SystemCallFaults calls({.failing = 2, .error = EIO, .call = "fsync"});
+        EXPECT_THROW(static_cast<void>(folder.moveOut("audio.wav", file, "piece.wav")), FileError);
+    }
+
+    store.addPersistent(
+        LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1), FileURL::fromPath(other)));
+
+    EXPECT_NE(inode(), before);
+    EXPECT_EQ(home.content("Loops/other.wav"), "RIFF");
 }
 
 TEST(RenderFolderTests, WhicheverCallFailsNobodyElsesFilesAreCleanedUpAndTheNextRunRemovesTheRest) {
