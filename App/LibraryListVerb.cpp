@@ -3,6 +3,7 @@
 #include "App/CommandLine.hpp"
 #include "App/Host.hpp"
 #include "App/LibraryVerbs.hpp"
+#include "App/MoodChoice.hpp"
 #include "App/Output.hpp"
 #include "App/Pieces.hpp"
 #include "App/Terminal.hpp"
@@ -27,7 +28,10 @@ void showAsText(const LoopArtifact& piece, bool isSeed) {
     line("energetic", identity.energeticPrompt);
     if (piece.engineBuild) line("engine", *piece.engineBuild);
     if (piece.origin) line("made on", piece.origin->chip);
-    line("playable", piece.isPlayable() ? "yes" : "no: its mood is gone, or asks for something else today");
+    const bool isKnown = isReadable(identity.moodID);
+    const char* const without =
+        isKnown ? "no: its mood is gone, or asks for something else today" : "not known: its mood cannot be read";
+    line("playable", isKnown && piece.isPlayable() ? "yes" : without);
     if (isSeed) line("seed", "ships with the application");
 }
 

@@ -38,8 +38,19 @@ std::set<std::string> savedRecipes() {
     return fingerprints;
 }
 
-// Nobody may save a recipe whose piece is about to be deleted. Nothing where the user has no place for a vault.
-std::shared_ptr<FolderLock> lockVault() { return UserFolders::applicationData() ? Host::lockData() : nullptr; }
+// Nobody may save a recipe whose piece is about to be deleted. Nothing where the user has no place for a vault, or may
+// not write there: then none of his programs saves any.
+std::shared_ptr<FolderLock> lockVault() {
+    if (!UserFolders::applicationData()) return nullptr;
+    try {
+        return Host::lockData();
+    } catch (const FileError& error) {
+        const bool mayNotWrite =
+            error.code() == std::errc::permission_denied || error.code() == std::errc::read_only_file_system;
+        if (mayNotWrite) return nullptr;
+        throw;
+    }
+}
 
 // What became of a plan.
 struct Pruned {

@@ -1,5 +1,7 @@
 #include "App/MoodChoice.hpp"
 
+#include <utility>
+
 #include "App/Choice.hpp"
 #include "App/CommandLine.hpp"
 #include "App/Host.hpp"
@@ -10,18 +12,37 @@
 
 namespace quillmere::app {
 
-CustomMoodStore& ownMoods() {
+namespace {
+
+bool isUsers(const std::string& id) { return id.starts_with(MoodSpec::idPrefix); }
+
+// What keeps the user's own moods from being read now.
+std::optional<std::string> problem() {
     auto& moods = CustomMoodStore::shared();
     moods.refresh();
-    if (const auto problem = moods.loadProblem()) Host::warn(*problem);
-    return moods;
+    return moods.loadProblem();
 }
 
+void warnOnce(const std::string& problem) {
+    static std::string last;
+    if (std::exchange(last, problem) != problem) Host::warn(problem);
+}
+
+}  // namespace
+
+CustomMoodStore& ownMoods() {
+    if (const auto reason = problem()) warnOnce(*reason);
+    return CustomMoodStore::shared();
+}
+
+bool isReadable(const std::string& id) { return !ownMoods().loadProblem() || !isUsers(id); }
+
+// Also where another mood is asked for: whoever looks first puts a damaged file aside, and the next run finds none.
 void requireReadable(const std::string& id) {
-    if (!id.starts_with(MoodSpec::idPrefix)) return;
-    auto& moods = CustomMoodStore::shared();
-    moods.refresh();
-    if (const auto problem = moods.loadProblem()) throw Error(*problem);
+    const auto reason = problem();
+    if (!reason) return;
+    if (isUsers(id)) throw Error(*reason);
+    warnOnce(*reason);
 }
 
 std::vector<std::string> moodIDs() {

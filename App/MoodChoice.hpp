@@ -11,11 +11,14 @@ namespace quillmere::app {
 
 class Verb;
 
-/// The user's own moods as their file holds them now. Where it cannot be read, that is said on standard error.
+/// The user's own moods as their file holds them now. Where it cannot be read, that is said on standard error, once.
 [[nodiscard]] CustomMoodStore& ownMoods();
 
-/// Throws `Error` where `id` names a mood of the user's own and those cannot be read: whether there is one, and what it
-/// asks for, is not known then.
+/// Whether it is known if there is a mood `id`, and what it asks for: not where it would be one of the user's own and
+/// those cannot be read. That they cannot be is said as `ownMoods` does, whatever the mood.
+[[nodiscard]] bool isReadable(const std::string& id);
+
+/// The same, but throws `Error` with the reason where that is not known.
 void requireReadable(const std::string& id);
 
 /// The ids of all moods, the user's own included.

@@ -36,12 +36,12 @@ void show(const Host& host, const RadioSet& radio) {
         writer.endObject();
         return printJSON(writer);
     }
-    static_cast<void>(ownMoods());  // that they cannot be read is no reason to say that they are gone
     std::printf("%s\n", radio.summary().c_str());
     for (const auto& id : radio.moodIDs()) {
+        const char* const without = isReadable(id) ? "(no such mood)" : "(cannot be read)";
         const auto mood = MoodCatalog::mood(id);
         std::printf("%s %-16s %s\n", id == radio.onAir() ? " >" : "  ", safeForTerminal(id).c_str(),
-                    mood ? safeForTerminal(mood->name).c_str() : "(no such mood)");
+                    mood ? safeForTerminal(mood->name).c_str() : without);
     }
 }
 

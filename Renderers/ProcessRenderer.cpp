@@ -164,8 +164,8 @@ private:
 constexpr milliseconds longestTime = std::chrono::hours(24);
 
 ProcessRendererOptions withinADay(ProcessRendererOptions options) {
-    for (auto* time : {&options.grace, &options.silenceLimit, &options.lingerLimit, &options.buildLimit,
-                       &options.reportInterval, &options.burst}) {
+    for (auto* time : {&options.grace, &options.silenceLimit, &options.lingerLimit, &options.filingLimit,
+                       &options.buildLimit, &options.reportInterval, &options.burst}) {
         *time = std::clamp(*time, milliseconds(0), longestTime);
     }
     return options;
@@ -390,11 +390,15 @@ LoopArtifact ProcessRenderer::render(const LoopIdentity& identity, double second
 // False where the file that stands in the piece's place must stay.
 bool ProcessRenderer::deliver(const LoopArtifact& piece, const std::function<bool()>& moveOut) {
     const std::lock_guard lock(delivering_);
-    std::erase_if(delivered_, [&](const LoopArtifact& earlier) {
-        return store_->contains(earlier.identity) || !fileExists(earlier.url.path());
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(delivered_, [&](const Delivery& earlier) {
+        // One that was listed and removed since, and whose file is back, is not waited for.
+        return now - earlier.time >= options_.filingLimit || store_->contains(earlier.piece.identity) ||
+               !fileExists(earlier.piece.url.path());
     });
-    const bool isAwaited = std::ranges::find(delivered_, piece.url, &LoopArtifact::url) != delivered_.end();
-    delivered_.push_back(piece);  // before the move, which nothing may follow that can fail
+    const bool isAwaited =
+        std::ranges::any_of(delivered_, [&](const Delivery& earlier) { return earlier.piece.url == piece.url; });
+    delivered_.push_back({piece, now});  // before the move, which nothing may follow that can fail
     try {
         // That the store lists nothing there proves nothing: the entry may have been lost, or be about to come.
         if (moveOut() || (!isAwaited && store_->moveUnstoredAside(piece.url) && moveOut())) return true;

@@ -32,6 +32,9 @@ struct ProcessRendererOptions {
     std::chrono::milliseconds silenceLimit = std::chrono::minutes(10);
     /// How long an engine at full pace may take to end after its result or after it closed its output.
     std::chrono::milliseconds lingerLimit = std::chrono::seconds(10);
+    /// How long the file of a delivered piece that the store does not list is taken for one that it is about to list;
+    /// past that, the same piece may be delivered again.
+    std::chrono::milliseconds filingLimit = std::chrono::minutes(1);
     /// How long an engine may take to answer which build it is.
     std::chrono::milliseconds buildLimit = std::chrono::seconds(10);
     /// The shortest time between two reports of stage and audio; of a burst only the newest is passed on.
@@ -69,7 +72,8 @@ struct ProcessRendererOptions {
 /// the time is stopped for a while.
 ///
 /// Thread-safe; renders may run at the same time. Of two that deliver the same piece the second fails (nameInUse) as
-/// long as the first one's file lies there and the store does not list it yet; so a store has one renderer for a model.
+/// long as the first one's file lies there and the store does not list it yet, for up to `filingLimit`; so a store has
+/// one renderer for a model.
 /// Destruction cancels what runs and waits for it.
 class ProcessRenderer final : public GenerationService {
 public:
@@ -105,7 +109,10 @@ public:
 private:
     class Work;
     class Cancellation;
-    struct Outcome;
+    struct Delivery {
+        LoopArtifact piece;
+        std::chrono::steady_clock::time_point time;
+    };
 
     [[nodiscard]] std::optional<std::string> build(const LoopIdentity& identity, const Cancellation& cancellation);
     [[nodiscard]] std::optional<std::string> askForBuild(const LoopIdentity& identity,
@@ -125,7 +132,7 @@ private:
     std::stop_source lifetime_;
 
     std::mutex delivering_;
-    std::vector<LoopArtifact> delivered_;  // what the store may not list yet; guarded by delivering_
+    std::vector<Delivery> delivered_;  // what the store may not list yet; guarded by delivering_
 };
 
 }  // namespace quillmere

@@ -223,7 +223,7 @@ void LoopFolder::remove(std::span<const std::filesystem::path> files) const {
 
 bool LoopFolder::bringIn(const std::filesystem::path& source, const std::filesystem::path& target) const {
     if (presenceOf(target) == Presence::regular) return true;
-    if (!lock_ || !isNothingAt(target)) return false;
+    if (!hasLock() || !isNothingAt(target)) return false;
     remembering(SyncDoubt::reachOfFile(restOf(target)), [&] { copyFile(source, target); });
     return true;
 }
@@ -365,7 +365,8 @@ bool LoopFolder::load(LoopTable& table) {
 
     listLocks_.clear();
     for (const auto& entry : listing) {
-        if (entry.name.ends_with(lockName) && entry.name != lockName) listLocks_.push_back(entry.name);
+        const bool isLock = entry.name.starts_with('.') && entry.name.ends_with(lockName) && entry.name != lockName;
+        if (isLock && entry.kind == FileFacts::Kind::regular) listLocks_.push_back(entry.name);
     }
     std::erase_if(listing, [](const FolderEntry& entry) {
         const bool isMigration = entry.name.starts_with(migrationPrefix) && entry.name.ends_with(migrationSuffix);
@@ -378,7 +379,7 @@ bool LoopFolder::load(LoopTable& table) {
 }
 
 void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::filesystem::path>& migrating) {
-    if (!lock_) return;
+    if (!hasLock()) return;
     const auto leftovers = std::exchange(leftovers_, {});
     // Without a readable manifest nobody knows what the folder's files are for.
     if (reasonToKeep_ == unreadable) return;

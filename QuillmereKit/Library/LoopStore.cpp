@@ -130,12 +130,13 @@ void LoopStore::State::putAll(std::span<LoopArtifact> artifacts) {
         if (!place.isInside) folder.noteOutside();
         const auto key = LoopKey::of(artifact.identity);
         const auto* const listed = table.find(key);
-        auto& inItsPlace = changes[key];
+        auto& inItsPlace = changes[key].listed;
         if (listed != nullptr && inItsPlace.empty()) inItsPlace.push_back(listed->artifact());
         items.push_back({std::move(artifact), place});
     }
     table.putAll(items);
     unsaved.merge(changes);  // what the manifest lists is known longer of those that are in there
+    for (const auto& [key, change] : changes) unsaved.find(key)->second.wasRefused = false;
 }
 
 std::size_t LoopStore::State::remove(std::span<const LoopKey> keys) noexcept {
@@ -195,12 +196,13 @@ void LoopStore::State::catchUp() {
                 isKept = isUnsaved && (theirs->url == loop.url || LoopFolder::isCertainlyThere(loop.url));
             } else {
                 isKept = !loop.isInside ||
-                         (isUnsaved && (unwritten->second.empty() || LoopFolder::isCertainlyThere(loop.url)));
+                         (isUnsaved && (unwritten->second.listed.empty() || LoopFolder::isCertainlyThere(loop.url)));
             }
             if (!isKept) return;
             if (isUnsaved) {
-                auto& inItsPlace = changes[loop.key];
-                if (theirs != nullptr) inItsPlace.push_back(theirs->artifact());
+                auto& change = changes[loop.key];
+                change.wasRefused = unwritten->second.wasRefused;
+                if (theirs != nullptr) change.listed.push_back(theirs->artifact());
             }
             present.put({loop.artifact(), folder.placeOf(loop.url)});
         });
@@ -213,21 +215,63 @@ void LoopStore::State::catchUp() {
     folder.cleanLeftovers(table, migrating);
 }
 
+// Audio is durable before the manifest names it. Returns those unsaved pieces whose audio cannot be made so; why is
+// noted. What failed once is written anew at each attempt, whole: of the pieces that an earlier save refused, no other
+// is tried once one is refused again, and the next save begins behind that one.
+LoopStore::State::Unsaved LoopStore::State::makeSafe(std::optional<LoopKey> needed, std::exception_ptr& failure) {
+    Unsaved unsafe;
+    bool isRefusedAgain = false;
+    const auto attempt = [&](Unsaved::value_type& piece) {
+        auto& [key, change] = piece;
+        const auto* const loop = table.find(key);
+        if (loop == nullptr) return;
+        if (change.wasRefused && isRefusedAgain && key != needed) {
+            unsafe.insert(piece);
+            return;
+        }
+        try {
+            folder.sync(loop->url);
+        } catch (const FileError&) {
+            if (std::exchange(change.wasRefused, true)) {
+                isRefusedAgain = true;
+                lastRefused = key;
+            }
+            if (key == needed) throw;
+            if (!failure) failure = std::current_exception();
+            unsafe.insert(piece);
+        }
+    };
+    const auto start = lastRefused ? unsaved.upper_bound(*lastRefused) : unsaved.begin();
+    std::for_each(start, unsaved.end(), attempt);
+    std::for_each(unsaved.begin(), start, attempt);
+    return unsafe;
+}
+
 // The table with what the manifest lists in the place of these pieces.
 LoopTable LoopStore::State::listedInsteadOf(const Unsaved& unsafe) const {
     std::vector<LoopTable::Item> items;
     items.reserve(table.count());
-    table.forEach([&](const StoredLoop& loop) {
-        const auto found = unsafe.find(loop.key);
+    for (const auto* const loop : table.inOrder()) {
+        const auto found = unsafe.find(loop->key);
         if (found == unsafe.end()) {
-            items.push_back({loop.artifact(), {.isInside = loop.isInside, .isPlain = loop.isPlain}});
+            items.push_back({loop->artifact(), {.isInside = loop->isInside, .isPlain = loop->isPlain}});
         } else {
-            for (const auto& each : found->second) items.push_back({each, folder.placeOf(each.url)});
+            for (const auto& each : found->second.listed) items.push_back({each, folder.placeOf(each.url)});
         }
-    });
+    }
     LoopTable listed;
     listed.putAll(items);
     return listed;
+}
+
+// What is still unsaved when the manifest is in place, but may not survive a power cut.
+LoopStore::State::Unsaved LoopStore::State::onceWritten(const Unsaved& unsafe) const {
+    Unsaved written = unsafe;
+    for (const auto& [key, change] : unsaved) {
+        const auto* const loop = table.find(key);
+        if (loop != nullptr && !unsafe.contains(key)) written.emplace(key, Change{{loop->artifact()}, false});
+    }
+    return written;
 }
 
 template <class MakeText>
@@ -236,27 +280,20 @@ void LoopStore::State::write(LoopFolder::Scope scope, std::optional<LoopKey> nee
     std::exception_ptr failure;
     try {
         requireLock();
-        // Audio is durable before the manifest names it.
-        bool hasNews = hasRemovals;
-        for (const auto& [key, listed] : unsaved) {
-            const auto* const loop = table.find(key);
-            if (loop == nullptr) continue;
-            try {
-                folder.sync(loop->url);
-                hasNews = true;
-            } catch (const FileError&) {
-                if (key == needed) throw;
-                unsafe.emplace(key, listed);
-                if (!failure) failure = std::current_exception();
+        unsafe = makeSafe(needed, failure);
+        const bool hasNews = hasRemovals || unsafe.size() < unsaved.size();
+        if (failure && !hasNews) std::rethrow_exception(failure);
+        auto written = onceWritten(unsafe);  // made before it is needed: memory may have run out by then
+        try {
+            if (unsafe.empty()) {
+                folder.save(makeText(table), scope);
+            } else {
+                auto listed = listedInsteadOf(unsafe);
+                folder.save(makeText(listed), scope);
             }
-        }
-        if (unsafe.empty()) {
-            folder.save(makeText(table), scope);
-        } else if (hasNews) {
-            auto listed = listedInsteadOf(unsafe);
-            folder.save(makeText(listed), scope);
-        } else {
-            std::rethrow_exception(failure);
+        } catch (const FileError& error) {
+            if (error.isInPlace()) unsaved = std::move(written);
+            throw;
         }
     } catch (...) {
         saveFailure = std::current_exception();
@@ -360,7 +397,7 @@ bool LoopStore::State::removeReplaced(const BundledSeed& seed, LoopKey key) {
         if (loop == nullptr) continue;
         hasRemoved = true;
         if (unwritten != unsaved.end()) {
-            unwritten->second.push_back(loop->artifact());
+            unwritten->second.listed.push_back(loop->artifact());
             table.remove(std::array{*replaced});
         } else {
             remove(std::array{*replaced});

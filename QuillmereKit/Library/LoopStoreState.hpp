@@ -103,9 +103,13 @@ struct LoopStore::State {
     /// The same where the caller only wants to know; notes why not.
     [[nodiscard]] bool mayChangeFiles() noexcept;
 
-    /// Pieces by fingerprint, each with what the manifest lists in its place: itself as it was, others that it
-    /// replaces.
-    using Unsaved = std::map<LoopKey, std::vector<LoopArtifact>>;
+    /// A piece that was stored since it was last saved.
+    struct Change {
+        std::vector<LoopArtifact> listed;  ///< What the manifest lists in its place: itself as it was, others that it
+                                           ///< replaces.
+        bool wasRefused = false;           ///< A save could not make its audio safe.
+    };
+    using Unsaved = std::map<LoopKey, Change>;  ///< By fingerprint.
 
     std::mutex mutex;
     LoopFolder folder;
@@ -113,7 +117,8 @@ struct LoopStore::State {
     std::unordered_set<LoopKey> bundledIDs;     // all seeds of the application's resources, imported now or earlier
     std::map<UUID, std::set<LoopKey>> playing;  // what each playback owner keeps from migration
     std::set<std::filesystem::path> migrating;  // temporary files of the migrations at work
-    Unsaved unsaved;                            // stored since they were last saved
+    Unsaved unsaved;                            // what is not yet saved
+    std::optional<LoopKey> lastRefused;         // behind it the next save begins to try again what was refused
     bool hasRemovals = false;                   // pieces were removed since the last save
     std::exception_ptr saveFailure;             // of the last save, or why files had to stay; null if it succeeded
 
@@ -122,7 +127,9 @@ private:
     bool removeReplaced(const LoopStore::BundledSeed& seed, LoopKey key);
     bool takeBack(const LoopArtifact& before);
     void catchUp();
+    [[nodiscard]] Unsaved makeSafe(std::optional<LoopKey> needed, std::exception_ptr& failure);
     [[nodiscard]] LoopTable listedInsteadOf(const Unsaved& unsafe) const;
+    [[nodiscard]] Unsaved onceWritten(const Unsaved& unsafe) const;
     template <class MakeText>
     void write(LoopFolder::Scope scope, std::optional<LoopKey> needed, const MakeText& makeText);
 };

@@ -152,6 +152,9 @@ class ListTests(LibraryTest):
         self.assertIn("cannot be read", done.err)
         self.put(1, mood)
         self.assertIn(self.marks()[0], self.run_failing(*unreadable, "library", "list", "--mood", mood).out)
+        done = self.run_failing(*unreadable, "library", "show", self.marks()[0])
+        self.assertIn("not known: its mood cannot be read", done.out)
+        self.assertIn("cannot be read", done.err)
 
     def test_text_from_the_manifest_cannot_reach_the_terminal_as_it_is(self):
         mark = self.put(1, "my-\x1b[31mred\u202e", name="x.wav", prompt="\x1b]0;title\x07\u009b2J")
@@ -421,6 +424,15 @@ class PruneTests(LibraryTest):
         self.assertIn("Deleted 1 of 2 pieces", done.out)
         self.assertTrue((self.loops / "fixed" / "x.wav").exists())
         self.assertEqual(list(json.loads((self.loops / "digests.json").read_text())["digests"]), [stays])
+
+    def test_who_may_not_write_a_vault_may_prune(self):
+        self.put(1)
+        self.home.chmod(0o555)
+        self.addCleanup(self.home.chmod, 0o755)
+
+        done = self.library_as_a_bound_user("prune", "--keep", 0, "--yes")
+
+        self.assertIn("Deleted 1 of 1", done.out)
 
     def test_a_library_in_use_is_not_pruned(self):
         self.put(1)

@@ -104,6 +104,24 @@ class MoodsTests(HostTest):
             done = self.run_host(*words, expect=1 if words in refused else 0)
             self.assertRegex(done.err, r'The moods ".*" \(kept as "Moods.unreadable-.*"\) cannot be read: ')
 
+    def test_damaged_moods_are_told_by_whatever_looks_first(self):
+        mood = self.make_playable()["id"]
+        self.generate(seconds=2)
+        piece = self.run_json("library", "list")[0]["fingerprint"]
+        file = self.home / "Moods.json"
+        said = r'The moods ".*" \(kept as "Moods.unreadable-.*"\) cannot be read: '
+
+        for words in (["generate", "--mood", "designflow", "--seconds", 1], ["moods", "show", "designflow"],
+                      ["play", "--mood", "designflow", "--minutes", 0.1, "--output", self.place / "out.wav"],
+                      ["library", "show", piece], ["radio", "make", "designflow"], ["settings", "radio", "designflow"]):
+            file.write_text("{broken")
+            done = self.run_host(*words)
+            self.assertRegex(done.err, said)
+            self.assertEqual(done.err.count("cannot be read"), 1)
+        file.write_text("{broken")
+        self.assertRegex(self.run_host("library", "list", "--mood", "designfloww", expect=2).err, said)
+        self.assertIn("there is no mood", self.run_host("moods", "show", mood, expect=2).err)
+
     def test_moods_that_could_not_be_read_at_first_are_asked_for_again(self):
         mood = self.make_playable()["id"]
         file = [self.home / "Moods.json"]

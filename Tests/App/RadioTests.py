@@ -75,6 +75,7 @@ class RadioTests(HostTest):
         self.run_host("radio", "make", "designflow", mood)
         done = self.run_failing("openat:error=EIO", [self.home / "Moods.json"], "radio")
         self.assertRegex(done.err, "The moods .* cannot be read")
+        self.assertRegex(done.out, f"{mood} .*cannot be read")
 
     def test_what_a_file_says_cannot_steer_the_terminal(self):
         self.run_host("radio", "make", "designflow")

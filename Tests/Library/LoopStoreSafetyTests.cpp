@@ -560,6 +560,23 @@ TEST_F(LoopStoreSharingTests, StoreOpenedForReadingMakesAndChangesNothing) {
                                                                   testing::StartsWith(".quillmere-"), firstWork));
 }
 
+TEST_F(LoopStoreSharingTests, WhoHasLostTheLockLeavesTheFolderToWhoHasIt) {
+    auto store = open();
+    store.add(piece("deepcode"));
+    home.putFile("App/seeds.json", "[" + seedText(identity("sprint")) + "]");
+    home.putFile("App/seed.m4a", "audio");
+    std::filesystem::remove(folder / ".lock");
+    const test::OtherProcess other(folder / ".lock");
+    store.add(piece("recovery"));
+    ASSERT_NE(store.lastSaveError(), std::nullopt);
+    const auto names = namesBeginning("");
+
+    const auto second = open();
+
+    EXPECT_EQ(namesBeginning(""), names);
+    EXPECT_NE(second.lastSaveError(), std::nullopt);
+}
+
 TEST_F(LoopStoreSharingTests, StoreOpenedForReadingLeavesTheLibraryToOthersUntilItChangesIt) {
     writeManifest({piece("deepcode")});
     auto store = openForReading();
@@ -962,6 +979,17 @@ TEST_F(LoopStoreLeftoverTests, TemporaryFilesStayWhileSomebodyWritesAListOfTheUs
     }
     static_cast<void>(open());
     EXPECT_FALSE(std::filesystem::exists(temporary));
+}
+
+TEST_F(LoopStoreLeftoverTests, WhatIsNoLockOfAListKeepsNoTemporaryFile) {
+    const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half a piece");
+    home.putFile("Loops/notes.lock", "a person's");
+    std::filesystem::create_directory(folder / ".folder.lock");
+
+    static_cast<void>(open());
+
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    EXPECT_EQ(home.content("Loops/notes.lock"), "a person's");
 }
 
 TEST_F(LoopStoreLeftoverTests, LinkOrFolderUnderATemporaryNameIsLeftAlone) {

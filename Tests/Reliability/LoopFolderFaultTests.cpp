@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -98,6 +99,77 @@ TEST_F(LoopFolderFaults, CopiesThatCountOutliveTheTriesOfASaveThatFails) {
             if (!hasFailed || HasFailure()) break;
         }
     }
+}
+
+TEST_F(LoopFolderFaults, PieceThatIsListedStaysListedWhereItCannotBeWrittenAnew) {
+    for (const bool removes : {false, true}) {
+        SCOPED_TRACE(removes ? "prune" : "add");
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        const auto pieces = byFingerprint({piece("deepcode"), piece("sprint"), piece("winddown")});
+        const auto &listed = pieces[0], &added = pieces[1], &removed = pieces[2];
+        auto store = open();
+        int syncs = 0;
+        {
+            const SystemCallFaults undisturbed({.call = "fsync"});
+            store.add(removed);
+            syncs = undisturbed.count();
+        }
+        {
+            // The last one is that of the folder, for the manifest's name.
+            const SystemCallFaults faults({.failing = syncs, .error = EIO, .call = "fsync"});
+            store.add(listed);
+        }
+        ASSERT_NE(store.lastSaveError(), std::nullopt);
+        ASSERT_THAT(listedURLs(), SizeIs(2));
+        {
+            // Behind that of the folder for the name that goes.
+            const SystemCallFaults faults({.failing = removes ? 2 : 1, .error = EIO, .call = "fsync"});
+            removes ? static_cast<void>(store.prune({listed.id()})) : store.add(added);
+        }
+        EXPECT_NE(store.lastSaveError(), std::nullopt);
+
+        EXPECT_THAT(listedURLs(), testing::Contains(listed.url.text()));
+        EXPECT_THAT(listedURLs(), SizeIs(removes ? 1 : 3));
+        store.add(added);
+        EXPECT_EQ(store.lastSaveError(), std::nullopt);
+        EXPECT_THAT(listedURLs(), SizeIs(removes ? 2 : 3));
+    }
+}
+
+TEST_F(LoopFolderFaults, PiecesThatCannotBeMadeSafeAreNotAllWrittenAnewByEachSave) {
+    auto store = open();
+    {
+        const SystemCallFaults faults({.failing = 1, .error = EIO, .call = "fsync", .persists = true});
+        int before = 0;
+        for (std::int64_t seed = 1; seed <= 20; ++seed) {
+            store.add(piece("deepcode", 2, seed));
+            EXPECT_LE(faults.count() - before, 4) << seed;
+            before = faults.count();
+        }
+    }
+    EXPECT_NE(store.lastSaveError(), std::nullopt);
+
+    store.add(piece("sprint"));
+
+    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+    EXPECT_THAT(listedURLs(), SizeIs(21));
+}
+
+TEST_F(LoopFolderFaults, PieceThatCanNeverBeMadeSafeKeepsNoOtherThatWasRefusedOnce) {
+    auto pieces = byFingerprint({piece("deepcode"), piece("sprint"), piece("winddown"), piece("recovery")});
+    pieces[0] = pieces[0].withURL(FileURL::fromPath(folder / std::string(300, 'x')));
+    auto store = open();
+    store.add(pieces[0]);
+    {
+        const SystemCallFaults faults({.failing = 1, .error = EIO, .call = "fsync", .persists = true});
+        store.add(pieces[1]);
+    }
+    store.add(pieces[2]);
+    store.add(pieces[3]);
+
+    EXPECT_NE(store.lastSaveError(), std::nullopt);
+    EXPECT_THAT(listedURLs(), SizeIs(3));
 }
 
 }  // namespace

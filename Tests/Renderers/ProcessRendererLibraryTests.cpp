@@ -132,6 +132,20 @@ TEST_F(ProcessRendererLibraryTests, APieceThatIsAboutToBeStoredIsNotMovedAway) {
     EXPECT_EQ(failureOf(*with).reason(), Reason::nameInUse);  // a piece uses it now
 }
 
+TEST_F(ProcessRendererLibraryTests, APieceThatWasListedAndRemovedMayBeRenderedAgainThoughItsFileIsBack) {
+    options.filingLimit = {};
+    const auto with = renderer({"well"});
+    store->add(render(*with));
+    const auto music = folder.content("Loops/" + pieceName());
+    ASSERT_EQ(store->trash([](const LoopArtifact&) { return true; }).size(), 1U);
+    folder.putFile("Loops/" + pieceName(), music);  // out of the trash
+
+    store->add(render(*with));
+
+    EXPECT_TRUE(store->contains(identity));
+    EXPECT_EQ(unlisted().size(), 1U);
+}
+
 TEST_F(ProcessRendererLibraryTests, APieceThatNobodyWantedMayBeRenderedAgain) {
     const auto with = renderer({"well"});
     for (int time = 0; time < 3; ++time) ASSERT_TRUE(store->discardUnstored(render(*with).url));
