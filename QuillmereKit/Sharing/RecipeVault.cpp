@@ -229,9 +229,13 @@ void RecipeVault::takeIn(Contents theirs) {
 // Takes in the file if another process wrote it since.
 void RecipeVault::takeInOthers() {
     const auto present = replacedFile::lookAt(*place_);
-    if (!present || present == known_) return;
+    if (present && present == known_) return;
     auto theirs = read(*place_);
-    if (theirs.facts) takeIn(std::move(theirs));  // one that is gone again removes nothing
+    if (theirs.facts) return takeIn(std::move(theirs));
+    // One that is gone removes nothing, and is read again should it come back.
+    known_.reset();
+    const std::lock_guard lock(mutex_);
+    loadProblem_.reset();
 }
 
 // Writes what can be written; returns what was left out, if anything was.

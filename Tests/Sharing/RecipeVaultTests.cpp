@@ -418,6 +418,48 @@ TEST_F(SharedVaultTests, RefreshingTakesInWhatAnotherProcessSavedAndWritesNothin
     EXPECT_THAT(keptAside(), testing::SizeIs(1));
 }
 
+TEST_F(RecipeVaultTests, WhatKeptTheVaultFromBeingReadIsSaidNoLongerThanItIsThere) {
+    const auto problemOf = [](RecipeVault& vault) {
+        vault.refresh();
+        return vault.loadProblem().value_or("none");
+    };
+    const auto saved = place / "saved.json";
+    const auto away = place / "away.json";
+    folder.putFile("vault/saved.json", "{");
+    RecipeVault foundDamage(place);
+    EXPECT_THAT(problemOf(foundDamage), testing::HasSubstr("saved.json\" cannot be read: "));
+    std::filesystem::rename(saved, away);
+    EXPECT_EQ(problemOf(foundDamage), "none");
+    std::filesystem::rename(away, saved);
+    EXPECT_THAT(problemOf(foundDamage), testing::HasSubstr("cannot be read: ")) << "it is damaged still";
+    std::filesystem::remove(saved);
+
+    std::filesystem::create_directory(saved);
+    RecipeVault foundAFolder(place);
+    EXPECT_THAT(problemOf(foundAFolder), testing::HasSubstr("regular file"));
+    std::filesystem::remove(saved);
+    EXPECT_EQ(problemOf(foundAFolder), "none");
+
+    RecipeVault vault(place);
+    vault.save(builtInRecipe(1));
+    std::filesystem::rename(saved, away);
+    EXPECT_EQ(problemOf(vault), "none");
+    folder.putFile("vault/saved.json", "{");
+    EXPECT_THAT(problemOf(vault), testing::HasSubstr("cannot be read: "));
+    std::filesystem::rename(away, saved);
+    EXPECT_EQ(problemOf(vault), "none");
+
+    std::filesystem::rename(saved, away);
+    std::filesystem::create_directory(saved);
+    EXPECT_THAT(problemOf(vault), testing::HasSubstr("regular file"));
+    std::filesystem::remove(saved);
+    EXPECT_EQ(problemOf(vault), "none");
+    EXPECT_EQ(vault.saved(), std::vector{builtInRecipe(1)});
+    vault.save(builtInRecipe(2));
+    EXPECT_EQ(file().recipes, (std::vector{builtInRecipe(1), builtInRecipe(2)}));
+    EXPECT_THAT(keptAside(), testing::IsEmpty());
+}
+
 TEST_F(RecipeVaultTests, ALockThatCannotBeHadIsReportedWithItsCause) {
     RecipeVault vault(place);
     {
