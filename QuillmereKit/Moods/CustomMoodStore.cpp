@@ -110,6 +110,7 @@ void CustomMoodStore::find() {
     // A link that names no mood file is the user's: no update replaces it, and each asks again what it names.
     if (!isLink || specs) place_ = place;
     loadProblem_ = damage ? std::optional(cannotBeRead(file_, *damage, keptAs)) : std::nullopt;
+    if (!keptAs.empty()) movedAside_ = loadProblem_;
     if (!specs) return;
     known_ = facts;
     specs_ = *std::move(specs);
@@ -121,7 +122,14 @@ std::string CustomMoodStore::moveDamagedAside(const FileFacts& facts) const {
         const auto lock = replacedFile::lockFor(file_);
         // Another process may have written a new one by now.
         if (replacedFile::lookAt(file_) != facts) return "";
-        return moveAside(file_, "unreadable", now_()).filename();
+        const auto move = [](const auto& from, const auto& to) {
+            try {
+                moveFile(from, to);
+            } catch (const FileError& error) {
+                if (!error.isInPlace()) throw;  // else it is moved, though a power cut may still undo that
+            }
+        };
+        return moveAside(file_, "unreadable", now_(), move).filename();
     } catch (const Error&) {
         return "";
     }
@@ -138,14 +146,13 @@ void CustomMoodStore::refresh() {
     try {
         if (!place_) return find();
         const auto present = replacedFile::lookAt(*place_);
-        if (!isNews(present)) return;
+        if (present && present == known_) return loadProblem_.reset();  // the list is what the file holds
         std::optional<std::string> damage;
-        if (auto theirs = readMoods(*place_, damage)) {
-            specs_ = *std::move(theirs);
+        if (auto theirs = present ? readMoods(*place_, damage) : std::nullopt) {
+            hold(*std::move(theirs));
             known_ = present;
-            loadProblem_.reset();
-        } else if (damage) {
-            loadProblem_ = cannotBeRead(file_, *damage);
+        } else {
+            loadProblem_ = damage ? std::optional(cannotBeRead(file_, *damage)) : movedAside_;
         }
     } catch (const FileError& error) {
         loadProblem_ = cannotBeRead(file_, error.what());
@@ -231,6 +238,7 @@ void CustomMoodStore::update(const std::function<void(std::vector<MoodSpec>&)>& 
 void CustomMoodStore::hold(std::vector<MoodSpec> specs) noexcept {
     specs_ = std::move(specs);
     loadProblem_.reset();
+    movedAside_.reset();
 }
 
 }  // namespace quillmere

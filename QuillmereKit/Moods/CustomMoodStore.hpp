@@ -55,7 +55,8 @@ public:
     [[nodiscard]] const std::filesystem::path& url() const noexcept { return file_; }
 
     /// Why the file could not be read when that was last tried, as a sentence: the list may then lack what the user
-    /// keeps. Nothing once the file was read, or written by an update, and where there is none.
+    /// keeps. Nothing once the file was read, or written by an update, and where there is none; only of a damaged file
+    /// that this store itself moved aside it tells until there is a list again.
     [[nodiscard]] std::optional<std::string> loadProblem() const;
 
     /// Takes in what another process wrote since, and a file that could not be read before: for who decides by the list
@@ -98,6 +99,7 @@ private:
     std::optional<std::filesystem::path> place_;  // of the file itself, behind a link; nothing until that is known
     std::optional<FileFacts> known_;              // the file as last read or written
     std::optional<std::string> loadProblem_;
+    std::optional<std::string> movedAside_;  // what to say while there is no file, of the damaged one that was there
 };
 
 }  // namespace quillmere

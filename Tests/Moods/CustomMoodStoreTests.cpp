@@ -570,6 +570,77 @@ TEST_F(CustomMoodStoreTests, RefreshingTakesInWhatAnotherProcessWroteSince) {
     EXPECT_EQ(folder.content(asideName), "{") << "kept before it is replaced";
 }
 
+TEST_F(CustomMoodStoreTests, WhatKeptTheListFromBeingReadIsSaidNoLongerThanItIsThere) {
+    const auto problemOf = [](CustomMoodStore& store) {
+        store.refresh();
+        return store.loadProblem().value_or("none");
+    };
+    std::filesystem::create_directory(file);
+    auto foundAFolder = open();
+    EXPECT_THAT(problemOf(foundAFolder), testing::HasSubstr("regular file"));
+    std::filesystem::remove(file);
+    EXPECT_EQ(problemOf(foundAFolder), "none");
+
+    folder.putFile("Moods.json", "{");
+    std::optional<CustomMoodStore> foundDamage;
+    {
+        const test::SystemCallFaults faults({.failing = 1, .error = EIO, .call = "renameat2"});
+        foundDamage.emplace(file, &now);
+    }
+    EXPECT_THAT(problemOf(*foundDamage), testing::HasSubstr("Moods.json\" cannot be read: "));
+    std::filesystem::remove(file);
+    EXPECT_EQ(problemOf(*foundDamage), "none");
+
+    auto store = open();
+    store.save(mood("my-a"));
+    const auto good = folder.path() / "good.json";
+    std::filesystem::rename(file, good);
+    EXPECT_EQ(problemOf(store), "none");
+    folder.putFile("Moods.json", "{");
+    EXPECT_THAT(problemOf(store), testing::HasSubstr("cannot be read: "));
+    std::filesystem::rename(good, file);
+    EXPECT_EQ(problemOf(store), "none") << "it is the file that was read before";
+
+    std::filesystem::rename(file, good);
+    std::filesystem::create_directory(file);
+    EXPECT_THAT(problemOf(store), testing::HasSubstr("regular file"));
+    EXPECT_THROW(store.save(mood("my-b")), FileError);
+    EXPECT_THAT(problemOf(store), testing::HasSubstr("regular file"));
+    std::filesystem::remove(file);
+    EXPECT_EQ(problemOf(store), "none");
+    EXPECT_EQ(ids(store), std::vector<std::string>{"my-a"});
+}
+
+TEST_F(CustomMoodStoreTests, ADamagedFileThatWasMovedAsideIsToldOfUntilThereIsAListAgain) {
+    for (const bool isSynced : {true, false}) {
+        SCOPED_TRACE(isSynced);
+        folder.putFile("Moods.json", "{");
+        std::optional<CustomMoodStore> store;
+        {
+            const test::SystemCallFaults faults({.failing = isSynced ? 0 : 1, .error = EIO, .call = "fsync"});
+            store.emplace(file, &now);
+            EXPECT_EQ(faults.struck(), isSynced ? "" : "fsync");
+        }
+        const auto problem = [&] {
+            store->refresh();
+            return store->loadProblem().value_or("none");
+        };
+        const auto isTold = testing::HasSubstr(std::string("(kept as \"") + asideName + "\") cannot be read: ");
+        EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_THAT(problem(), isTold);
+        std::filesystem::create_directory(file);
+        EXPECT_THAT(problem(), testing::HasSubstr("regular file"));
+        std::filesystem::remove(file);
+        EXPECT_THAT(problem(), isTold);
+
+        CustomMoodStore(file).save(mood("my-a"));
+        EXPECT_EQ(problem(), "none");
+        std::filesystem::remove(file);
+        EXPECT_EQ(problem(), "none");
+        std::filesystem::remove(folder.path() / asideName);
+    }
+}
+
 TEST_F(CustomMoodStoreTests, ALinkToAMoodFileIsFollowedByReadingAndSaving) {
     const auto real = folder.path() / "Synced" / "moods of mine.json";
     CustomMoodStore(real).save(mood("my-a"));
