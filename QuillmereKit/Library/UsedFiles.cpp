@@ -39,6 +39,12 @@ void UsedFiles::add(const StoredLoop& loop) {
     if (!file) return;
     const auto place = standardPath(*file);
     paths_.insert(place.native());
+    // Without a folder that it only leads through, and out of again, the path would lead nowhere.
+    std::filesystem::path way;
+    for (const auto& component : *file) {
+        if (component == "..") paths_.insert(standardPath(way).native() + "/..");
+        way /= component;
+    }
     if (folderError_ && !doubt_) doubt_.emplace("look at", folder_.path(), folderError_);
     std::error_code error;
     const auto real = std::filesystem::canonical(*file, error);

@@ -26,7 +26,8 @@ public:
     /// Whether one of the pieces is known to use the folder's own file at this standard path.
     [[nodiscard]] bool contains(const std::filesystem::path& file) const;
 
-    /// Whether one of them is known to use a file anywhere below this standard path of a folder inside the folder.
+    /// Whether one of them is known to use a file anywhere below this standard path of a folder inside the folder, or
+    /// to reach one through it ("inner/../file.wav").
     [[nodiscard]] bool containsBelow(const std::filesystem::path& inner) const;
 
     /// Why any file of the folder may be in use besides, and then none may be removed: the system does not say where a

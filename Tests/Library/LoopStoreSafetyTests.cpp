@@ -981,6 +981,18 @@ TEST_F(LoopStoreLeftoverTests, TemporaryFilesStayWhileSomebodyWritesAListOfTheUs
     EXPECT_FALSE(std::filesystem::exists(temporary));
 }
 
+TEST_F(LoopStoreLeftoverTests, DeadRunsFolderThatAPathLeadsThroughStays) {
+    home.putFile("Loops/" + firstWork + "/.lock", "");
+    home.putFile("Loops/piece.wav", "RIFF");
+    const auto roundabout = artifactAt(identity("deepcode"), FileURL::fromPath(folder / firstWork / "../piece.wav"));
+    writeManifest({roundabout});
+
+    static_cast<void>(open());
+
+    EXPECT_TRUE(open().contains(roundabout.identity));
+    EXPECT_TRUE(std::filesystem::exists(roundabout.url.path()));
+}
+
 TEST_F(LoopStoreLeftoverTests, WhatIsNoLockOfAListKeepsNoTemporaryFile) {
     const auto temporary = home.putFile("Loops/.quillmere-" + UUID::random().text() + ".tmp", "half a piece");
     home.putFile("Loops/notes.lock", "a person's");
