@@ -272,7 +272,8 @@ std::string FolderLock::holder(const std::filesystem::path& lockFile) {
         const Descriptor file = openLockFile(lockFile, false, key);
         // One with a second name still says who held it when it was given that.
         if (!file.isOpen() || !hasOneName(file)) return std::string(unknownHolder);
-        return std::string(holderIn(textOf(file, lockFile)).value_or(unknownHolder));
+        // A line that lost its number ends with a blank, which would stand before a full stop.
+        return std::string(trimmed(holderIn(textOf(file, lockFile)).value_or(unknownHolder)));
     } catch (const FileError&) {
         return std::string(unknownHolder);
     }

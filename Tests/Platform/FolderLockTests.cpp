@@ -314,6 +314,8 @@ TEST_F(FolderLockTests, ItsTextIsShownOnlyIfItIsALineOfText) {
     }
     folder.putFile(".lock", "quillmere, process 4711\n");
     EXPECT_EQ(FolderLock::holder(file), "quillmere, process 4711");
+    folder.putFile(".lock", "quillmere, process ");
+    EXPECT_EQ(FolderLock::holder(file), "quillmere, process");
 }
 
 TEST_F(FolderLockTests, AHolderBeforeLeavesNoName) {
