@@ -156,7 +156,6 @@ void CustomMoodStore::refresh() {
         }
     } catch (const FileError& error) {
         loadProblem_ = cannotBeRead(file_, error.what());
-        known_.reset();  // so that it is read the next time
     }
 }
 
