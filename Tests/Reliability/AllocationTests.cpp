@@ -300,7 +300,7 @@ TEST(RefusedAllocationsOfTheQueue, AFinishedPieceIsStoredOrItsFileStaysAndIsTold
     SystemCallFaults::syncNothing();
     using Progress = GenerationQueue::Progress;
     int failures = 0;
-    for (Plan plan;; plan = next(plan)) {
+    for (Plan plan;; plan = next(plan, true)) {
         SCOPED_TRACE(nameOf(plan));
         const TemporaryFolder home;
         const auto identity = LoopStoreFixture::identity("rain", 2, 1);

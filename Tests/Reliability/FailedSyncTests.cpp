@@ -88,6 +88,10 @@ TEST_P(FailedSyncs, AreNotMadeGoodWhereWritingAnewFailedToo) {
                 {.failing = 1, .error = EIO, .call = "fsync", .persists = true, .record = &calls});
             static_cast<void>(stage.act(*session));
         }
+        {
+            const SystemCallFaults undisturbed({.record = &calls});
+            session->prepareChange();  // what lies there unsynced may lose its name, too
+        }
         std::string struck;
         {
             const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync", .record = &calls});

@@ -60,6 +60,7 @@ struct Movie {
     std::uint32_t sampleSize = 1;
     std::uint32_t samples = 1;
     std::uint32_t frames = 4096;
+    std::uint32_t samplesOfAFrame = 4096;
     std::string moreInDescription;
     std::string moreInTable;
     std::string edits;
@@ -70,9 +71,9 @@ struct Movie {
     std::string after;
     std::size_t audioBytes = 16;
 
-    static std::string settings() {
-        return fullBox("alac",
-                       bigEndian(4096) + std::string("\0\x10\x28\x0a\x0e\x02\0\xff", 8) + zeros(8) + bigEndian(48000));
+    [[nodiscard]] std::string settings() const {
+        return fullBox("alac", bigEndian(samplesOfAFrame) + std::string("\0\x10\x28\x0a\x0e\x02\0\xff", 8) + zeros(8) +
+                                   bigEndian(48000));
     }
 
     static std::string fileType() { return box("ftyp", "M4A " + zeros(4) + "isom"); }
@@ -275,6 +276,24 @@ TEST_F(HostileInputAudioTests, EachEditCountsTheSamplesAgain) {
     const auto pause = std::vector<std::uint32_t>{4096, 0xFFFF'FFFF, 0x10000};
     movie.edits = box("edts", table("elst", std::vector(100, pause)));
     EXPECT_TRUE(opens(movie.bytes()));
+}
+
+// The decoder takes memory for a whole frame before it has seen one.
+TEST_F(HostileInputAudioTests, AFrameMayHave65536SamplesAndNotOneMore) {
+    constexpr std::uint32_t most = 65'536;
+    Movie movie;
+    for (const std::uint32_t samples : {1U, most}) {
+        SCOPED_TRACE(samples);
+        movie.samplesOfAFrame = samples;
+        EXPECT_TRUE(opens(movie.bytes()));
+        EXPECT_LT(peakOfReading(movie.bytes()), 8 * mebibyte);
+    }
+    for (const std::uint32_t samples : {0U, most + 1, 4096U * 4096U, 0x7FFF'FFFFU, 0xFFFF'FFFFU}) {
+        SCOPED_TRACE(samples);
+        movie.samplesOfAFrame = samples;
+        EXPECT_FALSE(opens(movie.bytes()));
+        EXPECT_LT(peakOfReading(movie.bytes()), 8 * mebibyte);
+    }
 }
 
 TEST_F(HostileInputAudioTests, MemoryFollowsTheSizeOfTheFile) {
