@@ -418,7 +418,12 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
 
 void LoopFolder::takeLock() {
     createFolders(path());
-    lock_ = FolderLock::acquire(lockFile());
+    auto lock = FolderLock::acquire(lockFile());
+    // The folder may be another one than at the start, or the first; what others know of this one counts from now on.
+    auto doubt = SyncDoubt::of(path());
+    doubt->takeIn(*doubt_);
+    doubt_ = std::move(doubt);
+    lock_ = std::move(lock);
 }
 
 bool LoopFolder::isManifestForeign() const {

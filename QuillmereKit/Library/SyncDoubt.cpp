@@ -69,6 +69,18 @@ void SyncDoubt::remember(Reach reach, const FileError& failure) noexcept {
     forgotten_.clear();
 }
 
+void SyncDoubt::takeIn(const SyncDoubt& other) {
+    if (&other == this) return;
+    auto theirs = [&] {
+        const std::lock_guard lock(other.mutex_);
+        return other.reach_;
+    }();
+    const std::lock_guard lock(mutex_);
+    if (!theirs.folders.empty()) forgotten_.clear();
+    reach_.files.merge(theirs.files);
+    reach_.folders.merge(theirs.folders);
+}
+
 void SyncDoubt::forget(std::set<std::filesystem::path> files) noexcept {
     const std::lock_guard lock(mutex_);
     for (const auto& file : files) reach_.files.erase(file);

@@ -40,6 +40,9 @@ public:
     /// Takes in what a failure means for what was to be synced, if it is that of a sync.
     void remember(Reach reach, const FileError& failure) noexcept;
 
+    /// Takes in what another one knows, of a folder that may be the same.
+    void takeIn(const SyncDoubt& other);
+
     /// These files were written anew, with their names, and synced.
     void forget(std::set<std::filesystem::path> files) noexcept;
 

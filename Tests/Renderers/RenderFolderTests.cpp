@@ -377,28 +377,37 @@ TEST(RenderFolderTests, WhicheverCallFailsAPieceIsDeliveredOrNotInTheStoresFolde
 }
 
 TEST(RenderFolderTests, WhatLayInTheFolderWhenItCouldNotBeSyncedIsWrittenAnewBeforeItIsListed) {
-    const TemporaryFolder home;
-    const auto other = home.putFile("Loops/other.wav", "RIFF");
-    LoopStore store(home.path() / "Loops", ResourceBundle(home.path() / "App"));
-    const auto inode = [&] {
-        struct stat status {};
-        EXPECT_EQ(::stat(other.c_str(), &status), 0);
-        return status.st_ino;
-    };
-    const auto before = inode();
-    {
-        const RenderFolder folder(home.path() / "Loops");
-        home.putFile("Loops/" + folder.path().filename().native() + "/audio.wav", "a piece");
-        const auto file = folder.open("audio.wav");
-        const SystemCallFaults calls({.failing = 2, .error = EIO, .call = "fsync"});
-        EXPECT_THROW(static_cast<void>(folder.moveOut("audio.wav", file, "piece.wav")), FileError);
+    enum class Folder { there, madeLate, replaced };
+    for (const auto kind : {Folder::there, Folder::madeLate, Folder::replaced}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        const TemporaryFolder home;
+        const auto place = home.path() / "Loops";
+        // Where a file is in the way the library cannot be made until that is gone.
+        if (kind == Folder::madeLate) home.putFile("Loops", "");
+        LoopStore store(place, ResourceBundle(home.path() / "App"));
+        if (kind == Folder::madeLate) std::filesystem::remove(place);
+        if (kind == Folder::replaced) std::filesystem::rename(place, home.path() / "Gone");
+        const auto other = home.putFile("Loops/other.wav", "RIFF");
+        const auto inode = [&] {
+            struct stat status {};
+            EXPECT_EQ(::stat(other.c_str(), &status), 0);
+            return status.st_ino;
+        };
+        const auto before = inode();
+        {
+            const RenderFolder folder(place);
+            home.putFile("Loops/" + folder.path().filename().native() + "/audio.wav", "a piece");
+            const auto file = folder.open("audio.wav");
+            const SystemCallFaults calls({.failing = 2, .error = EIO, .call = "fsync"});
+            EXPECT_THROW(static_cast<void>(folder.moveOut("audio.wav", file, "piece.wav")), FileError);
+        }
+
+        store.addPersistent(
+            LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1), FileURL::fromPath(other)));
+
+        EXPECT_NE(inode(), before);
+        EXPECT_EQ(home.content("Loops/other.wav"), "RIFF");
     }
-
-    store.addPersistent(
-        LoopStoreFixture::artifactAt(LoopStoreFixture::identity("rain", 2, 1), FileURL::fromPath(other)));
-
-    EXPECT_NE(inode(), before);
-    EXPECT_EQ(home.content("Loops/other.wav"), "RIFF");
 }
 
 TEST(RenderFolderTests, WhicheverCallFailsNobodyElsesFilesAreCleanedUpAndTheNextRunRemovesTheRest) {
