@@ -28,10 +28,9 @@ void showAsText(const LoopArtifact& piece, bool isSeed) {
     line("energetic", identity.energeticPrompt);
     if (piece.engineBuild) line("engine", *piece.engineBuild);
     if (piece.origin) line("made on", piece.origin->chip);
-    const bool isKnown = isReadable(identity.moodID);
-    const char* const without =
-        isKnown ? "no: its mood is gone, or asks for something else today" : "not known: its mood cannot be read";
-    line("playable", isKnown && piece.isPlayable() ? "yes" : without);
+    const char* const without = isReadable(identity.moodID) ? "no: its mood is gone, or asks for something else today"
+                                                            : "not known: its mood cannot be read";
+    line("playable", piece.isPlayable() ? "yes" : without);
     if (isSeed) line("seed", "ships with the application");
 }
 

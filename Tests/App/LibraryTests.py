@@ -156,6 +156,17 @@ class ListTests(LibraryTest):
         self.assertIn("not known: its mood cannot be read", done.out)
         self.assertIn("cannot be read", done.err)
 
+    def test_a_recording_is_playable_though_its_mood_cannot_be_read(self):
+        guide = {"format": "sa3.latents/1", "assetID": "a" * 64, "storageID": "my-x", "model": "medium",
+                 "sampleCount": 44100, "latentCount": 11, "sourceName": "me.wav", "sourceOffset": 0, "strength": 0.5}
+        self.put(1, "my-recorder")
+        self.entries[0]["identity"]["audio"] = {"guide": guide, "offset": 0, "kind": "recording"}
+        self.write_manifest()
+        mark = self.library_json("list")[0]["fingerprint"]
+        self.assertRegex(self.library("show", mark).out, r"playable +yes")
+        (self.home / "Moods.json").write_text("[{")
+        self.assertRegex(self.library("show", mark).out, r"playable +yes")
+
     def test_text_from_the_manifest_cannot_reach_the_terminal_as_it_is(self):
         mark = self.put(1, "my-\x1b[31mred\u202e", name="x.wav", prompt="\x1b]0;title\x07\u009b2J")
 
