@@ -6,12 +6,14 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "QuillmereKit/Library/LoopStore.hpp"
 #include "QuillmereKit/Platform/FolderLock.hpp"
+#include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Support/OtherProcess.hpp"
 #include "Tests/Support/SystemCallFaults.hpp"
@@ -134,6 +136,45 @@ TEST_F(LoopFolderFaults, PieceThatIsListedStaysListedWhereItCannotBeWrittenAnew)
         store.add(added);
         EXPECT_EQ(store.lastSaveError(), std::nullopt);
         EXPECT_THAT(listedURLs(), SizeIs(removes ? 2 : 3));
+    }
+}
+
+TEST_F(LoopFolderFaults, WhatASeedReplacesIsListedUntilTheSeedIs) {
+    const auto seed = identity("deepcode");
+    for (int failing = 1;; ++failing) {
+        SCOPED_TRACE(failing);
+        std::filesystem::remove_all(folder);
+        const auto old = piece("deepcode", 2, 99);
+        writeManifest(std::vector{old});
+        const nlohmann::json seeds = {{{"file", "one"},
+                                       {"identity", nlohmann::json::parse(encodeJSON(seed, JSONWriter::Form::compact))},
+                                       {"seconds", 60.0},
+                                       {"replaces", {old.id()}}}};
+        home.putFile("App/Loops/seeds.json", seeds.dump());
+        home.putFile("App/Loops/one.m4a", "music");
+        const auto file = home.putFile("Loops/" + seed.filename() + ".m4a", "music that nobody has synced");
+        std::optional<LoopStore> store;
+        {
+            const SystemCallFaults faults({.failing = 1, .error = EIO, .call = "fsync", .persists = true});
+            store.emplace(folder, ResourceBundle(home.path() / "App"));
+        }
+        ASSERT_EQ(store->all().size(), 1U);
+        ASSERT_TRUE(store->contains(seed));
+        std::string struck;
+        {
+            const SystemCallFaults faults({.failing = failing, .error = EIO, .call = "fsync"});
+            store->add(piece("sprint"));
+            struck = faults.struck();
+        }
+        const auto isListed = [&](const FileURL& url) { return std::ranges::count(listedURLs(), url.text()) == 1; };
+        EXPECT_NE(isListed(FileURL::fromPath(file)), isListed(old.url));
+
+        store->add(piece("winddown"));
+        EXPECT_EQ(store->lastSaveError(), std::nullopt);
+        EXPECT_TRUE(isListed(FileURL::fromPath(file)));
+        EXPECT_FALSE(isListed(old.url));
+        store.reset();
+        if (struck.empty() || HasFailure()) break;
     }
 }
 
