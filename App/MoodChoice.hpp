@@ -11,7 +11,8 @@ namespace quillmere::app {
 
 class Verb;
 
-/// The user's own moods as their file holds them now. Where it cannot be read, that is said on standard error, once.
+/// The user's own moods as their file holds them now. Where it cannot be read, that is said on standard error, once; a
+/// failure for want of one of them says it again.
 [[nodiscard]] CustomMoodStore& ownMoods();
 
 /// Whether it is known if there is a mood `id`, and what it asks for: not where it would be one of the user's own and

@@ -408,7 +408,9 @@ void LoopFolder::cleanLeftovers(const LoopTable& table, const std::set<std::file
     table.forEach([&](const StoredLoop& loop) { used.add(loop); });
     if (used.doubt()) return;
     std::erase_if(files, [&](const auto& file) { return used.contains(file); });
-    std::erase_if(folders, [&](const auto& folder) { return used.containsBelow(folder); });
+    const auto isUsed = [&](const auto& folder) { return used.containsBelow(folder); };
+    std::erase_if(folders, isUsed);
+    std::erase_if(empty, isUsed);
     for (const auto& file : files) {
         ignoringFailure([&] { remembering(SyncDoubt::reachOfFolder({}), [&] { files_.remove(file); }); });
     }

@@ -526,7 +526,7 @@ void LoopStore::addPersistent(LoopArtifact artifact) {
     if (loop && !loop->isEncodable) static_cast<void>(encodeJSON(loop->artifact(), JSONWriter::Form::compact));
 }
 
-std::optional<std::filesystem::path> LoopStore::unstoredPlace(const FileURL& url) {
+std::optional<LoopStore::UnstoredFile> LoopStore::unstoredFile(const FileURL& url) {
     const auto& folder = state_->folder;
     const auto file = LoopFolder::fileOf(url);
     if (!file || !folder.names(*file) || !state_->mayChangeFiles()) return std::nullopt;
@@ -534,29 +534,32 @@ std::optional<std::filesystem::path> LoopStore::unstoredPlace(const FileURL& url
     UsedFiles used(folder);
     state_->table.forEach([&](const StoredLoop& loop) { used.add(loop); });
     if (used.contains(place) || !state_->isSureOf(used)) return std::nullopt;
-    return place;
+    const bool isFolderUsed = used.containsBelow(place.parent_path());
+    return UnstoredFile{std::move(place), isFolderUsed};
 }
 
 bool LoopStore::moveUnstoredAside(const FileURL& url) {
     const std::lock_guard lock(state_->mutex);
-    const auto place = unstoredPlace(url);
-    if (!place || !state_->folder.owns(*place)) return false;
+    const auto found = unstoredFile(url);
+    if (!found || !state_->folder.owns(found->place)) return false;
     const auto now = std::chrono::time_point_cast<Date::duration>(std::chrono::system_clock::now());
-    state_->folder.moveAside(*place, "unlisted", now);
+    state_->folder.moveAside(found->place, "unlisted", now);
     return true;
 }
 
 bool LoopStore::discardUnstored(const FileURL& url) {
     const std::lock_guard lock(state_->mutex);
     const auto& folder = state_->folder;
-    const auto found = unstoredPlace(url);
+    const auto found = unstoredFile(url);
     if (!found) return false;
-    const auto& place = *found;
+    const auto& place = found->place;
 
     bool isRemoved = false;
     if (folder.owns(place)) isRemoved = State::tryDiscard(discard_, place, url);
     const auto parent = place.parent_path();
-    if (folder.isFinishedWork(parent)) isRemoved = State::tryDiscard(discard_, FileURL::fromPath(parent)) || isRemoved;
+    if (!found->isFolderUsed && folder.isFinishedWork(parent)) {
+        isRemoved = State::tryDiscard(discard_, FileURL::fromPath(parent)) || isRemoved;
+    }
     return isRemoved;
 }
 

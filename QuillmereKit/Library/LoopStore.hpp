@@ -112,7 +112,7 @@ public:
 
     /// Stores a piece, replacing the one with its fingerprint, and saves the manifest with all pieces whose files lie
     /// inside the folder. The piece's own audio is made durable first. A failed save is kept as `lastSaveError`; the
-    /// piece stays stored in memory, and the next save tries again.
+    /// piece stays stored in memory, and a later save tries again.
     void add(LoopArtifact artifact);
 
     /// The same for many pieces, with one save. If memory runs out none of them is stored.
@@ -237,8 +237,12 @@ public:
 private:
     struct State;
 
+    struct UnstoredFile {
+        std::filesystem::path place;
+        bool isFolderUsed;  // a piece may need the folder that it lies in
+    };
     // The file that a URL names, if it lies in the folder and certainly no piece uses it. Under the state's lock.
-    [[nodiscard]] std::optional<std::filesystem::path> unstoredPlace(const FileURL& url);
+    [[nodiscard]] std::optional<UnstoredFile> unstoredFile(const FileURL& url);
 
     const std::shared_ptr<State> state_;
     const Discard discard_;

@@ -45,8 +45,9 @@ struct LoopStore::State {
     /// Removes pieces from memory; how many of them were there.
     std::size_t remove(std::span<const LoopKey> keys) noexcept;
 
-    /// Writes the manifest in its ordinary form. New audio that cannot be made safe stops no other piece: the manifest
-    /// then lists what it did in place of that piece, and why is noted. Throws, and notes, what `LoopFolder::save`
+    /// Writes the manifest in its ordinary form. New audio that cannot be made safe stops no other new piece: the
+    /// manifest then lists what it did in place of that piece, and why is noted. Once what was refused before is
+    /// refused again, the rest of that waits for its turn in a later save. Throws, and notes, what `LoopFolder::save`
     /// throws, and why the audio of the piece `needed` cannot be made safe; nothing is written then.
     void save(std::optional<LoopKey> needed = std::nullopt);
 

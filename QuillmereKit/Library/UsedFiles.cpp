@@ -1,5 +1,7 @@
 #include "QuillmereKit/Library/UsedFiles.hpp"
 
+#include <algorithm>
+
 #include "QuillmereKit/Platform/FileURL.hpp"
 
 namespace quillmere {
@@ -39,12 +41,10 @@ void UsedFiles::add(const StoredLoop& loop) {
     if (!file) return;
     const auto place = standardPath(*file);
     paths_.insert(place.native());
-    // Without a folder that it only leads through, and out of again, the path would lead nowhere.
-    std::filesystem::path way;
-    for (const auto& component : *file) {
-        if (component == "..") paths_.insert(standardPath(way).native() + "/..");
-        way /= component;
-    }
+    // Without the folder that it only leads through the path would lead nowhere. Which one that is is not asked: of a
+    // stranger's manifest the answer could take any time, and any memory.
+    const auto leadsOut = [](const auto& component) { return component.native() == ".."; };
+    if (std::any_of(file->begin(), file->end(), leadsOut)) hasDetours_ = true;
     if (folderError_ && !doubt_) doubt_.emplace("look at", folder_.path(), folderError_);
     std::error_code error;
     const auto real = std::filesystem::canonical(*file, error);
@@ -63,7 +63,7 @@ bool UsedFiles::contains(const std::filesystem::path& file) const {
 }
 
 bool UsedFiles::containsBelow(const std::filesystem::path& inner) const {
-    return hasPathBelow(inner) || hasPathBelow(realPlace(inner));
+    return hasDetours_ || hasPathBelow(inner) || hasPathBelow(realPlace(inner));
 }
 
 std::filesystem::path UsedFiles::realPlace(const std::filesystem::path& inside) const {

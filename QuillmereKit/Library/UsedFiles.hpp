@@ -26,8 +26,9 @@ public:
     /// Whether one of the pieces is known to use the folder's own file at this standard path.
     [[nodiscard]] bool contains(const std::filesystem::path& file) const;
 
-    /// Whether one of them is known to use a file anywhere below this standard path of a folder inside the folder, or
-    /// to reach one through it ("inner/../file.wav").
+    /// Whether one of them may need a folder inside the folder, at this standard path: it is known to use a file
+    /// anywhere below it, or goes out of some folder again on its way to its file ("inner/../file.wav"), be it this
+    /// one.
     [[nodiscard]] bool containsBelow(const std::filesystem::path& inner) const;
 
     /// Why any file of the folder may be in use besides, and then none may be removed: the system does not say where a
@@ -44,6 +45,7 @@ private:
     std::error_code folderError_;                 // why, unless it is not there
     std::unordered_set<std::string_view> names_;  // of plain files directly in the folder
     std::set<std::string> paths_;                 // of all others, as they are spelled and where they really lie
+    bool hasDetours_ = false;                     // one of these paths goes through a folder and out of it again
     std::optional<FileError> doubt_;
 };
 

@@ -982,15 +982,24 @@ TEST_F(LoopStoreLeftoverTests, TemporaryFilesStayWhileSomebodyWritesAListOfTheUs
 }
 
 TEST_F(LoopStoreLeftoverTests, DeadRunsFolderThatAPathLeadsThroughStays) {
-    home.putFile("Loops/" + firstWork + "/.lock", "");
     home.putFile("Loops/piece.wav", "RIFF");
-    const auto roundabout = artifactAt(identity("deepcode"), FileURL::fromPath(folder / firstWork / "../piece.wav"));
-    writeManifest({roundabout});
+    std::filesystem::create_directory_symlink(folder, home.path() / "linked");
+    for (const bool isLocked : {true, false}) {
+        for (const auto& way : {folder / firstWork, home.path() / "linked" / firstWork}) {
+            SCOPED_TRACE(way.string() + (isLocked ? " with a lock" : ""));
+            std::filesystem::remove_all(folder / firstWork);
+            std::filesystem::create_directory(folder / firstWork);
+            if (isLocked) home.putFile("Loops/" + firstWork + "/.lock", "");
+            const auto roundabout = artifactAt(identity("deepcode"), FileURL::fromPath(way / "../piece.wav"));
+            writeManifest({roundabout});
 
-    static_cast<void>(open());
+            auto store = open();
+            store.discardUnstored(FileURL::fromPath(folder / firstWork / "audio.wav"));
 
-    EXPECT_TRUE(open().contains(roundabout.identity));
-    EXPECT_TRUE(std::filesystem::exists(roundabout.url.path()));
+            EXPECT_TRUE(open().contains(roundabout.identity));
+            EXPECT_TRUE(std::filesystem::exists(roundabout.url.path()));
+        }
+    }
 }
 
 TEST_F(LoopStoreLeftoverTests, WhatIsNoLockOfAListKeepsNoTemporaryFile) {

@@ -19,6 +19,7 @@
 #include "QuillmereKit/Moods/TagVocabulary.hpp"
 #include "QuillmereKit/Platform/JSONWriter.hpp"
 #include "QuillmereKit/Sharing/RecipeVault.hpp"
+#include "Tests/Library/LoopStoreFixture.hpp"
 #include "Tests/Support/PeakMemory.hpp"
 #include "Tests/Support/Sanitizer.hpp"
 #include "Tests/Support/TemporaryFolder.hpp"
@@ -298,6 +299,41 @@ TEST(HostileInputTests, NoTextCosts16TimesItsLength) {
                         static_cast<double>(peak) / static_cast<double>(text.size()));
         }
     }
+}
+
+// Each piece by a long way down and up again; who looks for what may be cleaned up has to know what they use.
+TEST(HostileInputTests, LongWaysToItsPiecesCostALibraryNoMoreThanTheirText) {
+    constexpr int pieces = 100;
+    constexpr int depth = 400;
+    const TemporaryFolder home;
+    const auto folder = home.path() / "Loops";
+    home.putFile("Loops/piece.wav", "RIFF");
+    std::string down;
+    std::string up;
+    for (int i = 0; i < depth; ++i) {
+        down += "/b";
+        up += "/..";
+    }
+    fs::create_directories(fs::path((folder / "deep").native() + down));
+    std::vector<LoopArtifact> listed;
+    for (int i = 0; i < pieces; ++i) {
+        const auto start = folder / std::to_string(i);
+        fs::create_directory_symlink("deep", start);
+        auto identity = sampleIdentity();
+        identity.seed = i;
+        const auto url = FileURL::fromPath(fs::path(start.native() + down + up + "/../piece.wav"));
+        listed.push_back(LoopStoreFixture::artifactAt(identity, url));
+    }
+    const auto text = encodeJSON(listed, JSONWriter::Form::compact);
+    home.putFile("Loops/manifest.json", text);
+    const auto leftover = home.putFile("Loops/.quillmere-01234567-89AB-4DEF-8123-456789ABCDEF.tmp", "half a list");
+
+    const auto peak = peakOf([&] {
+        const LoopStore store(folder, ResourceBundle(home.path()), {});
+        if (store.count() != pieces || fs::exists(leftover)) ::_exit(1);
+    });
+
+    EXPECT_LT(peak, (isSanitized ? 40 : 16) * text.size());
 }
 
 }  // namespace
