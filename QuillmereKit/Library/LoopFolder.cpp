@@ -199,13 +199,19 @@ std::uint64_t LoopFolder::sizeOfFiles(const LoopTable& table, const FileSizes& s
     return bytes;
 }
 
+template <class Use>
+auto LoopFolder::withDoubt(const Use& use) const {
+    const std::lock_guard lock(doubtMutex_);
+    return use(*doubt_);
+}
+
 // Does what syncs; that a sync failed is known from then on.
 template <class Action>
 void LoopFolder::remembering(SyncDoubt::Reach reach, const Action& action) const {
     try {
         action();
     } catch (const FileError& error) {
-        doubt_->remember(std::move(reach), error);
+        withDoubt([&](SyncDoubt& doubt) { doubt.remember(std::move(reach), error); });
         throw;
     }
 }
@@ -256,7 +262,7 @@ void LoopFolder::sync(const FileURL& url) {
         syncFolder(path());
     };
     try {
-        if (!doubt_->isOf(rest)) {
+        if (!withDoubt([&](const SyncDoubt& doubt) { return doubt.isOf(rest); })) {
             try {
                 remembering(SyncDoubt::reachOfFile(rest), [&] {
                     systemCalls::sync(files_.open(place).number(), place);
@@ -272,7 +278,7 @@ void LoopFolder::sync(const FileURL& url) {
             files_.rewrite(place);
             syncFolders();
         });
-        doubt_->forget(std::move(renewed));
+        withDoubt([&](SyncDoubt& doubt) { doubt.forget(std::move(renewed)); });
     } catch (const FileError& error) {
         // Not its own. But a file that only could not be looked at must not pass for one that is safe.
         const bool isNotOwn = error.code() == std::errc::operation_not_permitted ||
@@ -423,8 +429,11 @@ void LoopFolder::takeLock() {
     auto lock = FolderLock::acquire(lockFile());
     // The folder may be another one than at the start, or the first; what others know of this one counts from now on.
     auto doubt = SyncDoubt::of(path());
-    doubt->takeIn(*doubt_);
-    doubt_ = std::move(doubt);
+    {
+        const std::lock_guard guard(doubtMutex_);
+        doubt->takeIn(*doubt_);
+        doubt_ = std::move(doubt);
+    }
     lock_ = std::move(lock);
 }
 

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -158,13 +159,16 @@ private:
     [[nodiscard]] std::filesystem::path restOf(const std::filesystem::path& place) const {
         return place.lexically_relative(path());
     }
+    template <class Use>
+    auto withDoubt(const Use& use) const;
     template <class Action>
     void remembering(SyncDoubt::Reach reach, const Action& action) const;
 
     const OwnFolder files_;
     const std::filesystem::path manifestFile_;
     const std::string urlPrefix_;  // the text of the folder's URL and "/"
-    std::shared_ptr<SyncDoubt> doubt_;
+    mutable std::mutex doubtMutex_;
+    std::shared_ptr<SyncDoubt> doubt_;  // guarded by doubtMutex_, for `sync` does without the store's lock
     std::shared_ptr<FolderLock> lock_;
     std::optional<FileFacts> manifest_;             // the manifest as this process last read or wrote it
     std::optional<std::string_view> reasonToKeep_;  // why the manifest must be kept aside before it is replaced
